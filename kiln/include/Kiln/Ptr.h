@@ -1,0 +1,123 @@
+// Intrusive reference counting: PtrInterface is the base of every entity and
+// of every collection member; Ptr<T> is the strong pointer to it.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <utility>
+
+#include "Kiln/Exception.h"
+#include "Kiln/Types.h"
+
+namespace Kiln {
+
+// Process-wide switch: while set, reference counts change with atomic
+// read-modify-writes. It is read at every change, so set it before a second
+// thread first touches a shared object.
+extern std::atomic<bool> enableThreadSafePointers;
+
+class PtrInterface {
+ public:
+  PtrInterface() = default;
+  // Copying an object never copies its references.
+  PtrInterface(const PtrInterface&) : references_(0) {}
+  PtrInterface& operator=(const PtrInterface&) { return *this; }
+  virtual ~PtrInterface() = default;
+
+  // Number of Ptr<> currently holding this object.
+  U32 references() const { return references_; }
+
+  void newRef() const {
+    if (enableThreadSafePointers.load(std::memory_order_relaxed)) {
+      std::atomic_ref<U32>(references_).fetch_add(1, std::memory_order_relaxed);
+    } else {
+      ++references_;
+    }
+  }
+
+  // Drops one reference; the last one signals zeroReferencesIs(true) and
+  // destroys the object.
+  void deleteRef() const {
+    U32 left;
+    if (enableThreadSafePointers.load(std::memory_order_relaxed)) {
+      left = std::atomic_ref<U32>(references_).fetch_sub(
+                 1, std::memory_order_acq_rel) - 1;
+    } else {
+      left = --references_;
+    }
+    if (left == 0) {
+      PtrInterface* self = const_cast<PtrInterface*>(this);
+      self->zeroReferencesIs(true);
+      delete self;
+    }
+  }
+
+  // The runtime's signal that the last reference is gone; entities override
+  // it to tell their notifiees.
+  virtual void zeroReferencesIs(bool) {}
+
+ private:
+  mutable U32 references_ = 0;
+};
+
+// Strong pointer. May be null; copying adds a reference, destruction or
+// reassignment drops one.
+template <class T>
+class Ptr {
+ public:
+  Ptr() = default;
+  Ptr(std::nullptr_t) {}
+  Ptr(T* object) : object_(object) { acquire(); }
+  Ptr(const Ptr& other) : object_(other.object_) { acquire(); }
+  Ptr(Ptr&& other) noexcept : object_(other.object_) { other.object_ = nullptr; }
+  template <class U>
+  Ptr(const Ptr<U>& other) : object_(other.ptr()) { acquire(); }
+  ~Ptr() { release(); }
+
+  Ptr& operator=(const Ptr& other) {
+    // Acquire first so that self-assignment and aliasing are safe.
+    T* previous = object_;
+    object_ = other.object_;
+    acquire();
+    if (previous) previous->deleteRef();
+    return *this;
+  }
+  Ptr& operator=(Ptr&& other) noexcept {
+    if (this != &other) {
+      T* previous = object_;
+      object_ = other.object_;
+      other.object_ = nullptr;
+      if (previous) previous->deleteRef();
+    }
+    return *this;
+  }
+
+  T* ptr() const { return object_; }
+  T* operator->() const { return object_; }
+  T& operator*() const { return *object_; }
+  explicit operator bool() const { return object_ != nullptr; }
+
+  friend bool operator==(const Ptr& a, const Ptr& b) { return a.object_ == b.object_; }
+  friend bool operator==(const Ptr& a, std::nullptr_t) { return a.object_ == nullptr; }
+
+ private:
+  void acquire() const {
+    if (object_) object_->newRef();
+  }
+  void release() {
+    if (object_) object_->deleteRef();
+    object_ = nullptr;
+  }
+
+  T* object_ = nullptr;
+};
+
+// Returns p, or throws RangeException("null ValidPtr") when p is null: for the
+// places that must hand out an object.
+template <class T>
+Ptr<T> validPtr(Ptr<T> p) {
+  if (!p) throw RangeException("null ValidPtr");
+  return p;
+}
+
+}  // namespace Kiln

@@ -1,0 +1,7 @@
+#include "Kiln/Ptr.h"
+
+namespace Kiln {
+
+std::atomic<bool> enableThreadSafePointers{false};
+
+}  // namespace Kiln
