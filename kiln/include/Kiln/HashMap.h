@@ -1,0 +1,320 @@
+// Kiln::HashMap: the keyed collection of entity attributes. An array of
+// 2^b buckets, each a singly linked chain of reference-counted members. A
+// key's bucket is the top b bits of its bit-reversed 32-bit hash, so that
+// consecutive small integer keys land in buckets far apart and a bucket of
+// 2^b buckets splits into buckets 2i and 2i+1 when the array doubles.
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+#include "Kiln/Allocator.h"
+#include "Kiln/Assert.h"
+#include "Kiln/Ptr.h"
+#include "Kiln/Types.h"
+
+namespace Kiln {
+
+// Key hashes. Integers hash to their value (64-bit ones folded to 32 bits),
+// bool to 0 or 1, enumerations to their underlying value, texts to their
+// FNV-1a hash. Other key types supply their own `U32 kilnHash(const K&)`
+// beside the type, where argument-dependent lookup finds it.
+template <class T>
+  requires std::integral<T>
+constexpr U32 kilnHash(T key) {
+  if constexpr (sizeof(T) > sizeof(U32)) {
+    U64 wide = static_cast<U64>(key);
+    return static_cast<U32>(wide ^ (wide >> 32));
+  } else {
+    return static_cast<U32>(key);
+  }
+}
+
+template <class T>
+  requires std::is_enum_v<T>
+constexpr U32 kilnHash(T key) {
+  return kilnHash(static_cast<std::underlying_type_t<T>>(key));
+}
+
+U32 kilnHash(const std::string& key);
+
+// Returns v with bit 0 moved to bit 31, bit 1 to bit 30, and so on.
+constexpr U32 bitReverse(U32 v) {
+  v = ((v >> 1) & 0x55555555u) | ((v & 0x55555555u) << 1);
+  v = ((v >> 2) & 0x33333333u) | ((v & 0x33333333u) << 2);
+  v = ((v >> 4) & 0x0F0F0F0Fu) | ((v & 0x0F0F0F0Fu) << 4);
+  return __builtin_bswap32(v);
+}
+
+template <class M, class K, class V>
+class HashMap;
+
+// Base of the members of a HashMap<M, K, V>: the key, the value and the link
+// to the next member of the bucket. Derive as
+//   class KilnX : public Kiln::HashMapMember<KilnX, K, V> {
+//     using HashMapMember::HashMapMember; };
+template <class M, class K, class V>
+class HashMapMember : public PtrInterface, public Allocated<M> {
+ public:
+  HashMapMember(const K& key, const V& value) : key_(key), value_(value) {}
+
+  // The key; it never changes while the member is in a collection.
+  const K& key() const { return key_; }
+  const V& value() const { return value_; }
+  V& value() { return value_; }
+  void valueIs(const V& value) { value_ = value; }
+
+ private:
+  friend class HashMap<M, K, V>;
+
+  K key_;
+  V value_;
+  M* next_ = nullptr;
+};
+
+// Keyed collection of members M (derived from HashMapMember<M, K, V>).
+//
+// The map holds one reference to each member. Iteration runs bucket by
+// bucket in bucket-array order, and within a bucket in chain order (a new
+// member goes to the front of its chain); it is not the key order. Inserting
+// and removing invalidate iterators, except the one remove(Iterator) returns.
+//
+// Growth: the bucket array doubles whenever an insertion makes the members
+// outnumber the buckets (up to 2^30 buckets); it never shrinks, not even on
+// clear(). The array itself is only allocated by the first insertion, so an
+// empty map costs no allocation.
+//
+// Copying a map deep-copies it: every member is rebuilt as new M(key, value)
+// in the same bucket and chain position, so the copy iterates in the same
+// order as the original.
+template <class M, class K, class V>
+class HashMap {
+ public:
+  static constexpr U8 maxLog2Buckets = 30;
+
+  class Iterator {
+   public:
+    Iterator() = default;
+    M* operator->() const { return member_; }
+    M& operator*() const { return *member_; }
+    // The member, or nullptr at the end.
+    M* ptr() const { return member_; }
+    // The member's bucket; buckets() at the end.
+    U32 bucket() const { return bucket_; }
+    Iterator& operator++() {
+      member_ = member_->next_;
+      if (!member_) *this = map_->firstFrom(bucket_ + 1);
+      return *this;
+    }
+    Iterator operator++(int) {
+      Iterator before = *this;
+      ++*this;
+      return before;
+    }
+    friend bool operator==(const Iterator& a, const Iterator& b) {
+      return a.member_ == b.member_;
+    }
+
+   private:
+    friend class HashMap;
+    Iterator(const HashMap* map, M* member, U32 bucket)
+        : map_(map), member_(member), bucket_(bucket) {}
+
+    const HashMap* map_ = nullptr;
+    M* member_ = nullptr;
+    U32 bucket_ = 0;
+  };
+
+  // An empty map of 2^log2Buckets buckets.
+  explicit HashMap(U8 log2Buckets = 4)
+      : log2Buckets_(log2Buckets < maxLog2Buckets ? log2Buckets : maxLog2Buckets) {}
+  HashMap(const HashMap& other) : log2Buckets_(other.log2Buckets_) { copyFrom(other); }
+  HashMap(HashMap&& other) noexcept
+      : buckets_(std::move(other.buckets_)),
+        members_(std::exchange(other.members_, 0)),
+        log2Buckets_(other.log2Buckets_) {}
+  HashMap& operator=(const HashMap& other) {
+    if (this != &other) {
+      HashMap copy(other);
+      swap(copy);
+    }
+    return *this;
+  }
+  HashMap& operator=(HashMap&& other) noexcept {
+    if (this != &other) {
+      HashMap taken(std::move(other));
+      swap(taken);
+    }
+    return *this;
+  }
+  ~HashMap() { clear(); }
+
+  void swap(HashMap& other) noexcept {
+    std::swap(buckets_, other.buckets_);
+    std::swap(members_, other.members_);
+    std::swap(log2Buckets_, other.log2Buckets_);
+  }
+
+  static bool keyEquals(const K& a, const K& b) { return a == b; }
+  static bool keyLessThan(const K& a, const K& b) { return a < b; }
+
+  // The bucket of key in an array of 2^log2Buckets buckets: the top
+  // log2Buckets bits of the bit-reversed hash.
+  static U32 bucketOf(const K& key, U8 log2Buckets) {
+    if (log2Buckets == 0) return 0;  // a shift by 32 would be undefined
+    return bitReverse(kilnHash(key)) >> (32 - log2Buckets);
+  }
+
+  // The base-2 logarithm of the bucket count.
+  U8 log2Buckets() const { return log2Buckets_; }
+  U32 buckets() const { return U32(1) << log2Buckets_; }
+  U32 members() const { return members_; }
+  bool empty() const { return members_ == 0; }
+
+  // The member with this key, or nullptr.
+  M* find(const K& key) const {
+    if (!buckets_) return nullptr;
+    for (M* m = buckets_[bucketOf(key, log2Buckets_)]; m; m = m->next_) {
+      if (keyEquals(m->key_, key)) return m;
+    }
+    return nullptr;
+  }
+
+  // Adds member, whose key must not be in the map yet; takes a reference.
+  void insert(const Ptr<M>& member) {
+    M* m = member.ptr();
+    KILN_ASSERT(m != nullptr);
+    if (!buckets_) buckets_ = newBuckets(log2Buckets_);
+    m->newRef();
+    link(m, buckets_.get(), log2Buckets_);
+    ++members_;
+    if (members_ > buckets() && log2Buckets_ < maxLog2Buckets) grow();
+  }
+
+  // Unlinks the member with this key and returns it (null if absent); the
+  // map's reference passes to the result.
+  Ptr<M> remove(const K& key) {
+    if (!buckets_) return nullptr;
+    M** link = &buckets_[bucketOf(key, log2Buckets_)];
+    while (*link && !keyEquals((*link)->key_, key)) link = &(*link)->next_;
+    return *link ? unlink(link) : nullptr;
+  }
+
+  // Removes the member at position and returns the position of the next one.
+  Iterator remove(Iterator position) {
+    M* m = position.member_;
+    Iterator next = position;
+    ++next;
+    M** link = &buckets_[position.bucket_];
+    while (*link != m) link = &(*link)->next_;
+    unlink(link);
+    return next;
+  }
+
+  // Removes every member, dropping the map's references; keeps the buckets.
+  void clear() {
+    if (!buckets_) return;
+    for (U32 b = 0, n = buckets(); b < n; ++b) {
+      M* m = std::exchange(buckets_[b], nullptr);
+      while (m) {
+        M* next = m->next_;
+        m->next_ = nullptr;
+        m->deleteRef();
+        m = next;
+      }
+    }
+    members_ = 0;
+  }
+
+  Iterator begin() const { return firstFrom(0); }
+  Iterator end() const { return Iterator(this, nullptr, buckets()); }
+
+  // True when both maps hold the same keys with equal values.
+  friend bool operator==(const HashMap& a, const HashMap& b) {
+    if (a.members_ != b.members_) return false;
+    for (const M& m : a) {
+      const M* other = b.find(m.key());
+      if (!other || !(other->value() == m.value())) return false;
+    }
+    return true;
+  }
+
+ private:
+  static std::unique_ptr<M*[]> newBuckets(U8 log2Buckets) {
+    return std::unique_ptr<M*[]>(new M*[std::size_t(1) << log2Buckets]());
+  }
+
+  // Puts m at the front of its chain.
+  static void link(M* m, M** buckets, U8 log2Buckets) {
+    M*& head = buckets[bucketOf(m->key_, log2Buckets)];
+    m->next_ = head;
+    head = m;
+  }
+
+  // Unlinks *link from its chain and hands over the map's reference.
+  Ptr<M> unlink(M** link) {
+    M* m = *link;
+    *link = m->next_;
+    m->next_ = nullptr;
+    --members_;
+    Ptr<M> removed(m);
+    m->deleteRef();
+    return removed;
+  }
+
+  // Doubles the bucket array. Bucket i splits into 2i and 2i+1; walking each
+  // old chain from its back keeps the chain order in the new buckets.
+  void grow() {
+    U8 log2 = log2Buckets_ + 1;
+    std::unique_ptr<M*[]> bigger = newBuckets(log2);
+    for (U32 b = 0, n = buckets(); b < n; ++b) {
+      M* reversed = nullptr;
+      for (M* m = buckets_[b]; m;) {
+        M* next = m->next_;
+        m->next_ = reversed;
+        reversed = m;
+        m = next;
+      }
+      while (reversed) {
+        M* next = reversed->next_;
+        link(reversed, bigger.get(), log2);
+        reversed = next;
+      }
+    }
+    buckets_ = std::move(bigger);
+    log2Buckets_ = log2;
+  }
+
+  void copyFrom(const HashMap& other) {
+    if (!other.buckets_) return;
+    buckets_ = newBuckets(log2Buckets_);
+    for (U32 b = 0, n = buckets(); b < n; ++b) {
+      M** tail = &buckets_[b];
+      for (M* m = other.buckets_[b]; m; m = m->next_) {
+        M* copy = new M(m->key_, m->value_);
+        copy->newRef();
+        *tail = copy;
+        tail = &copy->next_;
+        ++members_;
+      }
+    }
+  }
+
+  // The first member in bucket b or after it.
+  Iterator firstFrom(U32 b) const {
+    for (U32 n = buckets_ ? buckets() : 0; b < n; ++b) {
+      if (buckets_[b]) return Iterator(this, buckets_[b], b);
+    }
+    return end();
+  }
+
+  std::unique_ptr<M*[]> buckets_;
+  U32 members_ = 0;
+  U8 log2Buckets_;
+};
+
+}  // namespace Kiln

@@ -1,0 +1,332 @@
+// Kiln::RbTreeMap: the ordered collection of entity attributes, a red-black
+// tree whose links live in the members themselves (no separate nodes).
+#pragma once
+
+#include <utility>
+
+#include "Kiln/Allocator.h"
+#include "Kiln/Assert.h"
+#include "Kiln/Ptr.h"
+#include "Kiln/Types.h"
+
+namespace Kiln {
+
+template <class M, class K, class V>
+class RbTreeMap;
+
+// Test peer: lets a test inspect and damage the links (defined by the test).
+struct RbTreeAccess;
+
+// Base of the members of an RbTreeMap<M, K, V>: key, value, colour and the
+// tree links. Derive as
+//   class KilnX : public Kiln::RbTreeMember<KilnX, K, V> {
+//     using RbTreeMember::RbTreeMember; };
+// The small fields come first so that they fill the tail of the reference
+// count's word (a U16 key and a bool value make a 40-byte member).
+template <class M, class K, class V>
+class RbTreeMember : public PtrInterface, public Allocated<M> {
+ public:
+  RbTreeMember(const K& key, const V& value) : key_(key), value_(value) {}
+
+  // The key; it never changes while the member is in a collection.
+  const K& key() const { return key_; }
+  const V& value() const { return value_; }
+  V& value() { return value_; }
+  void valueIs(const V& value) { value_ = value; }
+
+ private:
+  friend class RbTreeMap<M, K, V>;
+  friend struct RbTreeAccess;
+
+  K key_;
+  V value_;
+  bool red_ = false;
+  M* child_[2] = {nullptr, nullptr};  // [0] smaller keys, [1] larger keys
+  M* parent_ = nullptr;
+};
+
+// Ordered collection of members M (derived from RbTreeMember<M, K, V>),
+// ascending by K's <. Every operation is O(log n); first(), last() and
+// stepping an iterator never allocate. The map holds one reference to each
+// member. Inserting and removing invalidate iterators, except the one
+// remove(Iterator) returns. Not copyable.
+template <class M, class K, class V>
+class RbTreeMap {
+ public:
+  // Ascending bidirectional iterator; --end() is the last member.
+  class Iterator {
+   public:
+    Iterator() = default;
+    M* operator->() const { return member_; }
+    M& operator*() const { return *member_; }
+    // The member, or nullptr at the end.
+    M* ptr() const { return member_; }
+    Iterator& operator++() {
+      member_ = step(member_, 1);
+      return *this;
+    }
+    Iterator operator++(int) {
+      Iterator before = *this;
+      ++*this;
+      return before;
+    }
+    Iterator& operator--() {
+      member_ = member_ ? step(member_, 0) : map_->last();
+      return *this;
+    }
+    Iterator operator--(int) {
+      Iterator before = *this;
+      --*this;
+      return before;
+    }
+    friend bool operator==(const Iterator& a, const Iterator& b) {
+      return a.member_ == b.member_;
+    }
+
+   private:
+    friend class RbTreeMap;
+    Iterator(const RbTreeMap* map, M* member) : map_(map), member_(member) {}
+
+    const RbTreeMap* map_ = nullptr;
+    M* member_ = nullptr;
+  };
+
+  RbTreeMap() = default;
+  RbTreeMap(const RbTreeMap&) = delete;
+  RbTreeMap& operator=(const RbTreeMap&) = delete;
+  ~RbTreeMap() { clear(); }
+
+  static bool keyEquals(const K& a, const K& b) { return a == b; }
+  static bool keyLessThan(const K& a, const K& b) { return a < b; }
+
+  U32 members() const { return members_; }
+  bool empty() const { return members_ == 0; }
+
+  // The member with this key, or nullptr.
+  M* find(const K& key) const {
+    M* m = root_;
+    while (m) {
+      if (keyLessThan(key, m->key_)) {
+        m = m->child_[0];
+      } else if (keyLessThan(m->key_, key)) {
+        m = m->child_[1];
+      } else {
+        return m;
+      }
+    }
+    return nullptr;
+  }
+
+  // The member with the smallest key, or nullptr when empty.
+  M* first() const { return root_ ? extreme(root_, 0) : nullptr; }
+  // The member with the largest key, or nullptr when empty.
+  M* last() const { return root_ ? extreme(root_, 1) : nullptr; }
+
+  // The first member whose key is not less than key, or end().
+  Iterator lowerBound(const K& key) const {
+    M* found = nullptr;
+    for (M* m = root_; m;) {
+      if (keyLessThan(m->key_, key)) {
+        m = m->child_[1];
+      } else {
+        found = m;
+        m = m->child_[0];
+      }
+    }
+    return Iterator(this, found);
+  }
+
+  // Adds member, whose key must not be in the map yet; takes a reference.
+  void insert(const Ptr<M>& member) {
+    M* m = member.ptr();
+    KILN_ASSERT(m != nullptr);
+    M* parent = nullptr;
+    int side = 0;
+    for (M* at = root_; at; at = at->child_[side]) {
+      parent = at;
+      side = keyLessThan(at->key_, m->key_);
+      KILN_ASSERT(side || keyLessThan(m->key_, at->key_));  // key already present
+    }
+    m->newRef();
+    m->child_[0] = m->child_[1] = nullptr;
+    m->parent_ = parent;
+    m->red_ = true;
+    (parent ? parent->child_[side] : root_) = m;
+    ++members_;
+    rebalanceAfterInsert(m);
+  }
+
+  // Unlinks the member with this key and returns it (null if absent); the
+  // map's reference passes to the result.
+  Ptr<M> remove(const K& key) {
+    M* m = find(key);
+    return m ? unlink(m) : nullptr;
+  }
+
+  // Removes the member at position and returns the position of the next one.
+  Iterator remove(Iterator position) {
+    M* next = step(position.member_, 1);
+    unlink(position.member_);
+    return Iterator(this, next);
+  }
+
+  // Removes every member, dropping the map's references.
+  void clear() {
+    // Post-order walk through the parent links: a member is released only
+    // after both of its subtrees.
+    M* m = root_;
+    root_ = nullptr;
+    members_ = 0;
+    while (m) {
+      if (m->child_[0]) {
+        m = std::exchange(m->child_[0], nullptr);
+      } else if (m->child_[1]) {
+        m = std::exchange(m->child_[1], nullptr);
+      } else {
+        M* parent = std::exchange(m->parent_, nullptr);
+        m->deleteRef();
+        m = parent;
+      }
+    }
+  }
+
+  Iterator begin() const { return Iterator(this, first()); }
+  Iterator end() const { return Iterator(this, nullptr); }
+
+ private:
+  friend struct RbTreeAccess;
+
+  static bool isRed(const M* m) { return m && m->red_; }
+
+  // The leftmost (dir 0) or rightmost (dir 1) member below m.
+  static M* extreme(M* m, int dir) {
+    while (m->child_[dir]) m = m->child_[dir];
+    return m;
+  }
+
+  // The in-order successor (dir 1) or predecessor (dir 0) of m, or nullptr.
+  static M* step(M* m, int dir) {
+    if (m->child_[dir]) return extreme(m->child_[dir], !dir);
+    M* parent = m->parent_;
+    while (parent && m == parent->child_[dir]) {
+      m = parent;
+      parent = m->parent_;
+    }
+    return parent;
+  }
+
+  // Makes `to` take `from`'s place under from's parent.
+  void replaceChild(M* from, M* to) {
+    M* parent = from->parent_;
+    (parent ? parent->child_[from == parent->child_[1]] : root_) = to;
+    if (to) to->parent_ = parent;
+  }
+
+  // Rotates m down towards dir: its child on the other side takes its place.
+  void rotate(M* m, int dir) {
+    M* up = m->child_[!dir];
+    m->child_[!dir] = up->child_[dir];
+    if (up->child_[dir]) up->child_[dir]->parent_ = m;
+    replaceChild(m, up);
+    up->child_[dir] = m;
+    m->parent_ = up;
+  }
+
+  void rebalanceAfterInsert(M* m) {
+    while (isRed(m->parent_)) {
+      M* parent = m->parent_;
+      M* grand = parent->parent_;  // a red member is never the root
+      int dir = parent == grand->child_[1];
+      M* uncle = grand->child_[!dir];
+      if (isRed(uncle)) {
+        parent->red_ = uncle->red_ = false;
+        grand->red_ = true;
+        m = grand;
+        continue;
+      }
+      if (m == parent->child_[!dir]) {
+        rotate(parent, dir);
+        std::swap(m, parent);
+      }
+      parent->red_ = false;
+      grand->red_ = true;
+      rotate(grand, !dir);
+      break;
+    }
+    root_->red_ = false;
+  }
+
+  // Takes m out of the tree and hands over the map's reference.
+  Ptr<M> unlink(M* m) {
+    M* child;        // the member that moves into the vacated place, maybe null
+    M* parent;       // child's parent after the move
+    bool blackGone;  // a black member left its path: rebalance
+    if (m->child_[0] && m->child_[1]) {
+      // Two children: the successor (no left child) takes m's place and
+      // colour; the successor's old place is the one that loses a member.
+      M* next = extreme(m->child_[1], 0);
+      blackGone = !next->red_;
+      child = next->child_[1];
+      if (next->parent_ == m) {
+        parent = next;
+      } else {
+        parent = next->parent_;
+        replaceChild(next, child);
+        next->child_[1] = m->child_[1];
+        next->child_[1]->parent_ = next;
+      }
+      replaceChild(m, next);
+      next->child_[0] = m->child_[0];
+      next->child_[0]->parent_ = next;
+      next->red_ = m->red_;
+    } else {
+      blackGone = !m->red_;
+      child = m->child_[0] ? m->child_[0] : m->child_[1];
+      parent = m->parent_;
+      replaceChild(m, child);
+    }
+    if (blackGone) rebalanceAfterRemove(child, parent);
+    m->child_[0] = m->child_[1] = m->parent_ = nullptr;
+    --members_;
+    Ptr<M> removed(m);
+    m->deleteRef();
+    return removed;
+  }
+
+  // The path through m (child of parent, maybe null) is one black short.
+  void rebalanceAfterRemove(M* m, M* parent) {
+    while (m != root_ && !isRed(m)) {
+      int dir = m == parent->child_[1];
+      M* sibling = parent->child_[!dir];  // never null: its side is black-taller
+      if (sibling->red_) {
+        sibling->red_ = false;
+        parent->red_ = true;
+        rotate(parent, dir);
+        sibling = parent->child_[!dir];
+      }
+      if (!isRed(sibling->child_[0]) && !isRed(sibling->child_[1])) {
+        sibling->red_ = true;
+        m = parent;
+        parent = m->parent_;
+        continue;
+      }
+      if (!isRed(sibling->child_[!dir])) {
+        sibling->child_[dir]->red_ = false;
+        sibling->red_ = true;
+        rotate(sibling, !dir);
+        sibling = parent->child_[!dir];
+      }
+      sibling->red_ = parent->red_;
+      parent->red_ = false;
+      sibling->child_[!dir]->red_ = false;
+      rotate(parent, dir);
+      m = root_;
+    }
+    if (m) m->red_ = false;
+  }
+
+  M* root_ = nullptr;
+  U32 members_ = 0;
+};
+
+}  // namespace Kiln
