@@ -1,0 +1,274 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "Kiln/Allocator.h"
+#include "Kiln/HashMap.h"
+
+namespace {
+
+class KilnCount : public Kiln::HashMapMember<KilnCount, U32, U32> {
+  using HashMapMember::HashMapMember;
+};
+using CountMap = Kiln::HashMap<KilnCount, U32, U32>;
+
+// A key with a deliberately weak hash: the OR of its two bytes, so that 1.2,
+// 2.1 and 3.0 collide.
+struct PortKey {
+  U8 sw;
+  U8 port;
+  friend bool operator==(const PortKey& a, const PortKey& b) {
+    return a.sw == b.sw && a.port == b.port;
+  }
+  friend bool operator<(const PortKey& a, const PortKey& b) {
+    return a.sw < b.sw || (a.sw == b.sw && a.port < b.port);
+  }
+};
+U32 kilnHash(const PortKey& key) { return key.sw | key.port; }
+
+class KilnPort : public Kiln::HashMapMember<KilnPort, PortKey, std::string> {
+  using HashMapMember::HashMapMember;
+};
+using PortMap = Kiln::HashMap<KilnPort, PortKey, std::string>;
+
+enum class Colour : U8 { red = 3, blue = 9 };
+
+std::vector<U32> iteratedKeys(const CountMap& map) {
+  std::vector<U32> keys;
+  for (const KilnCount& m : map) keys.push_back(m.key());
+  return keys;
+}
+
+TEST(KilnHash, IntegersHashToTheirValue) {
+  EXPECT_EQ(Kiln::kilnHash(U8(200)), 200u);
+  EXPECT_EQ(Kiln::kilnHash(U16(65535)), 65535u);
+  EXPECT_EQ(Kiln::kilnHash(U32(0xDEADBEEF)), 0xDEADBEEFu);
+  EXPECT_EQ(Kiln::kilnHash(S8(-1)), 0xFFFFFFFFu);
+  EXPECT_EQ(Kiln::kilnHash(S32(-2)), 0xFFFFFFFEu);
+  EXPECT_EQ(Kiln::kilnHash(true), 1u);
+  EXPECT_EQ(Kiln::kilnHash(false), 0u);
+}
+
+TEST(KilnHash, SixtyFourBitIntegersFoldTheirHalves) {
+  EXPECT_EQ(Kiln::kilnHash(U64(7)), 7u);
+  EXPECT_EQ(Kiln::kilnHash(U64(0x0000000100000001ull)), 0u);
+  EXPECT_EQ(Kiln::kilnHash(U64(0x1234567800000000ull)), 0x12345678u);
+  EXPECT_EQ(Kiln::kilnHash(S64(-1)), 0u);
+}
+
+TEST(KilnHash, EnumerationsHashToTheirValue) {
+  EXPECT_EQ(Kiln::kilnHash(Colour::blue), 9u);
+}
+
+TEST(KilnHash, TextsHashWithFnv1a) {
+  EXPECT_EQ(Kiln::kilnHash(std::string()), 2166136261u);
+  EXPECT_EQ(Kiln::kilnHash(std::string("a")), 0xE40C292Cu);
+  EXPECT_EQ(Kiln::kilnHash(std::string("foobar")), 0xBF9CF968u);
+  EXPECT_NE(Kiln::kilnHash(std::string("Ethernet1")), Kiln::kilnHash(std::string("Ethernet2")));
+}
+
+TEST(KilnHash, BitReverseMirrorsTheWord) {
+  EXPECT_EQ(Kiln::bitReverse(1), 0x80000000u);
+  EXPECT_EQ(Kiln::bitReverse(0x80000000u), 1u);
+  EXPECT_EQ(Kiln::bitReverse(0x0000000Fu), 0xF0000000u);
+  EXPECT_EQ(Kiln::bitReverse(0x12345678u), 0x1E6A2C48u);
+  EXPECT_EQ(Kiln::bitReverse(Kiln::bitReverse(0xCAFEF00Du)), 0xCAFEF00Du);
+}
+
+TEST(HashMap, BucketIsTheTopBitsOfTheReversedHash) {
+  EXPECT_EQ(CountMap::bucketOf(0, 4), 0u);
+  EXPECT_EQ(CountMap::bucketOf(1, 4), 8u);
+  EXPECT_EQ(CountMap::bucketOf(2, 4), 4u);
+  EXPECT_EQ(CountMap::bucketOf(3, 4), 12u);
+  EXPECT_EQ(CountMap::bucketOf(16, 4), 0u);  // only the low 4 bits count
+  EXPECT_EQ(CountMap::bucketOf(1, 1), 1u);
+  EXPECT_EQ(CountMap::bucketOf(2, 1), 0u);
+  EXPECT_EQ(CountMap::bucketOf(0xFFFFFFFFu, 30), (1u << 30) - 1);
+}
+
+TEST(HashMap, OneBucketHoldsEveryKey) {
+  for (U32 k : {0u, 1u, 0xFFFFFFFFu}) EXPECT_EQ(CountMap::bucketOf(k, 0), 0u);
+  CountMap map(0);
+  EXPECT_EQ(map.buckets(), 1u);
+  map.insert(new KilnCount(5, 50));
+  EXPECT_EQ(map.begin().bucket(), 0u);
+  EXPECT_EQ(map.find(5)->value(), 50u);
+}
+
+TEST(HashMap, KeepsTheBucketCountAsItsLogarithm) {
+  EXPECT_EQ(CountMap().log2Buckets(), 4);
+  EXPECT_EQ(CountMap().buckets(), 16u);
+  EXPECT_EQ(CountMap(7).buckets(), 128u);
+  EXPECT_EQ(CountMap(40).log2Buckets(), CountMap::maxLog2Buckets);
+}
+
+TEST(HashMap, MembersSitInTheirKeysBuckets) {
+  CountMap map;
+  for (U32 k = 1; k <= 3; ++k) map.insert(new KilnCount(k, 0));
+  std::vector<U32> buckets;
+  for (auto it = map.begin(); it != map.end(); ++it) buckets.push_back(it.bucket());
+  EXPECT_EQ(buckets, (std::vector<U32>{4, 8, 12}));
+  EXPECT_EQ(map.end().bucket(), 16u);
+}
+
+TEST(HashMap, IteratesInBucketOrderNotKeyOrder) {
+  CountMap map;
+  for (U32 k : {3u, 1u, 0u, 2u}) map.insert(new KilnCount(k, 0));
+  EXPECT_EQ(iteratedKeys(map), (std::vector<U32>{0, 2, 1, 3}));
+
+  CountMap big(2);
+  for (U32 k = 0; k < 1000; ++k) big.insert(new KilnCount(k * 7, 0));
+  U32 previous = 0;
+  for (auto it = big.begin(); it != big.end(); ++it) {
+    EXPECT_EQ(it.bucket(), CountMap::bucketOf(it->key(), big.log2Buckets()));
+    EXPECT_GE(it.bucket(), previous);
+    previous = it.bucket();
+  }
+}
+
+TEST(HashMap, GrowsByDoublingWhenMembersOutnumberBuckets) {
+  CountMap map(4);
+  for (U32 k = 0; k < 16; ++k) map.insert(new KilnCount(k, k));
+  EXPECT_EQ(map.log2Buckets(), 4);
+  map.insert(new KilnCount(16, 16));
+  EXPECT_EQ(map.log2Buckets(), 5);
+  for (U32 k = 17; k < 5000; ++k) map.insert(new KilnCount(k, k));
+  EXPECT_EQ(map.buckets(), 8192u);
+  EXPECT_EQ(map.members(), 5000u);
+  for (U32 k = 0; k < 5000; ++k) {
+    ASSERT_NE(map.find(k), nullptr) << k;
+    EXPECT_EQ(map.find(k)->value(), k);
+  }
+  EXPECT_EQ(iteratedKeys(map).size(), 5000u);
+}
+
+TEST(HashMap, GrowingKeepsTheOrderOfCollidingMembers) {
+  // Keys equal modulo 16 share a bucket at 16 buckets; after doubling they
+  // split by their fifth bit, each half in its previous relative order.
+  CountMap map(4);
+  for (U32 k : {1u, 17u, 33u, 49u, 65u}) map.insert(new KilnCount(k, 0));
+  EXPECT_EQ(iteratedKeys(map), (std::vector<U32>{65, 49, 33, 17, 1}));
+  for (U32 k = 100; k < 112; ++k) map.insert(new KilnCount(k, 0));
+  ASSERT_EQ(map.log2Buckets(), 5);
+  std::vector<U32> colliding;
+  for (U32 k : iteratedKeys(map)) {
+    if (k % 16 == 1 && k < 100) colliding.push_back(k);
+  }
+  EXPECT_EQ(colliding, (std::vector<U32>{65, 33, 1, 49, 17}));
+}
+
+TEST(HashMap, CollidingKeysAreToldApartByEquality) {
+  PortMap map;
+  PortKey a{1, 2}, b{2, 1}, c{3, 0};
+  EXPECT_EQ(PortMap::bucketOf(a, 4), PortMap::bucketOf(b, 4));
+  EXPECT_EQ(PortMap::bucketOf(a, 4), PortMap::bucketOf(c, 4));
+  map.insert(new KilnPort(a, "a"));
+  map.insert(new KilnPort(b, "b"));
+  map.insert(new KilnPort(c, "c"));
+  EXPECT_EQ(map.find(a)->value(), "a");
+  EXPECT_EQ(map.find(b)->value(), "b");
+  EXPECT_EQ(map.find(c)->value(), "c");
+  EXPECT_EQ(map.find(PortKey{0, 3}), nullptr);  // same bucket, absent
+  EXPECT_EQ(map.remove(b)->value(), "b");
+  EXPECT_EQ(map.find(b), nullptr);
+  EXPECT_EQ(map.find(a)->value(), "a");
+  EXPECT_EQ(map.find(c)->value(), "c");
+  EXPECT_TRUE(PortMap::keyLessThan(a, b));
+  EXPECT_FALSE(PortMap::keyEquals(a, b));
+}
+
+TEST(HashMap, RemovesThroughAnIteratorInTheMiddleOfAChain) {
+  PortMap map;
+  for (U8 sw = 0; sw < 4; ++sw) map.insert(new KilnPort(PortKey{sw, U8(3 - sw)}, ""));
+  auto it = map.begin();
+  ++it;
+  PortKey second = it->key();
+  ++it;
+  PortKey third = it->key();
+  it = map.begin();
+  ++it;
+  it = map.remove(it);
+  ASSERT_TRUE(it != map.end());
+  EXPECT_TRUE(it->key() == third);
+  EXPECT_EQ(map.find(second), nullptr);
+  EXPECT_EQ(map.members(), 3u);
+}
+
+TEST(HashMap, CopyRebuildsEveryMemberInTheSameOrder) {
+  const Kiln::AllocationRecord& record = Kiln::allocationRecord<KilnCount>();
+  CountMap original(3);
+  for (U32 k = 0; k < 40; ++k) original.insert(new KilnCount(k * 5, k));
+  U64 live = record.live();
+  CountMap copy(original);
+  EXPECT_EQ(record.live(), live + 40);
+  EXPECT_EQ(copy.members(), 40u);
+  EXPECT_EQ(copy.log2Buckets(), original.log2Buckets());
+  EXPECT_EQ(iteratedKeys(copy), iteratedKeys(original));
+  EXPECT_TRUE(copy == original);
+  for (const KilnCount& m : copy) {
+    EXPECT_NE(&m, original.find(m.key()));
+    EXPECT_EQ(m.references(), 1u);
+  }
+  copy.find(5)->valueIs(99);
+  EXPECT_EQ(original.find(5)->value(), 1u);
+  EXPECT_FALSE(copy == original);
+  copy.remove(0);
+  EXPECT_NE(original.find(0), nullptr);
+}
+
+TEST(HashMap, AssignmentReplacesTheMembers) {
+  const Kiln::AllocationRecord& record = Kiln::allocationRecord<KilnCount>();
+  U64 live = record.live();
+  {
+    CountMap a, b;
+    for (U32 k = 0; k < 10; ++k) a.insert(new KilnCount(k, k));
+    for (U32 k = 0; k < 3; ++k) b.insert(new KilnCount(k + 100, k));
+    b = a;
+    EXPECT_TRUE(b == a);
+    EXPECT_EQ(record.live(), live + 20);
+    b = b;  // self-assignment keeps the members
+    EXPECT_EQ(b.members(), 10u);
+    CountMap empty;
+    b = empty;
+    EXPECT_TRUE(b.empty());
+    EXPECT_TRUE(b.begin() == b.end());
+    CountMap moved(std::move(a));
+    EXPECT_EQ(moved.members(), 10u);
+    EXPECT_EQ(a.members(), 0u);  // NOLINT: a moved-from map is empty
+    b = std::move(moved);
+    EXPECT_EQ(b.members(), 10u);
+    EXPECT_EQ(record.live(), live + 10);
+  }
+  EXPECT_EQ(record.live(), live);
+}
+
+TEST(HashMap, EqualityComparesKeysAndValuesNotOrder) {
+  CountMap a(0), b(6);
+  for (U32 k = 0; k < 20; ++k) a.insert(new KilnCount(k, k * 2));
+  for (U32 k = 20; k-- > 0;) b.insert(new KilnCount(k, k * 2));
+  EXPECT_TRUE(a == b);
+  b.remove(3);
+  EXPECT_FALSE(a == b);
+  b.insert(new KilnCount(33, 6));
+  EXPECT_FALSE(a == b);
+  EXPECT_TRUE(CountMap() == CountMap(9));
+}
+
+TEST(HashMap, AnEmptyMapAllocatesNoBuckets) {
+  CountMap map(20);
+  EXPECT_EQ(map.find(1), nullptr);
+  EXPECT_FALSE(map.remove(1));
+  EXPECT_TRUE(map.begin() == map.end());
+  map.clear();
+  CountMap copy(map);
+  EXPECT_TRUE(copy.empty());
+}
+
+TEST(HashMapDeathTest, RefusesANullMember) {
+  CountMap map;
+  EXPECT_DEATH(map.insert(nullptr), "Assertion `m != nullptr' failed");
+}
+
+}  // namespace
