@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <type_traits>
 #include <utility>
 
 #include "Kiln/Exception.h"
@@ -16,12 +17,51 @@ namespace Kiln {
 // thread first touches a shared object.
 extern std::atomic<bool> enableThreadSafePointers;
 
+class NotifieeList;
+class TypeRecord;
+
 class PtrInterface {
  public:
+  // The base of every notifiee (observer); defined in Kiln/Notifiee.h.
+  class NotifieeConst;
+
+  // Index of the first attribute that a class derived directly from this one
+  // declares; every level of derivation adds 128 (Kiln::Entity's own
+  // attributes start at 130, an entity's at 258, a derived entity's at 386).
+  static constexpr U32 kilnAttributeStart = 2;
+
   PtrInterface() = default;
   // Copying an object never copies its references.
   PtrInterface(const PtrInterface&) : references_(0) {}
   PtrInterface& operator=(const PtrInterface&) { return *this; }
+
+  // The virtual operations below keep this slot order in every derived type:
+  // notifieeList, hasNotificationActiveIs, kilnAuditErrors, auditErrors,
+  // zeroReferencesIs, fwkType, then the destructor.
+
+  // The registered notifiees of this object, or null for an object that
+  // never notifies (collection members, types declared without notification).
+  virtual NotifieeList* notifieeList() const { return nullptr; }
+
+  // Switches notification on or off; while off, mutators still store but no
+  // handler is called. Objects without a notifiee list ignore it.
+  virtual void hasNotificationActiveIs(bool) {}
+
+  // Number of broken runtime invariants found in this object (notifiee list
+  // consistency); 0 when sound. The level is the depth of the check.
+  virtual U32 kilnAuditErrors(U32 level) const;
+
+  // Number of broken invariants of the type's own (hand-written) audit; 0
+  // unless a type overrides it.
+  virtual U32 auditErrors(U32) const { return 0; }
+
+  // The runtime's signal that the last reference is gone; entities override
+  // it to tell their notifiees.
+  virtual void zeroReferencesIs(bool) {}
+
+  // The registered type record of the object's most derived type.
+  virtual const TypeRecord& fwkType() const;
+
   virtual ~PtrInterface() = default;
 
   // Number of Ptr<> currently holding this object.
@@ -52,10 +92,6 @@ class PtrInterface {
     }
   }
 
-  // The runtime's signal that the last reference is gone; entities override
-  // it to tell their notifiees.
-  virtual void zeroReferencesIs(bool) {}
-
  private:
   mutable U32 references_ = 0;
 };
@@ -71,6 +107,7 @@ class Ptr {
   Ptr(const Ptr& other) : object_(other.object_) { acquire(); }
   Ptr(Ptr&& other) noexcept : object_(other.object_) { other.object_ = nullptr; }
   template <class U>
+    requires std::is_convertible_v<U*, T*>
   Ptr(const Ptr<U>& other) : object_(other.ptr()) { acquire(); }
   ~Ptr() { release(); }
 

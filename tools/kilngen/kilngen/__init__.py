@@ -1,0 +1,2 @@
+"""kilngen: turns schema declarations of Kiln entities, value types and
+enumerations into C++ headers and sources."""
