@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 #include <optional>
 
@@ -68,6 +69,9 @@ class NextHopAccessTest : public NextHopAccessBase {
 // Death tests take the activity lock inside the child process: a forked
 // child cannot release a mutex that its parent took.
 class NextHopAccessDeathTest : public NextHopAccessBase {};
+
+// For calls made, wrongly, without the activity lock.
+class NextHopAccessWithoutLockTest : public NextHopAccessBase {};
 
 }  // namespace
 
@@ -218,6 +222,20 @@ TEST_F(NextHopAccessTest, UnreleasableLockThrowsWithoutTouchingTheChip) {
   EXPECT_THROW(Brevant::logicalPortGlort(65532), Kiln::InternalException);
   EXPECT_TRUE(FmSim::calls().empty());
   EXPECT_TRUE(Kiln::ActivityUnlockAnchor::lock()->heldByCurrentThread());
+}
+
+TEST_F(NextHopAccessWithoutLockTest, CallerNotHoldingTheActivityLockGetsTheReleaseError) {
+  U64 word = 1;
+  try {
+    writeNextHopInternal(3, 1, &word);
+    ADD_FAILURE() << "no exception";
+  } catch (const Kiln::ErrnoException& e) {
+    EXPECT_EQ(e.errnum(), EPERM);
+    EXPECT_THAT(e.what(), testing::StartsWith("Failed to release the lock: "));
+  }
+  EXPECT_THROW(Brevant::logicalPortGlort(65532), Kiln::ErrnoException);
+  EXPECT_TRUE(FmSim::calls().empty());
+  EXPECT_FALSE(Kiln::ActivityUnlockAnchor::lock()->heldByCurrentThread());
 }
 
 TEST_F(NextHopAccessTest, GlortComesFromTheChip) {
