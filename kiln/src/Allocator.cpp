@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 namespace Kiln {
 namespace {
@@ -23,6 +24,30 @@ Registry& registry() {
 }
 
 }  // namespace
+
+void SlotPool::Guard::acquire(std::atomic<bool>& lock) noexcept {
+  while (lock.exchange(true, std::memory_order_acquire)) {
+    while (lock.load(std::memory_order_relaxed)) std::this_thread::yield();
+  }
+}
+
+void SlotPool::refill(std::size_t size, std::size_t align) {
+  constexpr std::size_t firstSlots = 16;
+  constexpr std::size_t largestChunk = 64 * 1024;
+  align = std::max(align, alignof(void*));
+  // The link to the previous chunk sits before the first slot, padded so that
+  // the slots keep their alignment.
+  const std::size_t header = (sizeof(void*) + align - 1) / align * align;
+  std::size_t bytes =
+      reserved_ ? std::min(2 * reserved_, largestChunk) : header + firstSlots * size;
+  bytes = std::max(bytes, header + size);
+  char* chunk = static_cast<char*>(::operator new(bytes, std::align_val_t(align)));
+  *reinterpret_cast<void**>(chunk) = chunks_;
+  chunks_ = chunk;
+  reserved_ += bytes;
+  carve_ = chunk + header;
+  carveEnd_ = chunk + bytes;
+}
 
 void AllocationRecord::registerSelf() noexcept {
   if (registered_.load(std::memory_order_acquire)) return;

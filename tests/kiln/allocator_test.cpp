@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -27,6 +28,26 @@ struct Derived : Base {
 struct Threaded : Kiln::Allocated<Threaded> {};
 
 struct NeverAllocated : Kiln::Allocated<NeverAllocated> {};
+
+struct Pooled : Kiln::Allocated<Pooled> {
+  U64 words[5] = {};
+};
+
+struct alignas(64) Aligned : Kiln::Allocated<Aligned> {
+  char bytes[72] = {};
+};
+
+struct PooledBase : Kiln::Allocated<PooledBase> {
+  virtual ~PooledBase() = default;
+  U64 word = 0;
+};
+struct BiggerDerived : PooledBase {
+  U64 more[4] = {};
+};
+
+struct Shared : Kiln::Allocated<Shared> {
+  U64 payload = 0;
+};
 
 }  // namespace KilnAllocatorTest
 
@@ -110,6 +131,98 @@ TEST(Allocator, CountsStayExactAcrossThreadsWhileThreadSafePointersAreOn) {
   Kiln::enableThreadSafePointers = false;
   EXPECT_EQ(record.allocations(), allocations + 80000);
   EXPECT_EQ(record.live(), 0u);
+}
+
+TEST(Allocator, RecyclesReleasedSlots) {
+  Pooled* first = new Pooled;
+  delete first;
+  Pooled* second = new Pooled;
+  EXPECT_EQ(second, first);
+  delete second;
+}
+
+TEST(Allocator, PoolStartsSmallAndGrowsGeometrically) {
+  const Kiln::SlotPool& pool = Kiln::slotPoolOf<Pooled>;
+  std::vector<Pooled*> objects{new Pooled};
+  const std::size_t first = pool.reservedBytes();
+  EXPECT_GE(first, 16 * sizeof(Pooled));
+  EXPECT_LT(first, 17 * sizeof(Pooled));
+  for (int i = 0; i < 20000; ++i) objects.push_back(new Pooled);
+  // About the bytes in use: at most doubled, plus one largest chunk.
+  EXPECT_LE(pool.reservedBytes(), 2 * objects.size() * sizeof(Pooled) + 64 * 1024);
+  std::set<Pooled*> distinct(objects.begin(), objects.end());
+  EXPECT_EQ(distinct.size(), objects.size());
+  for (Pooled* p : objects) {
+    p->words[4] = reinterpret_cast<uintptr_t>(p);
+  }
+  for (Pooled* p : objects) EXPECT_EQ(p->words[4], reinterpret_cast<uintptr_t>(p));
+  const std::size_t reserved = pool.reservedBytes();
+  for (Pooled* p : objects) delete p;
+  for (int i = 0; i < 1000; ++i) objects[i] = new Pooled;  // reuses the freed slots
+  EXPECT_EQ(pool.reservedBytes(), reserved);
+  for (int i = 0; i < 1000; ++i) delete objects[i];
+}
+
+TEST(Allocator, PooledSlotsKeepTheTypesAlignment) {
+  std::vector<Aligned*> objects;
+  for (int i = 0; i < 100; ++i) {
+    objects.push_back(new Aligned);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(objects.back()) % 64, 0u);
+  }
+  for (Aligned* a : objects) delete a;
+  EXPECT_EQ(Kiln::allocationRecord<Aligned>().live(), 0u);
+}
+
+TEST(Allocator, ALargerDerivedClassUsesTheGeneralHeap) {
+  const Kiln::SlotPool& pool = Kiln::slotPoolOf<PooledBase>;
+  delete new PooledBase;
+  const std::size_t reserved = pool.reservedBytes();
+  std::vector<PooledBase*> objects;
+  for (int i = 0; i < 100; ++i) objects.push_back(new BiggerDerived);
+  EXPECT_EQ(pool.reservedBytes(), reserved);
+  EXPECT_EQ(Kiln::allocationRecord<PooledBase>().live(), 100u);
+  for (PooledBase* p : objects) delete p;
+  EXPECT_EQ(Kiln::allocationRecord<PooledBase>().live(), 0u);
+}
+
+TEST(Allocator, ObjectsMayBeReleasedOnAnotherThread) {
+  Kiln::enableThreadSafePointers = true;
+  constexpr int perThread = 5000;
+  std::vector<std::vector<Shared*>> made(2);
+  {
+    std::vector<std::thread> makers;
+    for (int t = 0; t < 2; ++t) {
+      makers.emplace_back([&made, t] {
+        for (int i = 0; i < perThread; ++i) {
+          made[t].push_back(new Shared);
+          made[t].back()->payload = U64(t);
+        }
+      });
+    }
+    for (auto& t : makers) t.join();
+  }
+  std::set<Shared*> distinct;
+  for (int t = 0; t < 2; ++t) {
+    for (Shared* s : made[t]) EXPECT_EQ(s->payload, U64(t));
+    distinct.insert(made[t].begin(), made[t].end());
+  }
+  EXPECT_EQ(distinct.size(), 2u * perThread);
+  {
+    // Each thread releases the other's objects while allocating new ones.
+    std::vector<std::thread> releasers;
+    for (int t = 0; t < 2; ++t) {
+      releasers.emplace_back([&made, t] {
+        for (Shared* s : made[1 - t]) {
+          delete s;
+          delete new Shared;
+        }
+      });
+    }
+    for (auto& t : releasers) t.join();
+  }
+  Kiln::enableThreadSafePointers = false;
+  EXPECT_EQ(Kiln::allocationRecord<Shared>().live(), 0u);
+  EXPECT_EQ(Kiln::allocationRecord<Shared>().allocations(), 4u * perThread);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <map>
 #include <numeric>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -186,7 +187,7 @@ void randomWorkout(unsigned seed, U32 operations, U32 keyRange) {
   std::map<U16, bool> oracle;
   for (U32 i = 0; i < operations; ++i) {
     U16 k = U16(key(random));
-    switch (random() % 4) {
+    switch (random() % 5) {
       case 0:
       case 1:
         if (!oracle.count(k)) {
@@ -220,6 +221,19 @@ void randomWorkout(unsigned seed, U32 operations, U32 keyRange) {
         }
         break;
       }
+      case 4: {
+        // A short scan up or down from k, as the allocator's searches do.
+        const int direction = random() & 1 ? 1 : -1;
+        for (int step = 0; step < 8; ++step) {
+          U16 probe = U16(k + direction * step);
+          auto* m = map.find(probe);
+          ASSERT_EQ(m != nullptr, oracle.count(probe) == 1) << "seed " << seed << " op " << i;
+          if (m) {
+            ASSERT_EQ(m->key(), probe);
+          }
+        }
+        break;
+      }
     }
     std::string fault = redBlackFault(map);
     ASSERT_EQ(fault, "") << "seed " << seed << " op " << i;
@@ -242,6 +256,61 @@ TEST(RbTreeMap, MatchesStdMapUnderRandomInsertsAndRemoves) {
   for (unsigned seed : {1u, 2u, 3u, 4u}) randomWorkout(seed, 4000, 500);
   randomWorkout(5, 6000, 65536);
   randomWorkout(6, 3000, 40);
+}
+
+// Looks up every key from `from` towards `to` (inclusive) and compares with
+// the oracle.
+void scan(const FreeMap& map, const std::set<U16>& oracle, int from, int to) {
+  const int step = from <= to ? 1 : -1;
+  for (int k = from;; k += step) {
+    const KilnFree* m = map.find(U16(k));
+    ASSERT_EQ(m != nullptr, oracle.count(U16(k)) == 1) << k;
+    if (m) {
+      ASSERT_EQ(m->key(), k);
+    }
+    if (k == to) break;
+  }
+}
+
+TEST(RbTreeMap, ScansUpAndDownFindExactlyTheMembers) {
+  FreeMap map;
+  std::set<U16> oracle;
+  for (U16 k = 10; k < 3000; k += 3) {
+    if (k % 300 < 40) continue;  // some long gaps
+    map.insert(new KilnFree(k, true));
+    oracle.insert(k);
+  }
+  scan(map, oracle, 0, 3100);
+  scan(map, oracle, 3100, 0);
+  scan(map, oracle, 1500, 1600);
+  scan(map, oracle, 1600, 1400);
+}
+
+TEST(RbTreeMap, ScansStayRightWhileTheMapChanges) {
+  FreeMap map;
+  std::set<U16> oracle;
+  for (U16 k = 0; k < 200; k += 2) {
+    map.insert(new KilnFree(k, true));
+    oracle.insert(k);
+  }
+  for (int k = 0; k < 200; ++k) {
+    ASSERT_EQ(map.find(U16(k)) != nullptr, oracle.count(U16(k)) == 1) << k;
+    if (k % 10 == 0) {
+      // Remove the member just found, then fill the gap after it.
+      map.remove(U16(k));
+      oracle.erase(U16(k));
+      map.insert(new KilnFree(U16(k + 1), false));
+      oracle.insert(U16(k + 1));
+    }
+  }
+  scan(map, oracle, 0, 210);
+  scan(map, oracle, 210, 0);
+  map.clear();
+  EXPECT_EQ(map.find(4), nullptr);
+  map.insert(new KilnFree(4, true));
+  EXPECT_EQ(map.find(4)->key(), 4);
+  EXPECT_EQ(map.find(5), nullptr);
+  EXPECT_EQ(map.find(3), nullptr);
 }
 
 TEST(RbTreeMap, HoldsEverySixteenBitKey) {
@@ -288,7 +357,7 @@ TEST(RbTreeMapDeathTest, RefusesAKeyAlreadyPresent) {
   FreeMap map;
   map.insert(new KilnFree(4, true));
   EXPECT_DEATH(map.insert(new KilnFree(4, false)),
-               "Assertion `side \\|\\| keyLessThan\\(m->key_, at->key_\\)' failed");
+               "Assertion `keyLessThan\\(m->key_, at->key_\\)' failed");
 }
 
 TEST(RbTreeMapDeathTest, RefusesANullMember) {

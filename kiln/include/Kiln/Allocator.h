@@ -3,6 +3,10 @@
 // how many objects were allocated and released. The counts serve diagnostics
 // (leak checks in tests, the live-object listing of a running agent); they
 // cost one increment per allocation and one per release.
+//
+// Objects of exactly sizeof(T) bytes come from a per-type SlotPool: members
+// are small and short-lived (a queue allocates one per enq), and a pool packs
+// them densely and recycles them without the general heap's work.
 #pragma once
 
 #include <atomic>
@@ -77,6 +81,82 @@ std::vector<const AllocationRecord*> allocationRecords();
 // The demangled C++ name of a type ("Brevant::ECMPGroup").
 std::string demangledTypeName(const std::type_info& type);
 
+// Fixed-size slots of one type, carved from chunks that grow geometrically
+// (16 slots, then doubling up to 64 KiB) and recycled through a free list.
+// Chunks are never handed back to the system: the pool stays as large as the
+// most objects of the type ever alive at once. Constant-initialised and
+// never destroyed, so objects may be released during static destruction.
+// Taking and giving lock the pool only while enableThreadSafePointers is set.
+class SlotPool {
+ public:
+  constexpr SlotPool() noexcept = default;
+  SlotPool(const SlotPool&) = delete;
+  SlotPool& operator=(const SlotPool&) = delete;
+
+  // A slot of size bytes aligned to align; size and align must be the same
+  // at every call. Throws std::bad_alloc when the system has no memory.
+  void* take(std::size_t size, std::size_t align) {
+    Guard guard(*this);
+    if (FreeSlot* slot = free_) {
+      free_ = slot->next;
+      return slot;
+    }
+    if (std::size_t(carveEnd_ - carve_) < size) refill(size, align);
+    void* slot = carve_;
+    carve_ += size;
+    return slot;
+  }
+
+  // Returns a slot that take() handed out.
+  void give(void* memory) noexcept {
+    Guard guard(*this);
+    FreeSlot* slot = static_cast<FreeSlot*>(memory);
+    slot->next = free_;
+    free_ = slot;
+  }
+
+  // Bytes obtained from the system so far.
+  std::size_t reservedBytes() const { return reserved_; }
+
+ private:
+  struct FreeSlot {
+    FreeSlot* next;
+  };
+
+  class Guard {
+   public:
+    explicit Guard(SlotPool& pool) noexcept
+        : lock_(enableThreadSafePointers.load(std::memory_order_relaxed) ? &pool.locked_
+                                                                         : nullptr) {
+      if (lock_) acquire(*lock_);
+    }
+    ~Guard() {
+      if (lock_) lock_->store(false, std::memory_order_release);
+    }
+    Guard(const Guard&) = delete;
+    Guard& operator=(const Guard&) = delete;
+
+   private:
+    static void acquire(std::atomic<bool>& lock) noexcept;
+    std::atomic<bool>* lock_;
+  };
+
+  // Starts a new chunk with room for at least one slot.
+  void refill(std::size_t size, std::size_t align);
+
+  FreeSlot* free_ = nullptr;
+  char* carve_ = nullptr;     // the unused rest of the newest chunk
+  char* carveEnd_ = nullptr;
+  void* chunks_ = nullptr;    // newest chunk; each chunk's first word links the previous
+  std::size_t reserved_ = 0;
+  std::atomic<bool> locked_{false};
+};
+
+// The slot pool of T (one per type, shared by every shared library of the
+// process).
+template <class T>
+inline constinit SlotPool slotPoolOf{};
+
 // The name under which T's allocations are listed.
 template <class T>
 std::string allocationTypeName() {
@@ -102,22 +182,47 @@ const AllocationRecord& allocationRecord() {
 }
 
 // Base giving T class-specific operator new and delete that count T's live
-// objects. Derive as `class T : ..., public Kiln::Allocated<T>`.
+// objects and take objects of exactly sizeof(T) bytes from T's slot pool
+// (a larger derived class goes to the general heap). Derive as
+// `class T : ..., public Kiln::Allocated<T>`.
 template <class T>
 class Allocated {
  public:
   static void* operator new(std::size_t size) {
-    void* memory = ::operator new(size);
+    void* memory = pooled(size) ? slotPoolOf<T>.take(sizeof(T), alignof(T)) : heapNew(size);
     allocationRecordOf<T>.allocationInc();
     return memory;
   }
-  static void operator delete(void* memory) noexcept {
+  // The size is the one given to operator new: a class with a virtual
+  // destructor passes its most derived type's size.
+  static void operator delete(void* memory, std::size_t size) noexcept {
     allocationRecordOf<T>.releaseInc();
-    ::operator delete(memory);
+    if (pooled(size)) {
+      slotPoolOf<T>.give(memory);
+    } else {
+      heapDelete(memory);
+    }
   }
   // Placement forms, which a class-specific operator new would otherwise hide.
   static void* operator new(std::size_t, void* place) noexcept { return place; }
   static void operator delete(void*, void*) noexcept {}
+
+ private:
+  static bool pooled(std::size_t size) { return size == sizeof(T) && sizeof(T) >= sizeof(void*); }
+  static void* heapNew(std::size_t size) {
+    if constexpr (alignof(T) > __STDCPP_DEFAULT_NEW_ALIGNMENT__) {
+      return ::operator new(size, std::align_val_t(alignof(T)));
+    } else {
+      return ::operator new(size);
+    }
+  }
+  static void heapDelete(void* memory) noexcept {
+    if constexpr (alignof(T) > __STDCPP_DEFAULT_NEW_ALIGNMENT__) {
+      ::operator delete(memory, std::align_val_t(alignof(T)));
+    } else {
+      ::operator delete(memory);
+    }
+  }
 };
 
 }  // namespace Kiln

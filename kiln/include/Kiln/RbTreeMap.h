@@ -49,7 +49,8 @@ class RbTreeMember : public PtrInterface, public Allocated<M> {
 // ascending by K's <. Every operation is O(log n); first(), last() and
 // stepping an iterator never allocate. The map holds one reference to each
 // member. Inserting and removing invalidate iterators, except the one
-// remove(Iterator) returns. Not copyable.
+// remove(Iterator) returns. Not copyable. find() remembers where it ended,
+// so even a const map must not be searched from two threads at once.
 template <class M, class K, class V>
 class RbTreeMap {
  public:
@@ -102,19 +103,16 @@ class RbTreeMap {
   U32 members() const { return members_; }
   bool empty() const { return members_ == 0; }
 
-  // The member with this key, or nullptr.
+  // The member with this key, or nullptr. A lookup next to the previous
+  // one (the allocator's scans visit index after index) is answered from
+  // the member the previous lookup reached and its neighbour, without a
+  // descent from the root.
   M* find(const K& key) const {
-    M* m = root_;
-    while (m) {
-      if (keyLessThan(key, m->key_)) {
-        m = m->child_[0];
-      } else if (keyLessThan(m->key_, key)) {
-        m = m->child_[1];
-      } else {
-        return m;
-      }
-    }
-    return nullptr;
+    M* found;
+    if (finger_ && findNearFinger(key, found)) return found;
+    M* m = lowerBoundMember(key);
+    finger_ = m;
+    return m && !keyLessThan(key, m->key_) ? m : nullptr;
   }
 
   // The member with the smallest key, or nullptr when empty.
@@ -123,35 +121,31 @@ class RbTreeMap {
   M* last() const { return root_ ? extreme(root_, 1) : nullptr; }
 
   // The first member whose key is not less than key, or end().
-  Iterator lowerBound(const K& key) const {
-    M* found = nullptr;
-    for (M* m = root_; m;) {
-      if (keyLessThan(m->key_, key)) {
-        m = m->child_[1];
-      } else {
-        found = m;
-        m = m->child_[0];
-      }
-    }
-    return Iterator(this, found);
-  }
+  Iterator lowerBound(const K& key) const { return Iterator(this, lowerBoundMember(key)); }
 
   // Adds member, whose key must not be in the map yet; takes a reference.
   void insert(const Ptr<M>& member) {
     M* m = member.ptr();
     KILN_ASSERT(m != nullptr);
+    // Branches, not an indexed child: runs of rising or falling keys (the
+    // usual way indexes are freed) keep the branch predictable, so the
+    // processor walks ahead without waiting for each comparison.
     M* parent = nullptr;
-    int side = 0;
-    for (M* at = root_; at; at = at->child_[side]) {
+    M** link = &root_;
+    while (M* at = *link) {
       parent = at;
-      side = keyLessThan(at->key_, m->key_);
-      KILN_ASSERT(side || keyLessThan(m->key_, at->key_));  // key already present
+      if (keyLessThan(at->key_, m->key_)) {
+        link = &at->child_[1];
+      } else {
+        KILN_ASSERT(keyLessThan(m->key_, at->key_));  // the key is not present yet
+        link = &at->child_[0];
+      }
     }
     m->newRef();
     m->child_[0] = m->child_[1] = nullptr;
     m->parent_ = parent;
     m->red_ = true;
-    (parent ? parent->child_[side] : root_) = m;
+    *link = m;
     ++members_;
     rebalanceAfterInsert(m);
   }
@@ -177,6 +171,7 @@ class RbTreeMap {
     M* m = root_;
     root_ = nullptr;
     members_ = 0;
+    finger_ = nullptr;
     while (m) {
       if (m->child_[0]) {
         m = std::exchange(m->child_[0], nullptr);
@@ -197,6 +192,36 @@ class RbTreeMap {
   friend struct RbTreeAccess;
 
   static bool isRed(const M* m) { return m && m->red_; }
+
+  // True when the finger settles find(key), with the answer in found: key is
+  // the finger's, or its neighbour's on key's side, or lies between the two
+  // or beyond the last member that way (absent).
+  bool findNearFinger(const K& key, M*& found) const {
+    const bool above = keyLessThan(finger_->key_, key);
+    found = finger_;
+    if (!above && !keyLessThan(key, finger_->key_)) return true;
+    M* next = step(finger_, above);
+    found = nullptr;
+    if (!next) return true;
+    if (above ? keyLessThan(next->key_, key) : keyLessThan(key, next->key_)) return false;
+    if (above ? keyLessThan(key, next->key_) : keyLessThan(next->key_, key)) return true;
+    finger_ = found = next;
+    return true;
+  }
+
+  // The first member whose key is not less than key, or nullptr. One
+  // comparison per level, and the side taken indexes the child array, so
+  // the descent compiles to conditional moves rather than branches that
+  // random keys would mispredict.
+  M* lowerBoundMember(const K& key) const {
+    M* found = nullptr;
+    for (M* m = root_; m;) {
+      const bool below = keyLessThan(m->key_, key);
+      found = below ? found : m;
+      m = m->child_[below];
+    }
+    return found;
+  }
 
   // The leftmost (dir 0) or rightmost (dir 1) member below m.
   static M* extreme(M* m, int dir) {
@@ -286,6 +311,7 @@ class RbTreeMap {
       replaceChild(m, child);
     }
     if (blackGone) rebalanceAfterRemove(child, parent);
+    if (finger_ == m) finger_ = nullptr;
     m->child_[0] = m->child_[1] = m->parent_ = nullptr;
     --members_;
     Ptr<M> removed(m);
@@ -327,6 +353,7 @@ class RbTreeMap {
 
   M* root_ = nullptr;
   U32 members_ = 0;
+  mutable M* finger_ = nullptr;  // where the last find() ended; a member or null
 };
 
 }  // namespace Kiln
