@@ -44,7 +44,13 @@ class EntityEmitter:
 
     @property
     def named(self):
-        return self.t.base == "Kiln::Entity"
+        """True for a Kiln::Entity (directly or through a base entity)."""
+        t = self.t
+        while t is not None and t.kind == "entity":
+            if t.base in KNOWN_STARTS:
+                return t.base == "Kiln::Entity"
+            t = self.ctx.resolve(t.base, t)
+        return True  # a base from elsewhere that is not Kiln::PtrInterface
 
     @property
     def own_list(self):
@@ -177,10 +183,14 @@ class EntityEmitter:
             out("")
         for e in self.attrs:
             out.extend(e.storage())
-        if self.own_list:
-            out("// The registered notifiees; mutators test it for emptiness first.",
-                "mutable Kiln::NotifieeList kilnNotifiees_;")
         out.dedent()
+        if self.own_list:
+            out("", " protected:")
+            out.indent()
+            out("// The registered notifiees (derived types notify through it too);",
+                "// mutators test it for emptiness first.",
+                "mutable Kiln::NotifieeList kilnNotifiees_;")
+            out.dedent()
         out("};")
         if self.named:
             params, own = self.ctor_params()

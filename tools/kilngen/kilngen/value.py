@@ -97,7 +97,14 @@ class ValueEmitter:
             out.extend(self.collection.member_types())
         out("", f"{n}() = default;")
         if self.fields:
-            params = ", ".join(e.ctor_param()[0] for e in self.fields)
+            # Trailing fields with a default may be left out (never the first:
+            # the type already has its default constructor).
+            params = [e.ctor_param()[0] for e in self.fields]
+            for i in range(len(self.fields) - 1, 0, -1):
+                if self.fields[i].a.default is None:
+                    break
+                params[i] += f" = {self.fields[i].a.default}"
+            params = ", ".join(params)
             inits = ", ".join(e.ctor_param()[1] for e in self.fields)
             explicit = "explicit " if len(self.fields) == 1 else ""
             out(f"{explicit}{n}({params}) : {inits} {{}}")

@@ -23,7 +23,7 @@ class Point {
   static constexpr U32 kilnYIndex = kilnAttributeStart + 1;  // 3
 
   Point() = default;
-  Point(S32 x, S32 y) : x_(x), y_(y) {}
+  Point(S32 x, S32 y = 7) : x_(x), y_(y) {}
   // Parses the text form (see valueToStrep); throws Kiln::DeserializationException
   // on any other text.
   template <std::same_as<Kiln::TextIterator> I>
