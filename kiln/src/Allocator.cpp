@@ -31,22 +31,37 @@ void SlotPool::Guard::acquire(std::atomic<bool>& lock) noexcept {
   }
 }
 
-void SlotPool::refill(std::size_t size, std::size_t align) {
+void SlotPool::nextChunk(std::size_t size, std::size_t align) {
+  if (current_ && current_->next) {
+    carveFrom(current_->next);
+    return;
+  }
   constexpr std::size_t firstSlots = 16;
   constexpr std::size_t largestChunk = 64 * 1024;
-  align = std::max(align, alignof(void*));
-  // The link to the previous chunk sits before the first slot, padded so that
-  // the slots keep their alignment.
-  const std::size_t header = (sizeof(void*) + align - 1) / align * align;
+  align = std::max(align, alignof(Chunk));
+  // The chunk's record sits before the first slot, padded so that the slots
+  // keep their alignment.
+  const std::size_t header = (sizeof(Chunk) + align - 1) / align * align;
   std::size_t bytes =
       reserved_ ? std::min(2 * reserved_, largestChunk) : header + firstSlots * size;
   bytes = std::max(bytes, header + size);
-  char* chunk = static_cast<char*>(::operator new(bytes, std::align_val_t(align)));
-  *reinterpret_cast<void**>(chunk) = chunks_;
-  chunks_ = chunk;
+  Chunk* chunk = static_cast<Chunk*>(::operator new(bytes, std::align_val_t(align)));
+  *chunk = Chunk{nullptr, bytes, header};
+  (last_ ? last_->next : first_) = chunk;
+  last_ = chunk;
   reserved_ += bytes;
-  carve_ = chunk + header;
-  carveEnd_ = chunk + bytes;
+  carveFrom(chunk);
+}
+
+void SlotPool::carveFrom(Chunk* chunk) noexcept {
+  current_ = chunk;
+  carve_ = reinterpret_cast<char*>(chunk) + chunk->header;
+  carveEnd_ = reinterpret_cast<char*>(chunk) + chunk->bytes;
+}
+
+void SlotPool::rewind() noexcept {
+  free_ = nullptr;
+  carveFrom(first_);
 }
 
 void AllocationRecord::registerSelf() noexcept {

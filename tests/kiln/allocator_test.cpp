@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <random>
 #include <set>
 #include <thread>
 #include <vector>
@@ -139,6 +140,28 @@ TEST(Allocator, RecyclesReleasedSlots) {
   Pooled* second = new Pooled;
   EXPECT_EQ(second, first);
   delete second;
+}
+
+TEST(Allocator, AFullyReleasedPoolCarvesFromItsStartAgain) {
+  const Kiln::SlotPool& pool = Kiln::slotPoolOf<Pooled>;
+  ASSERT_EQ(pool.slotsInUse(), 0u);
+  std::vector<Pooled*> objects;
+  for (int i = 0; i < 10; ++i) objects.push_back(new Pooled);
+  EXPECT_EQ(pool.slotsInUse(), 10u);
+  // Slots of one chunk are carved in address order.
+  for (int i = 1; i < 10; ++i) EXPECT_EQ(objects[i], objects[i - 1] + 1);
+  // While some are in use, released slots are reused last out, first in.
+  delete objects[3];
+  delete objects[7];
+  EXPECT_EQ(new Pooled, objects[7]);
+  EXPECT_EQ(new Pooled, objects[3]);
+  // Released in a scrambled order, then refilled: the same layout as before.
+  std::vector<Pooled*> scrambled = objects;
+  std::shuffle(scrambled.begin(), scrambled.end(), std::mt19937(5));
+  for (Pooled* p : scrambled) delete p;
+  EXPECT_EQ(pool.slotsInUse(), 0u);
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(new Pooled, objects[i]);
+  for (Pooled* p : objects) delete p;
 }
 
 TEST(Allocator, PoolStartsSmallAndGrowsGeometrically) {

@@ -83,10 +83,14 @@ std::string demangledTypeName(const std::type_info& type);
 
 // Fixed-size slots of one type, carved from chunks that grow geometrically
 // (16 slots, then doubling up to 64 KiB) and recycled through a free list.
-// Chunks are never handed back to the system: the pool stays as large as the
-// most objects of the type ever alive at once. Constant-initialised and
-// never destroyed, so objects may be released during static destruction.
-// Taking and giving lock the pool only while enableThreadSafePointers is set.
+// When the last slot in use comes back, the pool forgets its free list and
+// carves again from its first chunk: a collection refilled after clear() is
+// laid out in allocation order again instead of in the scattered order its
+// members were released in. Chunks are never handed back to the system: the
+// pool stays as large as the most objects of the type ever alive at once.
+// Constant-initialised and never destroyed, so objects may be released
+// during static destruction. Taking and giving lock the pool only while
+// enableThreadSafePointers is set.
 class SlotPool {
  public:
   constexpr SlotPool() noexcept = default;
@@ -97,19 +101,26 @@ class SlotPool {
   // at every call. Throws std::bad_alloc when the system has no memory.
   void* take(std::size_t size, std::size_t align) {
     Guard guard(*this);
-    if (FreeSlot* slot = free_) {
-      free_ = slot->next;
-      return slot;
+    void* slot;
+    if (free_) {
+      slot = free_;
+      free_ = free_->next;
+    } else {
+      if (std::size_t(carveEnd_ - carve_) < size) nextChunk(size, align);
+      slot = carve_;
+      carve_ += size;
     }
-    if (std::size_t(carveEnd_ - carve_) < size) refill(size, align);
-    void* slot = carve_;
-    carve_ += size;
+    ++inUse_;
     return slot;
   }
 
   // Returns a slot that take() handed out.
   void give(void* memory) noexcept {
     Guard guard(*this);
+    if (--inUse_ == 0) {
+      rewind();
+      return;
+    }
     FreeSlot* slot = static_cast<FreeSlot*>(memory);
     slot->next = free_;
     free_ = slot;
@@ -117,10 +128,19 @@ class SlotPool {
 
   // Bytes obtained from the system so far.
   std::size_t reservedBytes() const { return reserved_; }
+  // Slots handed out and not yet returned.
+  std::size_t slotsInUse() const { return inUse_; }
 
  private:
   struct FreeSlot {
     FreeSlot* next;
+  };
+
+  // The start of every chunk, before its first slot.
+  struct Chunk {
+    Chunk* next;  // the chunk obtained after this one
+    std::size_t bytes;
+    std::size_t header;  // offset of the first slot
   };
 
   class Guard {
@@ -141,14 +161,21 @@ class SlotPool {
     std::atomic<bool>* lock_;
   };
 
-  // Starts a new chunk with room for at least one slot.
-  void refill(std::size_t size, std::size_t align);
+  // Carves on from the next chunk, obtaining one when there is none.
+  void nextChunk(std::size_t size, std::size_t align);
+  // Carves from chunk from its first slot on.
+  void carveFrom(Chunk* chunk) noexcept;
+  // Forgets every free slot and carves again from the first chunk.
+  void rewind() noexcept;
 
   FreeSlot* free_ = nullptr;
-  char* carve_ = nullptr;     // the unused rest of the newest chunk
+  char* carve_ = nullptr;  // the unused rest of the current chunk
   char* carveEnd_ = nullptr;
-  void* chunks_ = nullptr;    // newest chunk; each chunk's first word links the previous
+  Chunk* first_ = nullptr;
+  Chunk* current_ = nullptr;  // the chunk being carved
+  Chunk* last_ = nullptr;
   std::size_t reserved_ = 0;
+  std::size_t inUse_ = 0;
   std::atomic<bool> locked_{false};
 };
 
