@@ -49,15 +49,13 @@ int Lock::tryLock() {
 }
 
 int Lock::unlock() {
+  // The error-checking mutex would answer EPERM too; answering here keeps
+  // thread checkers from flagging a release by a thread that does not hold it.
+  if (!heldByCurrentThread()) return EPERM;
   // The owner is cleared before the release: once released, another thread
   // may take the lock and write its own id.
-  const bool mine = heldByCurrentThread();
-  if (mine) owner_.store(std::thread::id(), std::memory_order_relaxed);
-  int error = pthread_mutex_unlock(&mutex_);
-  if (error != 0 && mine) {
-    owner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
-  }
-  return error;
+  owner_.store(std::thread::id(), std::memory_order_relaxed);
+  return pthread_mutex_unlock(&mutex_);
 }
 
 bool Lock::heldByCurrentThread() const {

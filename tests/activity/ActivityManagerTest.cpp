@@ -1,15 +1,21 @@
 #include "Kiln/ActivityManager.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <chrono>
 #include <functional>
 #include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
+#if __has_include(<valgrind/valgrind.h>)
+#include <valgrind/valgrind.h>
+#endif
 
 #include "Kiln/Clock.h"
 #include "Kiln/Exception.h"
@@ -23,6 +29,14 @@ using Kiln::FdNotifiee;
 using Kiln::ManualClock;
 using Kiln::Ptr;
 using Kiln::Seconds;
+
+bool runningUnderValgrind() {
+#if __has_include(<valgrind/valgrind.h>)
+  return RUNNING_ON_VALGRIND;
+#else
+  return false;
+#endif
+}
 
 // A safety net only: a broken loop fails the test instead of hanging it.
 constexpr Seconds kPatience = 10;
@@ -306,6 +320,52 @@ TEST_F(ActivityManagerTest, AnExceptionFromAHandlerLeavesRunWithTheLockReleased)
   thrower->timeMinIs(0);
   EXPECT_THROW(manager.run(), Kiln::InternalException);
   EXPECT_FALSE(manager.lock()->heldByCurrentThread());
+}
+
+TEST_F(ActivityManagerTest, AFailedWaitThrowsWithTheErrorNumber) {
+  Pipe first, second;
+  watch(first.readEnd());
+  watch(second.readEnd());
+  // ppoll refuses more descriptors than the open-file limit allows; under
+  // valgrind the kernel never sees the lowered limit.
+  if (runningUnderValgrind()) GTEST_SKIP() << "the open-file limit is virtual here";
+  rlimit saved;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  rlimit tight = saved;
+  tight.rlim_cur = 1;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+  try {
+    manager.runOnce(0);
+    ADD_FAILURE() << "the failed wait went unreported";
+  } catch (const Kiln::ErrnoException& e) {
+    EXPECT_EQ(e.errnum(), EINVAL);
+    EXPECT_STREQ(e.what(), "Failed to wait for activity: Invalid argument");
+  }
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+  EXPECT_FALSE(manager.lock()->heldByCurrentThread());
+}
+
+// Creates the manager with no file descriptor left; exits 3 after printing
+// the exception's text, 0 if creation succeeded.
+void createManagerWithoutDescriptors() {
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = 0;
+  setrlimit(RLIMIT_NOFILE, &limit);
+  try {
+    ActivityManager::instance();
+  } catch (const Kiln::ErrnoException& e) {
+    std::fprintf(stderr, "%s\n", e.what());
+    std::exit(3);
+  }
+  std::exit(0);
+}
+
+TEST(ActivityManagerDeathTest, CreationFailsWhenNoDescriptorIsLeftForItsWakeUps) {
+  // A fresh process, so that the manager does not exist yet.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(createManagerWithoutDescriptors(), testing::ExitedWithCode(3),
+              "Failed to create the event loop's wake-up descriptor: Too many open files");
 }
 
 }  // namespace
