@@ -1,0 +1,281 @@
+#include "DiagnosticSocket.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+
+#include "Kiln/Exception.h"
+
+namespace Agent {
+namespace {
+
+[[noreturn]] void fail(const std::string& what, int error) {
+  throw SocketError(what + ": " + Kiln::errorString(error));
+}
+
+sockaddr_un socketAddress(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof(address.sun_path)) {
+    throw SocketError("socket path '" + path + "' is empty or longer than " +
+                      std::to_string(sizeof(address.sun_path) - 1) + " characters");
+  }
+  path.copy(address.sun_path, path.size());
+  return address;
+}
+
+int newSocket() {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) fail("cannot create a socket", errno);
+  return fd;
+}
+
+// 0 when a server answers at address, else the connect error.
+int tryConnect(int fd, const sockaddr_un& address) {
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) return 0;
+  return errno;
+}
+
+// Replaces a socket file that nobody listens on any more; refuses anything
+// else found at path.
+void clearStalePath(const std::string& path, const sockaddr_un& address) {
+  struct stat info;
+  if (lstat(path.c_str(), &info) != 0) {
+    if (errno == ENOENT) return;
+    fail("cannot inspect " + path, errno);
+  }
+  if (!S_ISSOCK(info.st_mode)) throw SocketError(path + " exists and is not a socket");
+  const int probe = newSocket();
+  const int error = tryConnect(probe, address);
+  ::close(probe);
+  if (error == 0) throw SocketError("a server already listens at " + path);
+  if (unlink(path.c_str()) != 0 && errno != ENOENT) fail("cannot remove stale socket " + path, errno);
+}
+
+bool malformed(const std::string& request) {
+  for (unsigned char c : request) {
+    if ((c < 0x20 && c != '\t') || c == 0x7f) return true;
+  }
+  return false;
+}
+
+double monotonicNow() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+}  // namespace
+
+bool writeAll(int fd, const std::string& text) {
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+class DiagnosticServer::Listener : public Kiln::FdNotifiee {
+ public:
+  Listener(DiagnosticServer& server, int fd) : FdNotifiee(fd), server_(server) {}
+
+  void onReadable() override {
+    for (;;) {
+      const int fd = accept4(this->fd(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+      if (fd < 0) return;  // EAGAIN: nothing more waiting; other errors: the next round retries
+      server_.accepted(fd);
+    }
+  }
+
+ private:
+  DiagnosticServer& server_;
+};
+
+class DiagnosticServer::Connection : public Kiln::FdNotifiee {
+ public:
+  Connection(DiagnosticServer& server, int fd) : FdNotifiee(fd), server_(server) {}
+
+  void onReadable() override {
+    char chunk[4096];
+    for (;;) {
+      const ssize_t n = read(fd(), chunk, sizeof(chunk));
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN && errno != EWOULDBLOCK) server_.close(*this);
+        return;
+      }
+      if (n == 0) {
+        // The client ended its side: what it sent is the request, if any.
+        if (buffer_.empty()) {
+          server_.close(*this);
+        } else {
+          complete(buffer_);
+        }
+        return;
+      }
+      buffer_.append(chunk, static_cast<size_t>(n));
+      const size_t newline = buffer_.find('\n');
+      if (newline != std::string::npos) {
+        complete(buffer_.substr(0, newline));
+        return;
+      }
+      if (buffer_.size() > maxRequestLength) {
+        server_.refuse(*this, "request longer than " + std::to_string(maxRequestLength) + " bytes");
+        return;
+      }
+    }
+  }
+
+ private:
+  void complete(std::string request) {
+    if (!request.empty() && request.back() == '\r') request.pop_back();
+    if (request.size() > maxRequestLength) {
+      server_.refuse(*this, "request longer than " + std::to_string(maxRequestLength) + " bytes");
+    } else if (malformed(request)) {
+      server_.refuse(*this, "malformed request (control character)");
+    } else {
+      server_.answer(*this, request);
+    }
+  }
+
+  DiagnosticServer& server_;
+  std::string buffer_;
+};
+
+DiagnosticServer::DiagnosticServer(const std::string& path, Handler handler)
+    : path_(path), handler_(std::move(handler)) {
+  // A client that goes away while its answer is written must not end the
+  // agent: writes to its socket then fail with EPIPE instead.
+  signal(SIGPIPE, SIG_IGN);
+  const sockaddr_un address = socketAddress(path);
+  clearStalePath(path, address);
+  listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (listenFd_ < 0) fail("cannot create a socket", errno);
+  // The socket file is created owner-only from the start, so that no other
+  // user can connect between bind and chmod.
+  const mode_t previous = umask(0177);
+  const int bound = bind(listenFd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+  const int bindError = errno;
+  umask(previous);
+  if (bound != 0 || chmod(path.c_str(), 0600) != 0 || listen(listenFd_, 16) != 0) {
+    const int error = bound != 0 ? bindError : errno;
+    ::close(listenFd_);
+    if (bound == 0) unlink(path.c_str());
+    fail("cannot serve " + path, error);
+  }
+  listener_ = new Listener(*this, listenFd_);
+  Kiln::ActivityManager::instance().fdNotifieeIs(listener_);
+}
+
+DiagnosticServer::~DiagnosticServer() {
+  Kiln::ActivityManager& manager = Kiln::ActivityManager::instance();
+  for (int fd : openFds_) {
+    manager.fdNotifieeDel(fd);
+    ::close(fd);
+  }
+  manager.fdNotifieeDel(listenFd_);
+  ::close(listenFd_);
+  unlink(path_.c_str());
+}
+
+void DiagnosticServer::accepted(int fd) {
+  if (openFds_.size() >= maxConnections) {
+    ++refusals_;
+    writeAll(fd, "error: too many connections\n");
+    ::close(fd);
+    return;
+  }
+  openFds_.insert(fd);
+  Kiln::ActivityManager::instance().fdNotifieeIs(new Connection(*this, fd));
+}
+
+void DiagnosticServer::answer(Connection& connection, const std::string& request) {
+  ++requests_;
+  const int fd = connection.fd();
+  // The answer is written with blocking writes bounded by a timeout: an
+  // answer larger than the socket buffer still goes out whole, and a client
+  // that stops reading holds the loop for at most answerTimeout.
+  const int flags = fcntl(fd, F_GETFL);
+  fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+  timeval limit{};
+  limit.tv_sec = static_cast<time_t>(answerTimeout);
+  limit.tv_usec = static_cast<suseconds_t>((answerTimeout - std::floor(answerTimeout)) * 1e6);
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+  try {
+    handler_(request, fd);
+  } catch (const std::exception& e) {
+    writeAll(fd, std::string("error: ") + e.what() + "\n");
+  }
+  close(connection);
+}
+
+void DiagnosticServer::refuse(Connection& connection, const std::string& reason) {
+  ++refusals_;
+  writeAll(connection.fd(), "error: " + reason + "\n");
+  close(connection);
+}
+
+void DiagnosticServer::close(Connection& connection) {
+  const int fd = connection.fd();
+  openFds_.erase(fd);
+  // Unregistered before the descriptor is closed, so that the loop never
+  // polls a closed (or reused) number for this connection.
+  Kiln::ActivityManager::instance().fdNotifieeDel(fd);
+  ::close(fd);
+}
+
+std::string diagnosticRequest(const std::string& path, const std::string& request,
+                              Kiln::Seconds connectWait, Kiln::Seconds timeout) {
+  const sockaddr_un address = socketAddress(path);
+  const double connectDeadline = monotonicNow() + connectWait;
+  int fd;
+  for (;;) {
+    fd = newSocket();
+    const int error = tryConnect(fd, address);
+    if (error == 0) break;
+    ::close(fd);
+    if ((error != ENOENT && error != ECONNREFUSED) || monotonicNow() >= connectDeadline) {
+      fail("cannot connect to " + path, error);
+    }
+    // The server may still be starting: look again shortly.
+    const timespec pause{0, 50 * 1000 * 1000};
+    nanosleep(&pause, nullptr);
+  }
+  // The server may answer (and close) before reading all of a long request;
+  // its answer is still read below.
+  writeAll(fd, request + "\n");
+  shutdown(fd, SHUT_WR);
+  std::string answer;
+  const double deadline = monotonicNow() + timeout;
+  char chunk[4096];
+  for (;;) {
+    const double left = deadline - monotonicNow();
+    pollfd watch{fd, POLLIN, 0};
+    const int ready = left > 0 ? poll(&watch, 1, static_cast<int>(std::ceil(left * 1000))) : 0;
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) {
+      ::close(fd);
+      throw SocketError("no answer from " + path + " within " + std::to_string(timeout) + " s");
+    }
+    const ssize_t n = read(fd, chunk, sizeof(chunk));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;  // end of the answer, or a reset after it
+    answer.append(chunk, static_cast<size_t>(n));
+  }
+  ::close(fd);
+  return answer;
+}
+
+}  // namespace Agent
