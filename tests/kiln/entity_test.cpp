@@ -271,11 +271,36 @@ TEST(Entity, DeletingAnEntityDropsTheCollectionsReference) {
 }
 
 TEST(Entity, EntityCreatedIntoAnOwnerKnowsItsParent) {
-  Kiln::Ptr<Station> s = Station::StationIs("top");
-  Kiln::Ptr<Engine> e = s->engineIs(4);
-  EXPECT_EQ(s->parent(), nullptr);
-  EXPECT_EQ(s->fullName(), "top");
-  EXPECT_EQ(s->entity(), s.ptr());
+  Kiln::Ptr<KilnTest::Hub> hub = KilnTest::Hub::HubIs("top");
+  EXPECT_EQ(hub->parent(), nullptr);
+  EXPECT_EQ(hub->fullName(), "top");
+  EXPECT_EQ(hub->entity(), hub.ptr());
+  Kiln::Ptr<Station> child = hub->childrenIs("leaf");
+  EXPECT_EQ(child->name(), "leaf");
+  EXPECT_EQ(child->parent(), hub.ptr());
+  EXPECT_EQ(child->parentAttrName(), "children");
+  EXPECT_EQ(child->fullName(), "top/leaf");
+}
+
+TEST(Entity, DeletedOrOrphanedEntityForgetsItsParent) {
+  Kiln::Ptr<KilnTest::Hub> hub = KilnTest::Hub::HubIs("top");
+  Kiln::Ptr<Station> deleted = hub->childrenIs("a");
+  Kiln::Ptr<Station> kept = hub->childrenIs("b");
+  hub->childrenDel("a");
+  EXPECT_EQ(deleted->parent(), nullptr);
+  EXPECT_EQ(deleted->fullName(), "a");
+  hub = nullptr;
+  EXPECT_EQ(kept->parent(), nullptr);
+  EXPECT_EQ(kept->parentAttrName(), "");
+}
+
+TEST(Entity, EntityHeldByReferenceKeepsItsOwnParent) {
+  Kiln::Ptr<KilnTest::Hub> hub = KilnTest::Hub::HubIs("top");
+  Kiln::Ptr<Station> child = hub->childrenIs("leaf");
+  Kiln::Ptr<Station> other = Station::StationIs("other");
+  other->peerIs(child);
+  other = nullptr;
+  EXPECT_EQ(child->parent(), hub.ptr());
 }
 
 TEST(Entity, KeyedEntityCollectionKeysByTheEntitysName) {

@@ -138,7 +138,8 @@ TEST(TypeRecord, DerivedEntityContinuesAt386AfterItsBase) {
   EXPECT_EQ(indexOf(r, "count"), 258u);
   EXPECT_EQ(indexOf(r, "load"), 386u);
   EXPECT_EQ(indexOf(r, "links"), 387u);
-  EXPECT_EQ(r.operation("describe")->index, 388u);
+  EXPECT_EQ(indexOf(r, "children"), 388u);
+  EXPECT_EQ(r.operation("describe")->index, 389u);
   EXPECT_NE(r.operation("scaled"), nullptr);
   EXPECT_EQ(Hub::kilnAttributeStart, 386u);
 }

@@ -51,6 +51,21 @@ void kilnAdopt(const Ptr<T>& child, PtrInterface* owner, const char* attrName) {
   if constexpr (std::is_base_of_v<Entity, T>) child->parentIs(owner, attrName);
 }
 
+// Forgets owner as the parent of an entity it no longer holds (deleted, or
+// the owner going), so that no entity keeps a parent that may be gone.
+template <class T>
+void kilnOrphan(const Ptr<T>& child, const PtrInterface* owner) {
+  if constexpr (std::is_base_of_v<Entity, T>) {
+    if (child && child->parent() == owner) child->parentIs(nullptr, "");
+  }
+}
+
+// kilnOrphan for every entity of a collection.
+template <class Map>
+void kilnOrphanAll(const Map& map, const PtrInterface* owner) {
+  for (const auto& m : map) kilnOrphan(m.value(), owner);
+}
+
 // Throws NameInUseException("Reinstantiating the pointer interface where
 // constructor parameter attribute _<param> has a different value of <new>
 // than the current value of <current> not allowed").

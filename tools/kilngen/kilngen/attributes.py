@@ -85,6 +85,10 @@ class Emitter:
         """(parameter text, member initialiser) when the constructor takes this attribute."""
         return None
 
+    def destruction(self):
+        """Statements of the owner's destructor (after its hand-written hook)."""
+        return []
+
     # --- reflective glue: lines of `case` labels of the record's switches
     def reflect_get(self):
         return []
@@ -290,12 +294,14 @@ class Collection(Emitter):
                  f"{V} {x}Del({self.p(K)} key) {{",
                  f"  Kiln::Ptr<{self.M}> m = {x}_.remove(key);",
                  f"  if (!m) return {V}();",
+                 *self.forget("m->value()"),
                  *tell,
                  "  return m->value();",
                  "}",
                  "// Removes the member at position; returns the position after it.",
                  f"{X}Iterator {x}Del({X}Iterator position) {{",
                  f"  const {K} key = position->key();",
+                 *self.forget("position->value()"),
                  f"  {X}Iterator next = {x}_.remove(position);",
                  *tell]
         if not tell:
@@ -316,6 +322,10 @@ class Collection(Emitter):
                 lines += ["// Tells nobody: the type has no notifiees.",
                           f"void {x}Notify({self.p(K)}) {{}}"]
         return lines
+
+    def forget(self, value):
+        """Statements run on a deleted member's value before it goes."""
+        return []
 
     def operations(self):
         return self.read_ops() + self.store_ops() + self.delete_ops()
@@ -391,6 +401,13 @@ class EntityCollection(Collection):
                 "  return created;",
                 "}"]
 
+    def forget(self, value):
+        # A deleted entity forgets its owner.
+        return [f"  Kiln::kilnOrphan({value}, this);"]
+
+    def destruction(self):
+        return [f"Kiln::kilnOrphanAll({self.x}_, this);"]
+
     def reflect_member_is(self):
         return []
 
@@ -401,6 +418,12 @@ class EntityCollection(Collection):
 
 class KeyedEntityCollection(EntityCollection):
     """A collection of entities made elsewhere, keyed by an accessor of the entity."""
+
+    def forget(self, value):
+        return []
+
+    def destruction(self):
+        return []
 
     def null_text(self):
         return self.a.null_text or (f"null _{self.x} parameter to mutator for "
@@ -552,7 +575,7 @@ class Singleton(Emitter):
         args = ", ".join(q.name for q in params)
         return [f"// {x}: the {T} this object owns, or null.",
                 f"const {V}& {x}() const {{ return {x}_; }}",
-                f"// Creates a {T}({args}) and returns it, storing nothing; throws",
+                f"// Creates a new {T}({args}) and returns it, storing nothing; throws",
                 "// Kiln::RangeException(\"null ValidPtr\") if creation yields none.",
                 f"{V} new{X}({decl}) {{ return Kiln::validPtr(Kiln::kilnNew<{T}>({args})); }}",
                 f"// Returns the stored {T}; when there is none, stores new{X}({args})"
@@ -568,12 +591,16 @@ class Singleton(Emitter):
                 + "; nothing happens when there is none.",
                 f"void {x}Del() {{",
                 f"  if (!{x}_) return;",
+                f"  Kiln::kilnOrphan({x}_, this);",
                 f"  {x}_ = nullptr;",
                 *["  " + s for s in self.notify(f"on{X}")],
                 "}"]
 
     def storage(self):
         return [f"Kiln::Ptr<{self.T}> {self.x}_;"]
+
+    def destruction(self):
+        return [f"Kiln::kilnOrphan({self.x}_, this);"]
 
     def handlers(self):
         return [f"virtual void on{self.X}() {{}}"]
@@ -589,6 +616,9 @@ class Reference(Singleton):
     """A pointer to an entity owned elsewhere, set with xIs(ptr)."""
 
     record_kind = "reference"
+
+    def destruction(self):
+        return []
 
     @property
     def pointee(self):

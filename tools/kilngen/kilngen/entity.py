@@ -195,7 +195,7 @@ class EntityEmitter:
         if self.named:
             params, own = self.ctor_params()
             decl = ", ".join([p for p, _ in params] + [p for p, _ in own])
-            out("", f"// Creates a {self.name} (\"null ValidPtr\" if creation yields none).",
+            out("", f"// Creates a new {self.name} (\"null ValidPtr\" if creation yields none).",
                 f"Kiln::Ptr<{self.name}> {lower(self.name)}Factory({decl});")
         for n in t.nested:
             out("")
@@ -213,7 +213,7 @@ class EntityEmitter:
             f"~{self.name}() override;")
         if self.named:
             names = ", ".join([n for _, n in params] + [p.split()[-1] for p, _ in own])
-            out(f"// Creates a {self.name} (\"null ValidPtr\" if creation yields none).",
+            out(f"// Creates a new {self.name} (\"null ValidPtr\" if creation yields none).",
                 f"static Kiln::Ptr<{self.name}> {self.name}Is({', '.join(all_params)}) {{",
                 f"  return Kiln::validPtr(Kiln::kilnNew<{self.name}>({names}));",
                 "}")
@@ -273,6 +273,9 @@ class EntityEmitter:
         out(f"{n}::~{n}() {{")
         if "destruct" in t.hooks:
             out("  destructHook();")
+        for e in self.attrs:
+            for line in e.destruction():
+                out("  " + line)
         out("}", "")
         out(f"const Kiln::TypeRecord& {n}::kilnType() {{",
             f"  static const {n}TypeRecord record;",

@@ -56,7 +56,7 @@ class Widget : public Kiln::Entity, public Kiln::Allocated<Widget> {
   Widget(const Widget&) = delete;
   Widget& operator=(const Widget&) = delete;
   ~Widget() override;
-  // Creates a Widget ("null ValidPtr" if creation yields none).
+  // Creates a new Widget ("null ValidPtr" if creation yields none).
   static Kiln::Ptr<Widget> WidgetIs(const Kiln::Name& name) {
     return Kiln::validPtr(Kiln::kilnNew<Widget>(name));
   }
@@ -254,7 +254,7 @@ class Widget : public Kiln::Entity, public Kiln::Allocated<Widget> {
   Kiln::Ptr<Widget> other_;
 };
 
-// Creates a Widget ("null ValidPtr" if creation yields none).
+// Creates a new Widget ("null ValidPtr" if creation yields none).
 Kiln::Ptr<Widget> widgetFactory(const Kiln::Name& name);
 
 }  // namespace Golden

@@ -44,7 +44,7 @@ class Named : public Kiln::Entity, public Kiln::Allocated<Named> {
   Named(const Named&) = delete;
   Named& operator=(const Named&) = delete;
   ~Named() override;
-  // Creates a Named ("null ValidPtr" if creation yields none).
+  // Creates a new Named ("null ValidPtr" if creation yields none).
   static Kiln::Ptr<Named> NamedIs(const Kiln::Name& name, Mode mode) {
     return Kiln::validPtr(Kiln::kilnNew<Named>(name, mode));
   }
@@ -101,7 +101,7 @@ class Named : public Kiln::Entity, public Kiln::Allocated<Named> {
   U8 visits_{};
 };
 
-// Creates a Named ("null ValidPtr" if creation yields none).
+// Creates a new Named ("null ValidPtr" if creation yields none).
 Kiln::Ptr<Named> namedFactory(const Kiln::Name& name, Mode mode);
 
 // The name of e in Mode's registered value table (e's number in decimal

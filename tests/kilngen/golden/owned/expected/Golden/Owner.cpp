@@ -119,6 +119,8 @@ Owner::Owner(Helper* helper)
 }
 
 Owner::~Owner() {
+  Kiln::kilnOrphanAll(slots_, this);
+  Kiln::kilnOrphan(spare_, this);
 }
 
 const Kiln::TypeRecord& Owner::kilnType() {

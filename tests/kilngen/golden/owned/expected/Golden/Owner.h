@@ -108,12 +108,14 @@ class Owner : public Kiln::PtrInterface, public Kiln::Allocated<Owner> {
   Kiln::Ptr<Slot> slotsDel(U16 key) {
     Kiln::Ptr<KilnSlots> m = slots_.remove(key);
     if (!m) return Kiln::Ptr<Slot>();
+    Kiln::kilnOrphan(m->value(), this);
     slotsNotify(key);
     return m->value();
   }
   // Removes the member at position; returns the position after it.
   SlotsIterator slotsDel(SlotsIterator position) {
     const U16 key = position->key();
+    Kiln::kilnOrphan(position->value(), this);
     SlotsIterator next = slots_.remove(position);
     slotsNotify(key);
     return next;
@@ -182,7 +184,7 @@ class Owner : public Kiln::PtrInterface, public Kiln::Allocated<Owner> {
 
   // spare: the Slot this object owns, or null.
   const Kiln::Ptr<Slot>& spare() const { return spare_; }
-  // Creates a Slot(id, width) and returns it, storing nothing; throws
+  // Creates a new Slot(id, width) and returns it, storing nothing; throws
   // Kiln::RangeException("null ValidPtr") if creation yields none.
   Kiln::Ptr<Slot> newSpare(U16 id, U8 width) { return Kiln::validPtr(Kiln::kilnNew<Slot>(id, width)); }
   // Returns the stored Slot; when there is none, stores newSpare(id, width).
@@ -195,6 +197,7 @@ class Owner : public Kiln::PtrInterface, public Kiln::Allocated<Owner> {
   // Drops the stored entity; nothing happens when there is none.
   void spareDel() {
     if (!spare_) return;
+    Kiln::kilnOrphan(spare_, this);
     spare_ = nullptr;
   }
 

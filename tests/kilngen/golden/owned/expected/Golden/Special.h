@@ -28,7 +28,7 @@ class Special : public Base::Thing, public Kiln::Allocated<Special> {
   Special(const Special&) = delete;
   Special& operator=(const Special&) = delete;
   ~Special() override;
-  // Creates a Special ("null ValidPtr" if creation yields none).
+  // Creates a new Special ("null ValidPtr" if creation yields none).
   static Kiln::Ptr<Special> SpecialIs(const Kiln::Name& name, U32 size) {
     return Kiln::validPtr(Kiln::kilnNew<Special>(name, size));
   }
@@ -67,7 +67,7 @@ class Special : public Base::Thing, public Kiln::Allocated<Special> {
   S16 level_ = -3;
 };
 
-// Creates a Special ("null ValidPtr" if creation yields none).
+// Creates a new Special ("null ValidPtr" if creation yields none).
 Kiln::Ptr<Special> specialFactory(const Kiln::Name& name, U32 size);
 
 }  // namespace Golden
