@@ -12,6 +12,9 @@
 
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 
 #include "Kiln/Exception.h"
 
@@ -71,6 +74,37 @@ bool malformed(const std::string& request) {
 double monotonicNow() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
+
+// Cuts a connection's answer short once answerTimeout has passed: the
+// connection is shut down, which ends a write blocked on a client that does
+// not read and makes every later write fail at once. The handler writes with
+// plain descriptor writes (dprintf among them), so the limit cannot be put
+// on the writes themselves.
+class AnswerDeadline {
+ public:
+  explicit AnswerDeadline(int fd)
+      : watchdog_([this, fd] {
+          std::unique_lock<std::mutex> hold(mutex_);
+          const auto limit = std::chrono::duration<double>(answerTimeout);
+          if (!done_.wait_for(hold, limit, [this] { return finished_; })) shutdown(fd, SHUT_RDWR);
+        }) {}
+  ~AnswerDeadline() {
+    {
+      std::lock_guard<std::mutex> hold(mutex_);
+      finished_ = true;
+    }
+    done_.notify_one();
+    watchdog_.join();
+  }
+  AnswerDeadline(const AnswerDeadline&) = delete;
+  AnswerDeadline& operator=(const AnswerDeadline&) = delete;
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable done_;
+  bool finished_ = false;
+  std::thread watchdog_;
+};
 
 }  // namespace
 
@@ -204,19 +238,18 @@ void DiagnosticServer::accepted(int fd) {
 void DiagnosticServer::answer(Connection& connection, const std::string& request) {
   ++requests_;
   const int fd = connection.fd();
-  // The answer is written with blocking writes bounded by a timeout: an
-  // answer larger than the socket buffer still goes out whole, and a client
-  // that stops reading holds the loop for at most answerTimeout.
+  // The answer is written with blocking writes, so that an answer larger
+  // than the socket buffer still goes out whole to a client that reads it;
+  // a client that stops reading holds the loop for at most answerTimeout.
   const int flags = fcntl(fd, F_GETFL);
   fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
-  timeval limit{};
-  limit.tv_sec = static_cast<time_t>(answerTimeout);
-  limit.tv_usec = static_cast<suseconds_t>((answerTimeout - std::floor(answerTimeout)) * 1e6);
-  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-  try {
-    handler_(request, fd);
-  } catch (const std::exception& e) {
-    writeAll(fd, std::string("error: ") + e.what() + "\n");
+  {
+    AnswerDeadline deadline(fd);
+    try {
+      handler_(request, fd);
+    } catch (const std::exception& e) {
+      writeAll(fd, std::string("error: ") + e.what() + "\n");
+    }
   }
   close(connection);
 }

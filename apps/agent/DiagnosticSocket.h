@@ -8,7 +8,7 @@
 // too long, that holds a control character, or that the handler refuses is
 // answered with one line starting "error: ". Nothing a client sends can stop
 // or stall the agent: connections are read without blocking, and an answer
-// is written with a send timeout.
+// that the client does not read is cut off after answerTimeout.
 #pragma once
 
 #include <functional>
@@ -25,8 +25,8 @@ namespace Agent {
 // Longest request line accepted, newline excluded.
 constexpr size_t maxRequestLength = 1024;
 
-// Longest time an answer may take to be written to a client that does not
-// read it.
+// Longest time the loop spends writing one answer: a client that does not
+// read its answer loses the connection after this.
 constexpr Kiln::Seconds answerTimeout = 2.0;
 
 // Most connections open at once; more are answered with an error and closed.

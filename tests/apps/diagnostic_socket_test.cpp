@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -37,6 +38,12 @@ class DiagnosticSocketTest : public ::testing::Test {
     server_ = std::make_unique<DiagnosticServer>(path_, [this](const std::string& request, int fd) {
       handled_.push_back(request);
       if (request == "boom") throw std::runtime_error("boom");
+      if (request == "lines") {
+        // Many small descriptor writes, as the free-entry summary of a
+        // fragmented table makes (at most 32767 runs).
+        for (int i = 0; i < 40000; ++i) dprintf(fd, "%-15d%-5d\n", i, 1);
+        return;
+      }
       if (request == "big") {
         writeAll(fd, std::string(1 << 20, 'x') + "\n");
         return;
@@ -217,6 +224,25 @@ TEST_F(DiagnosticSocketTest, AClientThatDoesNotReadCannotHoldTheAgent) {
   EXPECT_EQ(server_->connections(), 0u);
   close(fd);
   EXPECT_EQ(ask("ping"), "you said: ping\n");
+}
+
+TEST_F(DiagnosticSocketTest, ManySmallWritesToAClientThatDoesNotReadAreCutOffToo) {
+  serveEcho();
+  const int fd = connectTo(path_);
+  ASSERT_GE(fd, 0);
+  send(fd, "lines\n", 6, MSG_NOSIGNAL);
+  // Once the deadline has shut the connection down, each further write
+  // fails at once instead of waiting for the client.
+  runLoop(3);
+  EXPECT_EQ(server_->connections(), 0u);
+  close(fd);
+  EXPECT_EQ(ask("ping"), "you said: ping\n");
+}
+
+TEST_F(DiagnosticSocketTest, ManySmallWritesReachAClientThatReads) {
+  serveEcho();
+  const std::string answer = ask("lines");
+  EXPECT_EQ(answer.size(), 40000u * 21);
 }
 
 TEST_F(DiagnosticSocketTest, AClientThatLeavesBeforeItsAnswerDoesNotStopTheAgent) {
