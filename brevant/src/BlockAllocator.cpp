@@ -1,0 +1,145 @@
+// The block allocator: finds runs of free table entries for groups and
+// records entries as allocated or free. Narrow blocks are packed upward from
+// index 3, wide blocks downward from just below the swap area.
+#include "Brevant/DefragManager.h"
+#include "Brevant/NextHopManager.h"
+#include "Brevant/NextHopTrace.h"
+#include "Flashlog/Flashlog.h"
+#include "Kiln/Assert.h"
+
+namespace Brevant {
+namespace {
+
+// allocateBlock and freeBlock: record entries index to index + length - 1
+// as allocated or free. operation names the caller in the messages.
+S32 markBlock(NextHopManager& manager, const char* operation, U16 index, U16 length,
+              bool allocate) {
+  NH_TRACE(8, operation << " at " << index << " of length " << length);
+  if (!manager.initialized()) {
+    NH_TRACE(1, "NexthopTable is not initialized");
+    return -7;
+  }
+  // Index 0 passes this test although it is never free: kept as it is.
+  if (index == 1 || index == 2 || U32(index) + length > manager.getNextHopTableBound()) {
+    NH_TRACE(1, "Index is out of range");
+    FLASHLOG(1, "%s: Index is out of range", operation);
+    return -1;
+  }
+  for (U32 i = index; i < U32(index) + length; ++i) {
+    manager.updateNextHopHWIndex(U16(i), allocate);
+  }
+  return 0;
+}
+
+}  // namespace
+
+S32 NextHopManager::findAvailableBlock(U16 length, bool wide) {
+  NH_TRACE(8, "findAvailableBlock" << " length: " << length << " Wide: " << wide);
+  if (!initialized_) {
+    NH_TRACE(1, "NexthopTable is not initialized");
+    return -7;
+  }
+  const S32 found = wide ? findAvailableWideBlock(length) : findAvailableNarrowBlock(length);
+  if (found > 0) {
+    NH_TRACE(2, "Found a block at index " << found);
+    return found;
+  }
+  if (freeEntries_.members() >= length) {
+    // The space exists but no run is long enough: compaction may make one.
+    if (!defragManager_->scheduleDefragment()) {
+      NH_TRACE(1, "NexthopTable appears to be full. Schedule defragment");
+      defragManager_->scheduleDefragmentIs(true);
+      defragManager_->startDefragScheduler();
+    } else {
+      NH_TRACE(1, "Defragment is already scheduled");
+    }
+    return -2;
+  }
+  NH_TRACE(1, "NextHopTable is FULL. Can not defragment");
+  return -2;
+}
+
+S32 NextHopManager::findAvailableNarrowBlock(U16 length) {
+  NH_TRACE(8, "findAvailableNarrowBlock" << "Length: " << length);
+  const KilnFreeEntries* first = freeEntries_.first();
+  const U32 start = first ? first->key() : lastWideIndex_;
+  NH_TRACE(4, "finding narrow block from index: " << start << "length: " << length);
+  KILN_ASSERT(length <= 256);
+  // First fit from the lowest free index: the start of the lowest run that
+  // is long enough, so holes are reused before the region grows.
+  U32 run = 0;
+  U16 narrowIndex = 0;
+  bool found = false;
+  for (U32 index = start; index < lastWideIndex_; ++index) {
+    if (freeEntries(U16(index))) {
+      if (run == 0) narrowIndex = U16(index);
+      if (++run == length) {
+        found = true;
+        break;
+      }
+    } else {
+      run = 0;
+    }
+  }
+  if (!found) {
+    NH_TRACE(1, "NOT found narrow block of length " << length);
+    return -2;
+  }
+  KILN_ASSERT(narrowIndex != 0);
+  const U16 last = U16(narrowIndex + length - 1);
+  if (last > lastNarrowIndex_) lastNarrowIndexIs(last);
+  NH_TRACE(4, "Found narrow block at index: " << narrowIndex << "Last narrow index is : "
+                                                << lastNarrowIndex_);
+  return narrowIndex;
+}
+
+S32 NextHopManager::findAvailableWideBlock(U16 length) {
+  NH_TRACE(8, "findAvailableWideBlock" << " length: " << length);
+  U16 index = U16(getNextHopTableSwapIndex() - 1);
+  NH_TRACE(4, "finding wide block from index: " << index << " of length: " << length);
+  KILN_ASSERT(length <= 256);
+  if (index <= lastNarrowIndex_) return -2;
+  // First fit from the top: the block ends the highest run that is long
+  // enough, keeping the wide region packed against the swap area. The
+  // limit is compared only after each step, in 16 bits.
+  U32 run = 0;
+  for (;;) {
+    if (freeEntries(index)) {
+      if (++run == length) break;
+    } else {
+      run = 0;
+    }
+    --index;
+    if (index <= lastNarrowIndex_) return -2;
+  }
+  NH_TRACE(4, "Found wide block at index( last wide index ): " << index);
+  if (index < lastWideIndex_) lastWideIndexIs(index);
+  // Wide blocks must start even; only the result is checked.
+  KILN_ASSERT((index % 2) == 0);
+  return index;
+}
+
+S32 NextHopManager::allocateBlock(U16 startIndex, U16 size) {
+  return markBlock(*this, "allocateBlock", startIndex, size, true);
+}
+
+S32 NextHopManager::freeBlock(U16 startIndex, U16 size) {
+  return markBlock(*this, "freeBlock", startIndex, size, false);
+}
+
+S32 NextHopManager::updateNextHopHWIndex(U16 index, bool value) {
+  NH_TRACE(8, "updateNextHopHWIndex" << "NextHop at " << index << "allocate: " << value);
+  if (!initialized_) {
+    NH_TRACE(1, "NexthopTable is not initialized");
+    return -7;
+  }
+  allocatedEntriesIs(index, value);
+  if (value) {
+    freeEntriesDel(index);
+  } else {
+    freeEntriesIs(index, true);
+  }
+  return 0;
+}
+
+}  // namespace Brevant

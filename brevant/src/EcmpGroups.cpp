@@ -1,0 +1,196 @@
+// ECMP groups: issuing ids, creating, placing, removing, deleting and
+// looking up groups.
+#include <vector>
+
+#include "Brevant/NextHopAccess.h"
+#include "Brevant/NextHopManager.h"
+#include "Brevant/NextHopTrace.h"
+#include "Flashlog/Flashlog.h"
+#include "Kiln/Assert.h"
+
+namespace Brevant {
+namespace {
+
+// The invalid group id: what genECMPGroupId answers when the pool is empty,
+// and the id of the placeholder group that failed lookups return.
+constexpr U16 invalidGroupId = 0xFFFF;
+
+// The largest group, narrow or wide, in next hops.
+constexpr U16 maxGroupSize = 256;
+
+// Table entries per next hop.
+U16 strideOf(const ECMPGroup& group) { return group.wide() ? 2 : 1; }
+
+}  // namespace
+
+U16 NextHopManager::genECMPGroupId() {
+  NH_TRACE(8, "genECMPGroupId");
+  for (auto it = freeGroupIds_.begin(); it != freeGroupIds_.end(); ++it) {
+    if (!it->value()) continue;
+    const U16 id = it->key();
+    freeGroupIdsDel(id);
+    NH_TRACE(9, "Issuing ECMP group ID " << id);
+    return id;
+  }
+  return invalidGroupId;
+}
+
+S32 NextHopManager::createECMPGroup(U32, bool wide, bool fixedSize, U16 size,
+                                    const U64Collection& data, const U64Collection& wideData,
+                                    FeatureType feature, bool mcast) {
+  NH_TRACE(8, "createECMPGroup" << ": Creating a " << (fixedSize ? "fixed" : "variable")
+                                << " sized ECMP group with " << size << " "
+                                << (wide ? "wide" : "narrow") << " entries for feature"
+                                << feature);
+  if (!initialized_) {
+    NH_TRACE(1, "NexthopTable not initialized");
+    return -7;
+  }
+  if ((fixedSize && size == 0) || size > maxGroupSize) {
+    NH_TRACE(1, "ECMP Group size is invalid");
+    return -1;
+  }
+  const U16 id = genECMPGroupId();
+  if (id == invalidGroupId) {
+    NH_TRACE(1, "Can not allocate ECMPGroupId");
+    return -2;
+  }
+  Kiln::Ptr<ECMPGroup> group = ecmpGroupsIs(id);
+  group->wideIs(wide);
+  group->fixedSizeIs(fixedSize);
+  group->sizeIs(size);
+  group->mcastIs(mcast);
+  group->hwStartIndexIs(0);
+  group->featuresSupportedIs(feature, true);
+  for (U16 p = 0; p < size; ++p) {
+    NH_TRACE(9, "nhData " << std::hex << data.data(p) << "nhWideData " << wideData.data(p)
+                          << std::dec);
+    // Until the group is placed, an entry's hwIndex holds its position.
+    group->nextHopsIs(p, NextHopEntry(p, wide, data.data(p), wide ? wideData.data(p) : 0));
+  }
+  const S32 rc = addECMPGroupToTable(id);
+  if (rc == 0) {
+    NH_TRACE(9, "Successfully created ECMP group " << id);
+    return id;
+  }
+  // Placing fails before it allocates anything, so the record and the id
+  // are all there is to undo.
+  NH_TRACE(1, "Something went wrong when creating ECMP group " << id << "; deleting group");
+  FLASHLOG(1, "Something went wrong when creating ECMP group %d", id);
+  ecmpGroupsDel(id);
+  freeGroupIdsIs(id, true);
+  return rc;
+}
+
+S32 NextHopManager::addECMPGroupToTable(U16 groupId) {
+  NH_TRACE(8, "addECMPGroupToTable" << " groupId: " << groupId);
+  if (!initialized_) {
+    NH_TRACE(1, "NexthopTable is not initialized");
+    return -7;
+  }
+  Kiln::Ptr<ECMPGroup> group = ecmpGroups(groupId);
+  if (!group) {
+    NH_TRACE(1, "Invalid Group Id");
+    return -1;
+  }
+  const U16 stride = strideOf(*group);
+  const U16 length = U16(stride * group->size());
+  const S32 start = findAvailableBlock(length, group->wide());
+  if (start < 0) return start;
+  allocateBlock(U16(start), length);
+  group->hwStartIndexIs(U16(start));
+  hwStartToGroupIdIs(U16(start), groupId);
+  // Every position gets its table index, and the whole block is written to
+  // the chip in one call.
+  std::vector<U64> words(length);
+  for (U32 p = group->size(); p-- > 0;) {
+    NextHopEntry entry = group->nextHops(U16(p));
+    entry.hwIndexIs(U16(start + stride * p));
+    group->nextHopsIs(U16(p), entry);
+    words[stride * p] = entry.data();
+    if (group->wide()) words[stride * p + 1] = entry.wideData();
+  }
+  writeNextHopInternal(U16(start), length, words.data());
+  NH_TRACE(3, "ECMP group " << groupId << " of length " << length << " written to " << start);
+  return 0;
+}
+
+S32 NextHopManager::removeECMPGroupFromTable(U16 groupId) {
+  NH_TRACE(8, "removeECMPGroupFromTable" << "groupId: " << groupId);
+  if (!initialized_) {
+    NH_TRACE(1, "NexthopTable is not initialized");
+    return -7;
+  }
+  Kiln::Ptr<ECMPGroup> group = ecmpGroups(groupId);
+  if (!group) {
+    NH_TRACE(1, "Invalid Group Id");
+    return -1;
+  }
+  const U16 length = U16(strideOf(*group) * group->size());
+  const U16 start = group->hwStartIndex();
+  // The chip's entries and the group's record stay as they are.
+  hwStartToGroupIdDel(start);
+  freeBlock(start, length);
+  // A block at the edge of its region pulls the boundary back to the next
+  // allocated entry. Both scans test the entry first and the limit only
+  // after a step, in 16 bits: the wide scan may end on the swap index, and
+  // the narrow scan below index 3 wraps round through 65535 until it meets
+  // an allocated entry or comes back to 2.
+  if (group->wide() && start == lastWideIndex_) {
+    const U16 swapIndex = getNextHopTableSwapIndex();
+    U16 index = U16(start + 1);
+    while (!allocatedEntries(index)) {
+      ++index;
+      if (index == swapIndex) break;
+    }
+    NH_TRACE(4, " updated Wide index : " << index);
+    KILN_ASSERT(index % 2 == 0);
+    lastWideIndexIs(index);
+  } else if (!group->wide() && start == U16(lastNarrowIndex_ - length + 1)) {
+    U16 index = U16(start - 1);
+    while (!allocatedEntries(index)) {
+      --index;
+      if (index == 2) break;
+    }
+    NH_TRACE(4, " updated Narrow index : " << index);
+    lastNarrowIndexIs(index);
+  }
+  NH_TRACE(3, "ECMP group " << groupId << " removed from next hop table");
+  return 0;
+}
+
+S32 NextHopManager::deleteECMPGroup(U32, U16 groupId) {
+  if (!initialized_) return -7;
+  if (!ecmpGroups(groupId)) return -1;
+  NH_TRACE(3, "Deleting ECMP group " << groupId);
+  // The reserved groups 0 and 1 are not protected: their ids go back into
+  // the pool like any other.
+  const S32 rc = removeECMPGroupFromTable(groupId);
+  if (rc != 0) return rc;
+  ecmpGroupsDel(groupId);
+  freeGroupIdsIs(groupId, true);
+  return 0;
+}
+
+Kiln::Ptr<ECMPGroup> NextHopManager::getECMPGroup(U16 groupId) {
+  NH_TRACE(8, "getECMPGroup" << "groupId: " << groupId);
+  // The placeholder answers every failed lookup, so the result is never
+  // null; callers recognise it by its id.
+  Kiln::Ptr<ECMPGroup> placeholder = ecmpGroupsIs(invalidGroupId);
+  if (!initialized_) return placeholder;
+  if (Kiln::Ptr<ECMPGroup> group = ecmpGroups(groupId)) return group;
+  NH_TRACE(1, "Failed to get ECMP Group for :" << groupId);
+  return placeholder;
+}
+
+S32 NextHopManager::addFeatureToGroup(U16 groupId, FeatureType feature) {
+  if (!initialized_) return -7;
+  Kiln::Ptr<ECMPGroup> group = ecmpGroups(groupId);
+  if (!group) return -1;
+  NH_TRACE(9, "Adding a feature to ECMP group " << groupId);
+  group->featuresSupportedIs(feature, true);
+  ecmpGroupsIs(groupId);
+  return 0;
+}
+
+}  // namespace Brevant

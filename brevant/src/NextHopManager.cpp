@@ -1,0 +1,106 @@
+// The next-hop table's model: geometry, initialisation, simulation mode and
+// teardown.
+#include "Brevant/NextHopManager.h"
+
+#include "Brevant/DefragManager.h"
+#include "Brevant/NextHopAccess.h"
+#include "Brevant/NextHopTrace.h"
+
+namespace Brevant {
+namespace {
+
+// Outside simulation: one past the highest usable index, and the first index
+// of the 256-entry swap area kept for relocating groups.
+constexpr U16 tableBound = 0xFFFE;
+constexpr U16 tableSwapIndex = 0xFEFE;
+// In simulation mode the swap area is only this many entries.
+constexpr U16 simSwapEntries = 8;
+// The highest index a free pool ever holds.
+constexpr U16 lastPoolIndex = tableBound - 1;
+
+// The logical ports whose glorts the two reserved entries hold.
+constexpr S32 reservedPort0 = 65532;
+constexpr S32 reservedPort1 = 65530;
+
+}  // namespace
+
+void NextHopManager::constructHook() { initHandler(); }
+
+void NextHopManager::destructHook() {
+  // Groups go first, then the defragmenter; the collections then follow in
+  // reverse declaration order as members.
+  ecmpGroupsDelAll();
+  defragManagerIs(nullptr);
+}
+
+U16 NextHopManager::getNextHopTableBound() {
+  return simMode_ ? simNextHopTableBound_ : tableBound;
+}
+
+U16 NextHopManager::getNextHopTableSwapIndex() {
+  // A simulated bound below 8 wraps round in 16 bits, on purpose.
+  return simMode_ ? U16(simNextHopTableBound_ - simSwapEntries) : tableSwapIndex;
+}
+
+void NextHopManager::initHandler() {
+  NH_TRACE(8, "initHandler");
+  if (!initialized_) {
+    // The reserved groups 0 and 1 each hold one entry: the glort of a
+    // logical port. They are in neither the free pools nor the allocator's
+    // records.
+    struct Reserved {
+      U16 groupId;
+      bool mcast;
+      S32 logicalPort;
+    };
+    for (const Reserved& r : {Reserved{0, false, reservedPort0}, Reserved{1, true, reservedPort1}}) {
+      const U16 index = r.groupId + 1;
+      Kiln::Ptr<ECMPGroup> group = ecmpGroupsIs(r.groupId);
+      group->wideIs(false);
+      group->mcastIs(r.mcast);
+      group->fixedSizeIs(true);
+      group->sizeIs(1);
+      group->hwStartIndexIs(index);
+      U64 word = logicalPortGlort(r.logicalPort, "initHandler");
+      writeNextHopInternal(index, 1, &word);
+    }
+    for (U32 i = 3; i < getNextHopTableBound(); ++i) {
+      freeEntriesIs(U16(i), true);
+      freeGroupIdsIs(U16(i), true);
+    }
+  }
+  lastNarrowIndexIs(2);
+  lastWideIndexIs(getNextHopTableSwapIndex());
+  defragManagerIs(DefragManager::DefragManagerIs(this));
+  initializedIs(true);
+}
+
+void NextHopManager::simModeIs(bool simMode) {
+  if (simMode == simMode_) return;
+  simMode_ = simMode;
+  handleSimulationMode();
+}
+
+void NextHopManager::handleSimulationMode() {
+  // Entering trims the pools to the simulated bound; leaving gives back what
+  // lies from the bound just given up to the top. Entries in use above the
+  // bound are not reclaimed.
+  for (U32 i = simNextHopTableBound_; i <= lastPoolIndex; ++i) {
+    if (simMode_) {
+      freeEntriesDel(U16(i));
+      freeGroupIdsDel(U16(i));
+    } else {
+      freeEntriesIs(U16(i), true);
+      freeGroupIdsIs(U16(i), true);
+    }
+  }
+  lastWideIndexIs(getNextHopTableSwapIndex());
+}
+
+void NextHopManager::setSimulationMode(bool mode, U16 size) {
+  NH_TRACE(8, "Setting simMode to " << mode);
+  simNextHopTableBoundIs(size);
+  simModeIs(mode);
+}
+
+}  // namespace Brevant
