@@ -1,0 +1,58 @@
+// The command line of brevant-agent.
+#pragma once
+
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "Kiln/Types.h"
+
+namespace Agent {
+
+// A command line that cannot be run; what() says why.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct RunOptions {
+  // The workload file to replay; the built-in workload when absent.
+  std::optional<std::string> workloadFile;
+  // Seed and agent time of the built-in workload.
+  U64 seed = 1;
+  Kiln::Seconds duration = 7200;
+  // Simulation mode with this table bound (even, 16 to 65534).
+  std::optional<U16> simBound;
+  // Run on a manual clock that jumps from one timer to the next.
+  bool manualClock = false;
+  // Write the occupancy picture here.
+  std::optional<std::string> svgFile;
+  // Serve the diagnostic socket here.
+  std::optional<std::string> socketPath;
+  // Keep running after the workload until stopped (signal or quit request).
+  bool serve = false;
+  // Progress line: when absent, shown exactly when stderr is a terminal.
+  std::optional<bool> progress;
+};
+
+struct ClientOptions {
+  std::string socketPath;
+  // The request words joined by single blanks.
+  std::string request;
+};
+
+struct CommandLine {
+  enum class Command { run, client, help };
+  Command command = Command::run;
+  RunOptions run;
+  ClientOptions client;
+};
+
+// Parses the arguments after the program name. Throws UsageError.
+CommandLine parseCommandLine(const std::vector<std::string>& args);
+
+// The text printed by `brevant-agent help`.
+std::string usageText();
+
+}  // namespace Agent

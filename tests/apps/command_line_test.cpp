@@ -1,0 +1,87 @@
+#include "CommandLine.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace Agent;
+using ::testing::HasSubstr;
+
+namespace {
+
+std::string usageErrorOf(const std::vector<std::string>& args) {
+  try {
+    parseCommandLine(args);
+  } catch (const UsageError& e) {
+    return e.what();
+  }
+  return "no error";
+}
+
+}  // namespace
+
+TEST(CommandLine, NoArgumentsRunTheBuiltInWorkloadOnTheRealClock) {
+  const CommandLine line = parseCommandLine({});
+  EXPECT_EQ(line.command, CommandLine::Command::run);
+  EXPECT_FALSE(line.run.workloadFile);
+  EXPECT_FALSE(line.run.manualClock);
+  EXPECT_FALSE(line.run.simBound);
+  EXPECT_FALSE(line.run.serve);
+  EXPECT_EQ(line.run.seed, 1u);
+  EXPECT_EQ(line.run.duration, 7200.0);
+  EXPECT_FALSE(line.run.progress);
+}
+
+TEST(CommandLine, RunTakesEveryOption) {
+  const CommandLine line = parseCommandLine({"run", "--workload", "w.txt", "--seed", "42", "--duration",
+                                             "60.5", "--sim-bound", "64", "--manual-clock", "--svg",
+                                             "t.svg", "--socket", "/tmp/a.sock", "--serve", "--no-progress"});
+  EXPECT_EQ(line.command, CommandLine::Command::run);
+  EXPECT_EQ(line.run.workloadFile, "w.txt");
+  EXPECT_EQ(line.run.seed, 42u);
+  EXPECT_EQ(line.run.duration, 60.5);
+  EXPECT_EQ(line.run.simBound, 64);
+  EXPECT_TRUE(line.run.manualClock);
+  EXPECT_EQ(line.run.svgFile, "t.svg");
+  EXPECT_EQ(line.run.socketPath, "/tmp/a.sock");
+  EXPECT_TRUE(line.run.serve);
+  EXPECT_EQ(line.run.progress, false);
+  // Options alone mean run.
+  EXPECT_TRUE(parseCommandLine({"--manual-clock", "--progress"}).run.progress.value());
+}
+
+TEST(CommandLine, ServeIsRunThatKeepsServing) {
+  const CommandLine line = parseCommandLine({"serve", "--socket", "/tmp/a.sock"});
+  EXPECT_EQ(line.command, CommandLine::Command::run);
+  EXPECT_TRUE(line.run.serve);
+  EXPECT_EQ(usageErrorOf({"serve"}), "serving needs --socket PATH");
+  EXPECT_EQ(usageErrorOf({"run", "--serve"}), "serving needs --socket PATH");
+}
+
+TEST(CommandLine, ClientJoinsTheRequestWords) {
+  const CommandLine line = parseCommandLine({"client", "--socket", "/tmp/a.sock", "set",
+                                             "nextHopManager.defragManager.defragDelay", "2.5"});
+  EXPECT_EQ(line.command, CommandLine::Command::client);
+  EXPECT_EQ(line.client.socketPath, "/tmp/a.sock");
+  EXPECT_EQ(line.client.request, "set nextHopManager.defragManager.defragDelay 2.5");
+  EXPECT_EQ(usageErrorOf({"client", "show", "free-entries"}), "client needs --socket PATH");
+  EXPECT_EQ(usageErrorOf({"client", "--socket", "/tmp/a.sock"}), "client needs a request");
+  EXPECT_EQ(usageErrorOf({"client", "--socket"}), "--socket needs a value");
+}
+
+TEST(CommandLine, RefusesBadValues) {
+  EXPECT_EQ(usageErrorOf({"--sim-bound", "63"}), "--sim-bound must be even, not 63");
+  EXPECT_EQ(usageErrorOf({"--sim-bound", "8"}), "--sim-bound expects a number from 16 to 65534, not '8'");
+  EXPECT_EQ(usageErrorOf({"--sim-bound", "65536"}),
+            "--sim-bound expects a number from 16 to 65534, not '65536'");
+  EXPECT_EQ(usageErrorOf({"--seed", "x"}), "--seed expects a number from 0 to 18446744073709551615, not 'x'");
+  EXPECT_EQ(usageErrorOf({"--duration", "-1"}), "--duration expects a number from 0 to 1e+07, not '-1'");
+  EXPECT_EQ(usageErrorOf({"--workload"}), "--workload needs a value");
+  EXPECT_EQ(usageErrorOf({"run", "--fast"}), "unknown option '--fast'");
+}
+
+TEST(CommandLine, HelpListsCommandsAndRequests) {
+  EXPECT_EQ(parseCommandLine({"help"}).command, CommandLine::Command::help);
+  EXPECT_EQ(parseCommandLine({"--help"}).command, CommandLine::Command::help);
+  EXPECT_THAT(usageText(), HasSubstr("brevant-agent client --socket PATH REQUEST..."));
+  EXPECT_THAT(usageText(), HasSubstr("show free-entries | show group ID | get PATH | set PATH VALUE"));
+}
