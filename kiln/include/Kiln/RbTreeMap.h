@@ -283,6 +283,9 @@ class RbTreeMap {
 
   // Takes m out of the tree and hands over the map's reference.
   Ptr<M> unlink(M* m) {
+    // A finger on m moves to its successor: removals index after index (as
+    // allocating a block does) then each start next to the previous one.
+    if (finger_ == m) finger_ = step(m, 1);
     M* child;        // the member that moves into the vacated place, maybe null
     M* parent;       // child's parent after the move
     bool blackGone;  // a black member left its path: rebalance
@@ -311,7 +314,6 @@ class RbTreeMap {
       replaceChild(m, child);
     }
     if (blackGone) rebalanceAfterRemove(child, parent);
-    if (finger_ == m) finger_ = nullptr;
     m->child_[0] = m->child_[1] = m->parent_ = nullptr;
     --members_;
     Ptr<M> removed(m);
