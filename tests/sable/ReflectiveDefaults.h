@@ -17,6 +17,10 @@ namespace StateTest {
 // parameter, queue metadata, singleton, reference, base) of a fresh object.
 typedef std::map<std::string, std::string> DefaultTexts;
 
+// The metadata text of an empty queue that never held anything.
+inline const std::string emptyQueueMetadata =
+    "Value('Kiln::LinkQueueMetadata', ** {'headIndex': 0, 'nextIndex': 0})";
+
 // Walks every attribute record of o's type, the bases' first:
 // - a scalar-like attribute reads the same text by name and by index, and
 //   that text is the declared default (every such attribute must be declared);
@@ -53,6 +57,24 @@ inline void expectDeclaredDefaults(const Kiln::PtrInterface& o, const DefaultTex
       }
     }
   }
+}
+
+// The texts of a fresh entity named `name` of type `typeName` (a
+// Sable::SableCommonSmData or a type derived from it): Kiln::Entity's base
+// attributes and the agent-common attributes, every one at its default.
+inline DefaultTexts sableCommonSmDataDefaults(const std::string& name,
+                                              const std::string& typeName) {
+  const std::string zeroMac = "Value('Nimbet::EthAddr', ** {'word0': 0, 'word1': 0, 'word2': 0})";
+  return {{"name", "'" + name + "'"}, {"parent", "None"}, {"parentAttrName", "''"},
+          {"fullName", "'" + name + "'"}, {"entity", "Ref('" + typeName + "', '" + name + "')"},
+          {"operationalMode", "0"}, {"vlanHelper", "None"}, {"minIntfs", "0"},
+          {"cpuIntf", "''"}, {"mlagPeerLinkPort", "''"}, {"hasInitialLagColls", "False"},
+          {"virtualMac", zeroMac}, {"peerRouterMac", zeroMac}, {"cliConfig", "None"},
+          {"freeMirrorSessionMetadata", emptyQueueMetadata}, {"isFabricSlice", "False"},
+          {"parityEvent", "0"}, {"verifyData", "False"}, {"verifySm", "False"},
+          {"doCleanup", "False"}, {"zeltFastBoot", "False"}, {"zeltRenice", "False"},
+          {"zeltReniceValue", "0"}, {"initialized", "False"},
+          {"pfcWatchdogDropActionSupported", "False"}, {"handleInitialized", "False"}};
 }
 
 }  // namespace StateTest

@@ -62,26 +62,10 @@ TEST(SableCommonSmData, AttributesTakeIndexes258To295InDeclarationOrder) {
   EXPECT_EQ(r.base(), &Kiln::Entity::kilnType());
 }
 
-// The defaults of a fresh SableCommonSmData named `name`, as texts.
-StateTest::DefaultTexts sableDefaults(const std::string& name) {
-  const std::string zeroMac = "Value('Nimbet::EthAddr', ** {'word0': 0, 'word1': 0, 'word2': 0})";
-  return {{"name", "'" + name + "'"}, {"parent", "None"}, {"parentAttrName", "''"},
-          {"fullName", "'" + name + "'"},
-          {"entity", "Ref('Sable::SableCommonSmData', '" + name + "')"},
-          {"operationalMode", "0"}, {"vlanHelper", "None"}, {"minIntfs", "0"},
-          {"cpuIntf", "''"}, {"mlagPeerLinkPort", "''"}, {"hasInitialLagColls", "False"},
-          {"virtualMac", zeroMac}, {"peerRouterMac", zeroMac}, {"cliConfig", "None"},
-          {"freeMirrorSessionMetadata",
-           "Value('Kiln::LinkQueueMetadata', ** {'headIndex': 0, 'nextIndex': 0})"},
-          {"isFabricSlice", "False"}, {"parityEvent", "0"}, {"verifyData", "False"},
-          {"verifySm", "False"}, {"doCleanup", "False"}, {"zeltFastBoot", "False"},
-          {"zeltRenice", "False"}, {"zeltReniceValue", "0"}, {"initialized", "False"},
-          {"pfcWatchdogDropActionSupported", "False"}, {"handleInitialized", "False"}};
-}
-
 TEST(SableCommonSmData, FreshEntityReadsItsDefaultsByNameAndByIndex) {
   Kiln::Ptr<SableCommonSmData> s = Sable::sableCommonSmDataFactory("sable");
-  StateTest::expectDeclaredDefaults(*s, sableDefaults("sable"));
+  StateTest::expectDeclaredDefaults(
+      *s, StateTest::sableCommonSmDataDefaults("sable", "Sable::SableCommonSmData"));
 }
 
 TEST(SableCommonSmData, ScalarSetterNotifiesOnlyOnChange) {
