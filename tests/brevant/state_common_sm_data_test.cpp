@@ -607,6 +607,16 @@ TEST(BrevantCommonSmData, NotifieeClassDerivesFromTheBasesNotifiee) {
 
 // --- The next-hop manager
 
+TEST(BrevantCommonSmData, AbsentManagerIsNotAValidPointer) {
+  Kiln::Ptr<BrevantCommonSmData> s = BrevantCommonSmData::BrevantCommonSmDataIs("agent");
+  try {
+    Kiln::validPtr(s->nextHopManager());
+    FAIL() << "no exception";
+  } catch (const Kiln::RangeException& e) {
+    EXPECT_EQ(std::string(e.what()), "null ValidPtr");
+  }
+}
+
 TEST_F(BrevantCommonSmDataWithChip, NextHopManagerIsTwiceConstructsOneManager) {
   const Kiln::AllocationRecord& managers = Kiln::allocationRecord<NextHopManager>();
   const U64 before = managers.live();
