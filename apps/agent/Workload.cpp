@@ -384,7 +384,7 @@ class ChurnGenerator {
       create(g, true);
     }
     U32 created = 0;
-    while (planned() < target(0.85)) {
+    while (planned() < target(0.90)) {
       create(newGroup(below(peers)));
       if (++created % 100 == 0) sleep(0.05);
     }
@@ -398,7 +398,7 @@ class ChurnGenerator {
     } else if (kind < 0.42) {
       const U32 count = 1 + below(3);
       for (U32 i = 0; i < count; ++i) {
-        if (planned() < target(0.92)) {
+        if (planned() < target(0.97)) {
           create(newGroup(below(peers)));
         } else if (!live_.empty()) {
           remove(below(static_cast<U32>(live_.size())));

@@ -1,0 +1,770 @@
+#include "Agent.h"
+
+#include <stdio.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <set>
+#include <sstream>
+
+#include "Brevant/DefragManager.h"
+#include "Brevant/ECMPGroup.h"
+#include "Brevant/NextHopCallback.h"
+#include "Brevant/U64Collection.h"
+#include "Diagnostics.h"
+#include "DiagnosticSocket.h"
+#include "FmSim/FmSim.h"
+#include "Kiln/ActivityManager.h"
+#include "Kiln/Lock.h"
+
+namespace Agent {
+namespace {
+
+// No group: the manager's invalid group id.
+constexpr U16 noGroup = 65535;
+
+// Agent time between two steps of a burst of requests: the loop serves the
+// socket and any due timer in between.
+constexpr Kiln::Seconds stepGap = 1e-6;
+
+// Differences listed in the report, beyond which only counts grow.
+constexpr size_t listedProblems = 10;
+
+std::atomic<bool> interrupted{false};
+
+double wallNow() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+Brevant::FeatureType featureType(Feature feature) {
+  return static_cast<Brevant::FeatureType>(static_cast<int>(feature));
+}
+
+U8 featureBit(Feature feature) { return static_cast<U8>(1u << static_cast<int>(feature)); }
+
+std::string secondsText(Kiln::Seconds t) {
+  char text[32];
+  snprintf(text, sizeof(text), "%.1f s", t);
+  return text;
+}
+
+// The free-space figures straight from the manager's free map, without
+// building a picture.
+FreeSpace freeSpaceOf(Brevant::NextHopManager& manager) {
+  FreeSpace space;
+  const U32 swap = manager.getNextHopTableSwapIndex();
+  U32 runStart = 0;
+  U32 run = 0;
+  for (const auto& member : manager.freeEntries()) {
+    const U32 index = member.key();
+    if (index >= swap) break;
+    if (run != 0 && index == runStart + run) {
+      ++run;
+      continue;
+    }
+    addFreeRun(space, run);
+    runStart = index;
+    run = 1;
+  }
+  addFreeRun(space, run);
+  return space;
+}
+
+}  // namespace
+
+// Times the handlers that the activity thread runs, on the real clock, and
+// keeps the longest: the longest time the agent did nothing else.
+class StopWatch {
+ public:
+  explicit StopWatch(std::function<U32()> defragRuns) : defragRuns_(std::move(defragRuns)) {}
+
+  // A handler starts; one still open has ended.
+  void begin(Kiln::Seconds agentTime, std::string what = {}) {
+    end();
+    open_ = true;
+    started_ = wallNow();
+    agentTime_ = agentTime;
+    what_ = std::move(what);
+    runsAtBegin_ = defragRuns_();
+  }
+  // Names the open handler.
+  void label(std::string what) {
+    if (open_) what_ = std::move(what);
+  }
+  // The open handler, if any, has ended.
+  void end() {
+    if (!open_) return;
+    open_ = false;
+    const double took = wallNow() - started_;
+    if (took <= longest_) return;
+    longest_ = took;
+    std::string what = what_;
+    if (defragRuns_() != runsAtBegin_) {
+      what = what.empty() ? "defragmentation run" : what + " and a defragmentation run";
+    }
+    longestWhat_ = (what.empty() ? "timer" : what) + " at t = " + secondsText(agentTime_);
+  }
+
+  Kiln::Seconds longest() const { return longest_; }
+  const std::string& longestWhat() const { return longestWhat_; }
+
+ private:
+  std::function<U32()> defragRuns_;
+  bool open_ = false;
+  double started_ = 0;
+  Kiln::Seconds agentTime_ = 0;
+  std::string what_;
+  U32 runsAtBegin_ = 0;
+  double longest_ = 0;
+  std::string longestWhat_;
+};
+
+namespace {
+
+// A clock that starts the stop watch when it is about to run a handler.
+template <class Base>
+class MeasuredClock : public Base {
+ public:
+  template <class... Args>
+  explicit MeasuredClock(std::shared_ptr<StopWatch> watch, Args... args)
+      : Base(args...), watch_(std::move(watch)) {}
+
+ protected:
+  void expiryReached(Kiln::Seconds time) override {
+    Base::expiryReached(time);
+    watch_->begin(time);
+  }
+
+ private:
+  std::shared_ptr<StopWatch> watch_;
+};
+
+}  // namespace
+
+// A routing feature's callback: keeps the feature's own view of where its
+// groups live, and tells the agent.
+class FeatureCallback : public Brevant::NextHopCallback {
+ public:
+  FeatureCallback(AgentSimulation& agent, Feature feature)
+      : NextHopCallback(featureName(feature), featureType(feature)), agent_(&agent), feature_(feature) {}
+
+  void updateNextHopAction(U16 groupId, U16 baseIndex, U16 numNextHops) override {
+    view_[groupId] = AgentSimulation::Placement{baseIndex, numNextHops};
+    if (agent_) agent_->moved(feature_, groupId, baseIndex, numNextHops);
+  }
+
+  std::map<U16, AgentSimulation::Placement> view_;
+  // Cleared when the agent goes, before the callback leaves the manager.
+  AgentSimulation* agent_;
+  Feature feature_;
+};
+
+class AgentSimulation::Replayer : public Kiln::Clock::Notifiee {
+ public:
+  explicit Replayer(AgentSimulation& agent) : agent_(&agent) {}
+  void onTime() override {
+    if (agent_) agent_->replayStep();
+  }
+  AgentSimulation* agent_;
+};
+
+class AgentSimulation::Retrier : public Kiln::Clock::Notifiee {
+ public:
+  explicit Retrier(AgentSimulation& agent) : agent_(&agent) {}
+  void onTime() override {
+    if (agent_) agent_->retryQueued();
+  }
+  AgentSimulation* agent_;
+};
+
+AgentSimulation::AgentSimulation(AgentConfig config)
+    : config_(std::move(config)), check_([](U32 index) { return FmSim::tableWord(index); }) {
+  interrupted = false;
+  watch_ = std::make_shared<StopWatch>([this] {
+    return manager_ && manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u;
+  });
+  Kiln::ActivityManager& loop = Kiln::ActivityManager::instance();
+  // The clock goes in first: the defragmenter takes the loop's clock when
+  // the manager is built.
+  previousClock_ = loop.clock();
+  if (config_.manualClock) {
+    auto* manual = new MeasuredClock<Kiln::ManualClock>(watch_, 0.0);
+    manualClock_ = manual;
+    clock_ = manual;
+  } else {
+    clock_ = new MeasuredClock<Kiln::MonotonicClock>(watch_);
+  }
+  loop.clockIs(clock_);
+
+  FmSim::reset();
+  Kiln::ActivityLockGuard activity;
+  state_ = Brevant::BrevantCommonSmData::BrevantCommonSmDataIs("agent");
+  manager_ = state_->nextHopManagerIs();
+  if (config_.simBound) manager_->setSimulationMode(true, *config_.simBound);
+  for (int f = 0; f < featureCount; ++f) {
+    Kiln::Ptr<FeatureCallback> callback = new FeatureCallback(*this, static_cast<Feature>(f));
+    manager_->featuresIs(callback);
+    callbacks_.push_back(callback);
+  }
+  FmSim::writeObserverIs([this](const FmSim::Call& call, const U64* data) {
+    if (call.sw == 0) chipWritten(call.address, call.count, data);
+  });
+  replayer_ = new Replayer(*this);
+  replayer_->notifierIs(clock_);
+  retrier_ = new Retrier(*this);
+  retrier_->notifierIs(clock_);
+  retryBackoff_ = config_.retryDelay;
+  if (config_.socketPath) {
+    server_ = std::make_unique<DiagnosticServer>(
+        *config_.socketPath, [this](const std::string& request, int fd) { answer(request, fd); });
+  }
+  report_.workload = config_.workloadName;
+  report_.manualClock = config_.manualClock;
+  report_.tableBound = manager_->getNextHopTableBound();
+  report_.swapIndex = manager_->getNextHopTableSwapIndex();
+}
+
+AgentSimulation::~AgentSimulation() {
+  Kiln::ActivityLockGuard activity;
+  server_.reset();
+  FmSim::writeObserverIs({});
+  retrier_->agent_ = nullptr;
+  replayer_->agent_ = nullptr;
+  replayer_->notifierIs(nullptr);
+  retrier_->notifierIs(nullptr);
+  for (const Kiln::Ptr<FeatureCallback>& callback : callbacks_) callback->agent_ = nullptr;
+  manager_->featuresDelAll();
+  manager_ = nullptr;
+  state_ = nullptr;
+  Kiln::ActivityManager::instance().clockIs(previousClock_);
+}
+
+const std::map<U16, AgentSimulation::Placement>& AgentSimulation::view(Feature feature) const {
+  return callbacks_[static_cast<int>(feature)]->view_;
+}
+
+void AgentSimulation::interrupt() {
+  interrupted = true;
+  Kiln::ActivityManager::instance().stop();
+}
+
+void AgentSimulation::quit() { quit_ = true; }
+
+// --- The run ---
+
+Report AgentSimulation::run() {
+  Kiln::ActivityLockGuard activity;
+  const double wallStart = wallNow();
+  report_.start = snapshot("start");
+  report_.worst = report_.start;
+  report_.worst.title = "worst fragmentation";
+  worstSpace_ = report_.start.freeSpace();
+  replayer_->timeMinIs(clock_->now());
+  drive();
+
+  report_.interrupted = quit_ || interrupted;
+  report_.abandoned = retryQueue_.size();
+  check_.settle();
+  check_.checkAll("at the end");
+  checkViews();
+  report_.hitlessWritesChecked = check_.writesChecked();
+  report_.hitlessViolations = check_.violations();
+  report_.hitlessProblems = check_.problems();
+  report_.end = snapshot("end");
+  report_.defragRuns = manager_->defragManager()->defragCount();
+  report_.longestStop = watch_->longest();
+  report_.longestStopWhat = watch_->longestWhat();
+  report_.agentTime = clock_->now();
+  report_.wallTime = wallNow() - wallStart;
+  report_.groupsAtEnd = groups_.size();
+  showProgress(true);
+  return report_;
+}
+
+void AgentSimulation::drive() {
+  Kiln::ActivityManager& loop = Kiln::ActivityManager::instance();
+  if (!manualClock_) {
+    // The loop waits for sockets and for the next timer; the progress line
+    // wants a look every quarter second.
+    while (!finished()) {
+      loop.runUntil(
+          [this] {
+            handlerDone();
+            return finished();
+          },
+          0.25);
+      handlerDone();
+    }
+    return;
+  }
+  for (;;) {
+    loop.runOnce(0);  // the sockets, and timers already due
+    handlerDone();
+    if (finished()) return;
+    const Kiln::Seconds next = clock_->nextExpiry();
+    if (config_.serve && (next == Kiln::Clock::never || (workloadDone_ && settled()))) {
+      // Serving an idle agent: the manual clock follows real time.
+      const double before = wallNow();
+      loop.runOnce(0.05);
+      handlerDone();
+      manualClock_->advance(std::max(0.0, wallNow() - before));
+      handlerDone();
+      continue;
+    }
+    if (next == Kiln::Clock::never) return;  // nothing left that could happen
+    manualClock_->timeIs(next);
+    handlerDone();
+  }
+}
+
+bool AgentSimulation::settled() const {
+  const Brevant::DefragManager* defrag = manager_->defragManager().ptr();
+  const bool defragIdle = !defrag || (!defrag->scheduleDefragment() &&
+                                      (!defrag->defragScheduler() ||
+                                       defrag->defragScheduler()->timeMin() == Kiln::Clock::never));
+  return retryQueue_.empty() && defragIdle;
+}
+
+bool AgentSimulation::finished() const {
+  if (quit_ || interrupted) return true;
+  if (config_.serve || !workloadDone_) return false;
+  return settled() || clock_->now() > workloadEnd_ + config_.settleLimit;
+}
+
+void AgentSimulation::handlerDone() {
+  watch_->end();
+  check_.settle();
+  showProgress(false);
+}
+
+void AgentSimulation::showProgress(bool last) {
+  if (!config_.progress) return;
+  const double now = wallNow();
+  if (!last && now - lastProgress_ < 0.25) return;
+  lastProgress_ = now;
+  fprintf(stderr, "\rbrevant-agent: t = %.0f s, %zu of %zu requests, %zu groups, %u defragmentation runs, %zu waiting  ",
+          clock_->now(), next_, config_.workload.size(), groups_.size(),
+          manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u, retryQueue_.size());
+  if (last) fprintf(stderr, "\n");
+}
+
+// --- Replaying requests ---
+
+void AgentSimulation::replayStep() {
+  watch_->label("workload requests");
+  U32 done = 0;
+  while (next_ < config_.workload.size()) {
+    const Request& request = config_.workload[next_];
+    if (request.kind == RequestKind::sleep) {
+      ++next_;
+      if (request.seconds > 0) {
+        replayer_->timeMinIs(clock_->now() + request.seconds);
+        return;
+      }
+      continue;
+    }
+    if (done == config_.requestsPerStep) {
+      replayer_->timeMinIs(clock_->now() + stepGap);
+      return;
+    }
+    ++next_;
+    ++done;
+    execute(request);
+  }
+  workloadDone_ = true;
+  workloadEnd_ = clock_->now();
+}
+
+void AgentSimulation::execute(const Request& request) {
+  ++report_.requests[request.kind].requested;
+  // Chip writes made while a request runs are the request's; the others are
+  // the defragmenter's.
+  inRequest_ = true;
+  switch (request.kind) {
+    case RequestKind::create: create(request, false); break;
+    case RequestKind::remove: remove(request); break;
+    case RequestKind::update: update(request); break;
+    case RequestKind::read: read(request); break;
+    case RequestKind::addFeature: addFeature(request); break;
+    case RequestKind::sleep: break;
+  }
+  inRequest_ = false;
+  ++requestsSinceSample_;
+  sample();
+}
+
+void AgentSimulation::refused(S32 code) { ++report_.refusals[code]; }
+
+U64 AgentSimulation::word(const std::string& label, U32 version, U16 position, bool wide) {
+  // FNV-1a over the label, then a splitmix64 finish over the rest: distinct
+  // words for distinct groups, versions and positions.
+  U64 h = 1469598103934665603ull;
+  for (unsigned char c : label) h = (h ^ c) * 1099511628211ull;
+  h ^= (U64(version) << 32) ^ (U64(position) << 1) ^ (wide ? 1u : 0u);
+  h += 0x9e3779b97f4a7c15ull;
+  h = (h ^ (h >> 30)) * 0xbf58476d1ce4e5b9ull;
+  h = (h ^ (h >> 27)) * 0x94d049bb133111ebull;
+  h ^= h >> 31;
+  return h ? h : 1;
+}
+
+void AgentSimulation::create(const Request& request, bool retry) {
+  Label& label = labels_[request.label];
+  if (!retry) {
+    label = Label();
+    label.create = request;
+  }
+  Brevant::U64Collection data;
+  Brevant::U64Collection wideData;
+  for (U16 p = 0; p < request.size; ++p) {
+    data.dataIs(p, word(request.label, label.version, p, false));
+    if (request.wide) wideData.dataIs(p, word(request.label, label.version, p, true));
+  }
+  const S32 rc = manager_->createECMPGroup(0, request.wide, request.fixedSize, request.size, data,
+                                           wideData, featureType(request.feature), request.mcast);
+  if (rc < 0) {
+    refused(rc);
+    if (rc != -2) {
+      label.state = Label::State::refused;
+    } else if (!retry) {
+      // As a feature would: keep the request and try again after the next
+      // defragmentation run, or after a while.
+      label.state = Label::State::waiting;
+      retryQueue_.push_back(request.label);
+      ++report_.queuedForRetry;
+      armRetry();
+    }
+    return;
+  }
+  const U16 id = static_cast<U16>(rc);
+  HitlessCheck::Group placed;
+  placed.label = request.label;
+  placed.base = manager_->ecmpGroups(id)->hwStartIndex();
+  placed.wide = request.wide;
+  for (U16 p = 0; p < request.size; ++p) {
+    placed.data.push_back(data.data(p));
+    placed.wideData.push_back(wideData.data(p));
+  }
+  label.state = Label::State::placed;
+  label.id = id;
+  callbacks_[static_cast<int>(request.feature)]->view_[id] = Placement{placed.base, request.size};
+  check_.groupIs(id, std::move(placed));
+  groups_[id] = Group{request.label, featureBit(request.feature)};
+  if (retry) {
+    ++report_.retriesSucceeded;
+  } else {
+    ++report_.requests[RequestKind::create].succeeded;
+  }
+}
+
+void AgentSimulation::remove(const Request& request) {
+  const auto found = labels_.find(request.label);
+  if (found == labels_.end()) {
+    ++report_.skipped;
+    return;
+  }
+  Label& label = found->second;
+  if (label.state == Label::State::waiting) {
+    retryQueue_.erase(std::find(retryQueue_.begin(), retryQueue_.end(), request.label));
+    ++report_.cancelled;
+    labels_.erase(found);
+    return;
+  }
+  if (label.state == Label::State::refused) {
+    ++report_.skipped;
+    labels_.erase(found);
+    return;
+  }
+  const S32 rc = manager_->deleteECMPGroup(0, label.id);
+  if (rc != 0) {
+    refused(rc);
+    return;
+  }
+  ++report_.requests[RequestKind::remove].succeeded;
+  check_.groupDel(label.id);
+  for (const Kiln::Ptr<FeatureCallback>& callback : callbacks_) callback->view_.erase(label.id);
+  groups_.erase(label.id);
+  labels_.erase(found);
+}
+
+void AgentSimulation::update(const Request& request) {
+  const auto found = labels_.find(request.label);
+  if (found == labels_.end() || found->second.state != Label::State::placed) {
+    ++report_.skipped;
+    return;
+  }
+  Label& label = found->second;
+  const U16 id = label.id;
+  const HitlessCheck::Group before = *check_.group(id);
+  ++label.version;
+  // The words the group will hold are told to the check before the chip is
+  // written, so that the rewrite is expected.
+  auto rewrite = [&](U16 p) {
+    const U64 data = word(request.label, label.version, p, false);
+    const U64 wideData = before.wide ? word(request.label, label.version, p, true) : 0;
+    check_.wordsIs(id, p, data, wideData);
+    return Brevant::NextHopEntry(static_cast<U16>(before.base + (before.wide ? 2 : 1) * p), before.wide,
+                                 data, wideData);
+  };
+  S32 rc;
+  if (!request.hasPosition) {
+    Brevant::U64Collection data;
+    Brevant::U64Collection wideData;
+    for (U16 p = 0; p < before.size(); ++p) {
+      const Brevant::NextHopEntry entry = rewrite(p);
+      data.dataIs(p, entry.data());
+      if (before.wide) wideData.dataIs(p, entry.wideData());
+    }
+    rc = manager_->updateECMPGroup(0, id, data, wideData);
+  } else {
+    rc = manager_->updateNextHop(id, request.position, rewrite(request.position));
+  }
+  if (rc != 0) {
+    refused(rc);
+    // Nothing was written (the group is placed, so only a bad position is
+    // refused): the owners keep their words.
+    for (U16 p = 0; p < before.size(); ++p) {
+      check_.wordsIs(id, p, before.data[p], before.wide ? before.wideData[p] : 0);
+    }
+    return;
+  }
+  ++report_.requests[RequestKind::update].succeeded;
+}
+
+void AgentSimulation::read(const Request& request) {
+  const auto found = labels_.find(request.label);
+  if (found == labels_.end() || found->second.state != Label::State::placed) {
+    ++report_.skipped;
+    return;
+  }
+  const U16 id = found->second.id;
+  const HitlessCheck::Group& g = *check_.group(id);
+  const Brevant::NextHopEntry entry = manager_->readNextHop(id, request.position);
+  if (request.position >= g.size()) {
+    // Refused by the manager with an all-zero entry.
+    refused(-1);
+    return;
+  }
+  ++report_.requests[RequestKind::read].succeeded;
+  ++report_.readsCompared;
+  const U32 stride = g.wide ? 2 : 1;
+  const Brevant::NextHopEntry expected(static_cast<U16>(g.base + stride * request.position), g.wide,
+                                       g.data[request.position],
+                                       g.wide ? g.wideData[request.position] : 0);
+  if (entry != expected) {
+    ++report_.readMismatches;
+    if (report_.readProblems.size() < listedProblems) {
+      std::ostringstream problem;
+      problem << "group " << id << " (" << g.label << ") next hop " << request.position << ": read "
+              << entry << ", expected " << expected;
+      report_.readProblems.push_back(problem.str());
+    }
+  }
+}
+
+void AgentSimulation::addFeature(const Request& request) {
+  const auto found = labels_.find(request.label);
+  if (found == labels_.end() || found->second.state != Label::State::placed) {
+    ++report_.skipped;
+    return;
+  }
+  const U16 id = found->second.id;
+  const S32 rc = manager_->addFeatureToGroup(id, featureType(request.feature));
+  if (rc != 0) {
+    refused(rc);
+    return;
+  }
+  ++report_.requests[RequestKind::addFeature].succeeded;
+  groups_.at(id).features |= featureBit(request.feature);
+  const HitlessCheck::Group& g = *check_.group(id);
+  callbacks_[static_cast<int>(request.feature)]->view_[id] = Placement{g.base, g.size()};
+}
+
+// --- Retries ---
+
+void AgentSimulation::armRetry() {
+  if (retryQueue_.empty() || retrier_->timeMin() != Kiln::Clock::never) return;
+  Kiln::Seconds when = clock_->now() + retryBackoff_;
+  // With a defragmentation on its way, the retry follows it: armed later
+  // for the same time, it runs right after the run.
+  const Brevant::DefragManager* defrag = manager_->defragManager().ptr();
+  if (defrag && defrag->scheduleDefragment() && defrag->defragScheduler() &&
+      defrag->defragScheduler()->timeMin() != Kiln::Clock::never) {
+    when = defrag->defragScheduler()->timeMin();
+  }
+  retrier_->timeMinIs(when);
+}
+
+void AgentSimulation::retryQueued() {
+  watch_->label("retries");
+  const U32 runs = manager_->defragManager()->defragCount();
+  bool progress = false;
+  // A block search that failed for some length fails for every longer one
+  // until the table changes for the better; those are left for the next
+  // round instead of being refused again.
+  U32 failedLength = UINT32_MAX;
+  const size_t queued = retryQueue_.size();
+  for (size_t i = 0; i < queued; ++i) {
+    const std::string name = retryQueue_.front();
+    retryQueue_.pop_front();
+    Label& label = labels_.at(name);
+    const U32 length = label.create.wide ? 2u * label.create.size : label.create.size;
+    if (length >= failedLength) {
+      retryQueue_.push_back(name);
+      continue;
+    }
+    ++report_.retryAttempts;
+    inRequest_ = true;
+    create(label.create, true);
+    inRequest_ = false;
+    if (label.state == Label::State::waiting) {
+      failedLength = length;
+      retryQueue_.push_back(name);
+    } else if (label.state == Label::State::placed) {
+      progress = true;
+    }
+    ++requestsSinceSample_;
+  }
+  // Back off while retries find nothing new: no success, no run since.
+  retryBackoff_ = (progress || runs != defragRunsAtLastRetry_)
+                      ? config_.retryDelay
+                      : std::min(2 * retryBackoff_, config_.maxRetryDelay);
+  defragRunsAtLastRetry_ = runs;
+  armRetry();
+  sample();
+}
+
+// --- The hitless check ---
+
+void AgentSimulation::moved(Feature, U16 id, U16 base, U16 size) {
+  const HitlessCheck::Group* g = check_.group(id);
+  if (g && size != g->size()) {
+    report_.viewMismatches.push_back("owners of group " + std::to_string(id) + " told of " +
+                                     std::to_string(size) + " next hops, not " +
+                                     std::to_string(g->size()));
+  }
+  if (g && g->base != base) {
+    ++report_.groupsMoved;
+    report_.entriesMoved += g->entries();
+  }
+  check_.movedTo(id, base);
+}
+
+void AgentSimulation::chipWritten(U32 address, S32 count, const U64* data) {
+  if (address < FmSim::nextHopTableBase || (address - FmSim::nextHopTableBase) % 2 != 0) return;
+  if (!inRequest_) report_.defragEntriesWritten += static_cast<U64>(count);
+  check_.written((address - FmSim::nextHopTableBase) / 2, static_cast<U32>(count), data);
+}
+
+void AgentSimulation::checkViews() {
+  for (int f = 0; f < featureCount; ++f) {
+    const Feature feature = static_cast<Feature>(f);
+    std::map<U16, Placement> records;
+    for (const auto& member : manager_->ecmpGroups()) {
+      const Kiln::Ptr<Brevant::ECMPGroup>& group = member.value();
+      if (member.key() == noGroup || !group->featuresSupported(featureType(feature))) continue;
+      records[member.key()] = Placement{group->hwStartIndex(), group->size()};
+    }
+    report_.viewGroupsChecked += records.size();
+    const std::map<U16, Placement>& view = callbacks_[f]->view_;
+    auto describe = [](const std::map<U16, Placement>& m, U16 id) {
+      const auto at = m.find(id);
+      if (at == m.end()) return std::string("absent");
+      return "at " + std::to_string(at->second.base) + " with " + std::to_string(at->second.size) +
+             " next hops";
+    };
+    std::set<U16> ids;
+    for (const auto& [id, p] : records) ids.insert(id);
+    for (const auto& [id, p] : view) ids.insert(id);
+    for (U16 id : ids) {
+      if (describe(records, id) == describe(view, id)) continue;
+      if (report_.viewMismatches.size() < listedProblems) {
+        report_.viewMismatches.push_back(std::string(featureName(feature)) + ": group " +
+                                         std::to_string(id) + " " + describe(view, id) +
+                                         " in the feature's view, " + describe(records, id) +
+                                         " in the manager's records");
+      } else {
+        report_.viewMismatches.push_back("more differences");
+        return;
+      }
+    }
+  }
+}
+
+// --- Occupancy ---
+
+void AgentSimulation::sample() {
+  if (requestsSinceSample_ < config_.sampleEvery) return;
+  requestsSinceSample_ = 0;
+  const FreeSpace space = freeSpaceOf(*manager_);
+  if (!moreFragmented(space, worstSpace_)) return;
+  worstSpace_ = space;
+  report_.worst = snapshot("worst fragmentation");
+}
+
+Occupancy AgentSimulation::snapshot(const std::string& title) {
+  Occupancy o;
+  o.title = title;
+  o.time = clock_->now();
+  o.bound = manager_->getNextHopTableBound();
+  o.swapIndex = manager_->getNextHopTableSwapIndex();
+  o.cells.assign(o.bound, Cell::other);
+  for (U32 i = 0; i < std::min<U32>(3, o.bound); ++i) o.cells[i] = Cell::reserved;
+  for (const auto& member : manager_->freeEntries()) {
+    const U32 index = member.key();
+    if (index < o.bound) o.cells[index] = index < o.swapIndex ? Cell::free : Cell::swap;
+  }
+  for (const auto& placed : manager_->hwStartToGroupId()) {
+    const Kiln::Ptr<Brevant::ECMPGroup> group = manager_->ecmpGroups(placed.value());
+    if (!group) continue;
+    const U32 length = (group->wide() ? 2u : 1u) * group->size();
+    const Cell kind = group->wide() ? Cell::wide : Cell::narrow;
+    for (U32 i = placed.key(); i < std::min<U32>(placed.key() + length, o.bound); ++i) o.cells[i] = kind;
+  }
+  return o;
+}
+
+// --- Diagnostic requests ---
+
+void AgentSimulation::answer(const std::string& request, int fd) {
+  watch_->begin(clock_->now(), "diagnostic request '" + request + "'");
+  struct EndWatch {
+    StopWatch& watch;
+    ~EndWatch() { watch.end(); }
+  } endWatch{*watch_};
+
+  std::istringstream in(request);
+  std::string verb;
+  std::string what;
+  in >> verb >> what;
+  std::string rest;
+  std::getline(in >> std::ws, rest);
+  if (verb == "show" && what == "free-entries" && rest.empty()) {
+    manager_->showFreeEntrySummary(static_cast<U32>(fd));
+  } else if (verb == "show" && what == "group" && !rest.empty()) {
+    char* end = nullptr;
+    const unsigned long id = strtoul(rest.c_str(), &end, 10);
+    if (*end != '\0' || id > 65535 || rest[0] == '-') throw RequestError("'" + rest + "' is not a group id");
+    writeAll(fd, groupText(*manager_, static_cast<U16>(id)));
+  } else if (verb == "get" && !what.empty() && rest.empty()) {
+    std::string text = pathGet(*state_, what);
+    if (text.empty() || text.back() != '\n') text += '\n';
+    writeAll(fd, text);
+  } else if (verb == "set" && !what.empty() && !rest.empty()) {
+    pathSet(*state_, what, rest);
+    std::string text = pathGet(*state_, what);
+    if (text.empty() || text.back() != '\n') text += '\n';
+    writeAll(fd, text);
+  } else if (verb == "help" && what.empty()) {
+    writeAll(fd, requestHelp());
+  } else if (verb == "quit" && what.empty()) {
+    writeAll(fd, "ok: stopping\n");
+    quit();
+  } else {
+    throw RequestError("unknown request '" + request + "' (try help)");
+  }
+}
+
+}  // namespace Agent

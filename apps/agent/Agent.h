@@ -1,0 +1,190 @@
+// The agent simulation: the agent's shared state with its next-hop manager
+// on the simulated chip, one callback per routing feature, a workload of
+// feature requests replayed on the activity manager's event loop, the
+// defragmenter's timer firing as on a switch, optional diagnostic socket,
+// and the checks and figures of the final report.
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Brevant/BrevantCommonSmData.h"
+#include "Brevant/NextHopManager.h"
+#include "HitlessCheck.h"
+#include "Kiln/Clock.h"
+#include "Report.h"
+#include "Workload.h"
+
+namespace Agent {
+
+struct AgentConfig {
+  Workload workload;
+  // Named in the report ("built-in, seed 1", a file name).
+  std::string workloadName = "built-in";
+  // Simulation mode with this table bound.
+  std::optional<U16> simBound;
+  // A manual clock jumps from one timer to the next, so hours of agent time
+  // pass in seconds; otherwise the monotonic clock runs the timers.
+  bool manualClock = false;
+  // Serve the diagnostic socket here while the agent runs.
+  std::optional<std::string> socketPath;
+  // After the workload, keep serving until quit (request or signal).
+  bool serve = false;
+  // A progress line on stderr.
+  bool progress = false;
+  // Delay before the first retry of a create refused with -2 when no
+  // defragmentation is scheduled; it doubles (up to maxRetryDelay) while
+  // retries make no progress.
+  Kiln::Seconds retryDelay = 1.0;
+  Kiln::Seconds maxRetryDelay = 64.0;
+  // Agent time allowed after the last request for queued creates and a
+  // pending defragmentation to finish; creates still queued then are
+  // abandoned.
+  Kiln::Seconds settleLimit = 600.0;
+  // Requests replayed per handler run, so that the loop serves the socket
+  // and the timers between them.
+  U32 requestsPerStep = 64;
+  // Requests between two measurements of the free space (for the worst
+  // fragmentation picture).
+  U32 sampleEvery = 16;
+};
+
+class DiagnosticServer;
+class FeatureCallback;
+class StopWatch;
+
+class AgentSimulation {
+ public:
+  // Sets up the run: a fresh simulated chip, the clock, the agent's state
+  // and its next-hop manager (in simulation mode when asked), the feature
+  // callbacks, the chip-write check, and the diagnostic socket. Throws
+  // SocketError when the socket cannot be served.
+  explicit AgentSimulation(AgentConfig config);
+  ~AgentSimulation();
+  AgentSimulation(const AgentSimulation&) = delete;
+  AgentSimulation& operator=(const AgentSimulation&) = delete;
+
+  // Replays the workload on the event loop until it is done and the table
+  // has settled (or, serving, until quit) and returns the report. Call once.
+  Report run();
+
+  // Answers one diagnostic request on fd (the socket's handler).
+  void answer(const std::string& request, int fd);
+
+  // Ends the run after the current handler (the quit request).
+  void quit();
+
+  // Ends a running simulation from a signal handler (async-signal-safe).
+  static void interrupt();
+
+  Brevant::BrevantCommonSmData& state() { return *state_; }
+  Brevant::NextHopManager& manager() { return *manager_; }
+
+  // The feature views: for each group a feature owns, where it believes the
+  // group starts and how many next hops it has.
+  struct Placement {
+    U16 base = 0;
+    U16 size = 0;
+    friend bool operator==(const Placement&, const Placement&) = default;
+  };
+  const std::map<U16, Placement>& view(Feature feature) const;
+
+ private:
+  friend class FeatureCallback;
+  class Replayer;
+  class Retrier;
+
+  // What the agent, as the features, knows of one group it created beyond
+  // what the hitless check keeps (its base and words).
+  struct Group {
+    std::string label;
+    // Bit f set: feature f uses the group.
+    U8 features = 0;
+  };
+
+  // A workload label: waiting for a retry, placed as a group, or refused.
+  struct Label {
+    enum class State { waiting, placed, refused } state = State::waiting;
+    U16 id = 0;
+    Request create;
+    U32 version = 0;
+  };
+
+  // Replays requests from the current position; returns after a sleep (the
+  // replayer re-armed), a step's worth of requests, or the end.
+  void replayStep();
+  void execute(const Request& request);
+  void create(const Request& request, bool retry);
+  void remove(const Request& request);
+  void update(const Request& request);
+  void read(const Request& request);
+  void addFeature(const Request& request);
+  // Counts a refused manager call.
+  void refused(S32 code);
+  // The data words of a label's group at a version.
+  static U64 word(const std::string& label, U32 version, U16 position, bool wide);
+
+  // Retrying queued creates.
+  void retryQueued();
+  void armRetry();
+
+  // A feature's callback was told that a group moved.
+  void moved(Feature feature, U16 id, U16 base, U16 size);
+  // Run by the simulator after each chip write.
+  void chipWritten(U32 address, S32 count, const U64* data);
+
+  // Free-space sample for the worst-fragmentation picture.
+  void sample();
+  Occupancy snapshot(const std::string& title);
+
+  // The run loop and its stop conditions.
+  void drive();
+  bool settled() const;
+  bool finished() const;
+  void handlerDone();
+  void showProgress(bool last);
+
+  // End-of-run check of the feature views against the manager's records.
+  void checkViews();
+
+  AgentConfig config_;
+  std::shared_ptr<StopWatch> watch_;
+  Kiln::Ptr<Kiln::Clock> previousClock_;
+  Kiln::Ptr<Kiln::Clock> clock_;
+  Kiln::ManualClock* manualClock_ = nullptr;
+  Kiln::Ptr<Brevant::BrevantCommonSmData> state_;
+  Kiln::Ptr<Brevant::NextHopManager> manager_;
+  std::vector<Kiln::Ptr<FeatureCallback>> callbacks_;
+  Kiln::Ptr<Replayer> replayer_;
+  Kiln::Ptr<Retrier> retrier_;
+  std::unique_ptr<DiagnosticServer> server_;
+
+  size_t next_ = 0;  // position in the workload
+  bool workloadDone_ = false;
+  Kiln::Seconds workloadEnd_ = 0;
+  bool quit_ = false;
+  bool inRequest_ = false;
+
+  std::unordered_map<std::string, Label> labels_;
+  std::map<U16, Group> groups_;
+  std::deque<std::string> retryQueue_;
+  Kiln::Seconds retryBackoff_ = 0;
+  U32 defragRunsAtLastRetry_ = 0;
+
+  HitlessCheck check_;
+
+  U64 requestsSinceSample_ = 0;
+  FreeSpace worstSpace_;
+  bool worstTaken_ = false;
+  double lastProgress_ = 0;
+
+  Report report_;
+};
+
+}  // namespace Agent

@@ -1,0 +1,96 @@
+// What an agent run did and what it found: the figures printed at the end of
+// a run, kept as values so that tests can check them.
+#pragma once
+
+#include <map>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "Occupancy.h"
+#include "Workload.h"
+
+namespace Agent {
+
+struct RequestCounts {
+  // Requests of the workload of this kind.
+  U64 requested = 0;
+  // Those that the manager accepted at the first attempt.
+  U64 succeeded = 0;
+};
+
+struct Report {
+  // Where the requests came from ("built-in, seed 1" or the file name).
+  std::string workload;
+  bool manualClock = false;
+  U32 tableBound = 0;
+  U32 swapIndex = 0;
+  // Agent time at the end of the run, and real time the run took.
+  Kiln::Seconds agentTime = 0;
+  Kiln::Seconds wallTime = 0;
+  // The run was ended early by a signal or a quit request.
+  bool interrupted = false;
+
+  // Requests by kind (sleeps not counted).
+  std::map<RequestKind, RequestCounts> requests;
+  // Manager calls refused, by status code: first attempts and retries.
+  std::map<S32, U64> refusals;
+  // Creates refused with -2 and queued to be retried later.
+  U64 queuedForRetry = 0;
+  // Retry attempts made, and queued creates that succeeded on a retry.
+  U64 retryAttempts = 0;
+  U64 retriesSucceeded = 0;
+  // Queued creates still waiting at the end, and those deleted by the
+  // workload while still waiting.
+  U64 abandoned = 0;
+  U64 cancelled = 0;
+  // Requests on a label whose group the manager does not hold (its create
+  // was refused or is still waiting).
+  U64 skipped = 0;
+  // Reads compared with what the feature wrote, and how many differed.
+  U64 readsCompared = 0;
+  U64 readMismatches = 0;
+  std::vector<std::string> readProblems;
+
+  // Defragmentation runs made (the defragmenter's counter), moves of groups
+  // told to their owners, and the table entries those groups hold.
+  U32 defragRuns = 0;
+  U64 groupsMoved = 0;
+  U64 entriesMoved = 0;
+  // Table entries written by the defragmenter (both legs of a move through
+  // the swap area count).
+  U64 defragEntriesWritten = 0;
+
+  // The longest time the activity thread spent in one handler (a timer's
+  // or a diagnostic request's), in real seconds, and what it was.
+  Kiln::Seconds longestStop = 0;
+  std::string longestStopWhat;
+
+  // Hitless check: chip writes examined, and the violations found (a write
+  // that changed an entry that some owner's view still pointed at, or an
+  // owner told of a base whose entries did not hold the group).
+  U64 hitlessWritesChecked = 0;
+  U64 hitlessViolations = 0;
+  std::vector<std::string> hitlessProblems;
+  // Feature views: groups each feature believes it owns, checked against
+  // the manager's records at the end; differences found.
+  U64 viewGroupsChecked = 0;
+  std::vector<std::string> viewMismatches;
+
+  // The table at the start, at its most fragmented, and at the end.
+  Occupancy start;
+  Occupancy worst;
+  Occupancy end;
+
+  // Groups live at the end.
+  U64 groupsAtEnd = 0;
+
+  // True when every check passed.
+  bool passed() const { return hitlessViolations == 0 && viewMismatches.empty() && readMismatches == 0; }
+};
+
+// Writes the report as text (everything but the free-entry summary, which
+// the manager writes itself).
+void printReport(std::ostream& out, const Report& report);
+
+}  // namespace Agent

@@ -1,0 +1,113 @@
+// brevant-agent: the agent simulation on the simulated chip, and the client
+// of its diagnostic socket.
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+
+#include "Agent.h"
+#include "CommandLine.h"
+#include "DiagnosticSocket.h"
+#include "Kiln/Lock.h"
+#include "Svg.h"
+
+namespace {
+
+// Exit codes: a run whose checks failed, and a command line or workload
+// that could not be run at all.
+constexpr int checksFailed = 1;
+constexpr int cannotRun = 2;
+
+void onStopSignal(int) { Agent::AgentSimulation::interrupt(); }
+
+void installStopSignals() {
+  struct sigaction action {};
+  action.sa_handler = onStopSignal;
+  sigemptyset(&action.sa_mask);
+  // No SA_RESTART: a wait in progress ends at once.
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+Agent::AgentConfig configFor(const Agent::RunOptions& options) {
+  Agent::AgentConfig config;
+  if (options.workloadFile) {
+    std::ifstream in(*options.workloadFile);
+    if (!in) throw Agent::UsageError("cannot read workload " + *options.workloadFile);
+    try {
+      config.workload = Agent::parseWorkload(in);
+    } catch (const Agent::WorkloadError& e) {
+      throw Agent::UsageError(*options.workloadFile + ":" + std::to_string(e.line()) + ": " + e.message());
+    }
+    config.workloadName = *options.workloadFile;
+  } else {
+    Agent::BuiltInOptions builtIn;
+    builtIn.seed = options.seed;
+    builtIn.duration = options.duration;
+    // The entries the workload may plan for: the table less the reserved
+    // entries and the swap area.
+    const U32 bound = options.simBound ? *options.simBound : 65534;
+    const U32 swapArea = options.simBound ? 8 : 256;
+    builtIn.capacity = bound - swapArea - 3;
+    config.workload = Agent::builtInWorkload(builtIn);
+    config.workloadName = "built-in, seed " + std::to_string(options.seed);
+  }
+  config.workloadName += " (" + std::to_string(config.workload.size()) + " requests)";
+  config.simBound = options.simBound;
+  config.manualClock = options.manualClock;
+  config.socketPath = options.socketPath;
+  config.serve = options.serve;
+  config.progress = options.progress.value_or(isatty(STDERR_FILENO) == 1);
+  if (!config.manualClock) config.settleLimit = 30;
+  return config;
+}
+
+int run(const Agent::RunOptions& options) {
+  Agent::AgentSimulation agent(configFor(options));
+  installStopSignals();
+  const Agent::Report report = agent.run();
+  if (options.svgFile) {
+    std::string error;
+    if (!Agent::writeOccupancySvgFile(*options.svgFile, {report.start, report.worst, report.end}, error)) {
+      std::cerr << "brevant-agent: " << error << '\n';
+      return checksFailed;
+    }
+  }
+  Agent::printReport(std::cout, report);
+  if (options.svgFile) std::cout << "  occupancy picture       " << *options.svgFile << '\n';
+  std::cout << "Free-entry summary\n";
+  std::cout.flush();
+  {
+    Kiln::ActivityLockGuard activity;
+    agent.manager().showFreeEntrySummary(STDOUT_FILENO);
+  }
+  return report.passed() ? 0 : checksFailed;
+}
+
+int client(const Agent::ClientOptions& options) {
+  const std::string answer = Agent::diagnosticRequest(options.socketPath, options.request);
+  std::cout << answer;
+  return answer.rfind("error: ", 0) == 0 ? checksFailed : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    const Agent::CommandLine line = Agent::parseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
+    switch (line.command) {
+      case Agent::CommandLine::Command::help: std::cout << Agent::usageText(); return 0;
+      case Agent::CommandLine::Command::client: return client(line.client);
+      case Agent::CommandLine::Command::run: return run(line.run);
+    }
+  } catch (const Agent::UsageError& e) {
+    std::cerr << "brevant-agent: " << e.what() << "\n(brevant-agent help lists the commands)\n";
+    return cannotRun;
+  } catch (const std::exception& e) {
+    std::cerr << "brevant-agent: " << e.what() << '\n';
+    return cannotRun;
+  }
+  return cannotRun;
+}

@@ -1,0 +1,285 @@
+// The agent simulation end to end on the manual clock: a small workload's
+// figures, the occupancy pictures, and the diagnostic socket.
+#include "Agent.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <future>
+
+#include "Brevant/DefragManager.h"
+#include "DiagnosticSocket.h"
+#include "FmSim/FmSim.h"
+
+using namespace Agent;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+namespace {
+
+AgentConfig configOf(const std::string& workload, std::optional<U16> simBound = 64) {
+  AgentConfig config;
+  config.workload = parseWorkload(workload);
+  config.workloadName = "test";
+  config.simBound = simBound;
+  config.manualClock = true;
+  return config;
+}
+
+// In a table of 64 (swap area 56..63): a narrow group of 4 at 3, a wide
+// group of 2 at 52, a multicast group at 7 that goes again, and requests
+// the manager refuses.
+const char* const smallWorkload =
+    "create a narrow 4 unicast\n"
+    "create t wide 2 vxlan-tunnel\n"
+    "create m narrow 3 multicast variable mcast\n"
+    "create big narrow 257 nat   # refused: -1\n"
+    "update a\n"
+    "update a 1\n"
+    "update a 9                  # refused: -1\n"
+    "read a 1\n"
+    "read t 0\n"
+    "read a 7                    # refused: -1\n"
+    "add-feature a nat\n"
+    "sleep 10\n"
+    "delete m\n"
+    "delete big                  # skipped: never placed\n";
+
+}  // namespace
+
+TEST(AgentRun, ReportsTheFiguresOfASmallWorkload) {
+  AgentSimulation agent(configOf(smallWorkload));
+  const Report r = agent.run();
+  EXPECT_EQ(r.requests.at(RequestKind::create).requested, 4u);
+  EXPECT_EQ(r.requests.at(RequestKind::create).succeeded, 3u);
+  EXPECT_EQ(r.requests.at(RequestKind::update).requested, 3u);
+  EXPECT_EQ(r.requests.at(RequestKind::update).succeeded, 2u);
+  EXPECT_EQ(r.requests.at(RequestKind::read).requested, 3u);
+  EXPECT_EQ(r.requests.at(RequestKind::read).succeeded, 2u);
+  EXPECT_EQ(r.requests.at(RequestKind::addFeature).succeeded, 1u);
+  EXPECT_EQ(r.requests.at(RequestKind::remove).requested, 2u);
+  EXPECT_EQ(r.requests.at(RequestKind::remove).succeeded, 1u);
+  EXPECT_EQ(r.refusals, (std::map<S32, U64>{{-1, 3}}));
+  EXPECT_EQ(r.skipped, 1u);
+  EXPECT_EQ(r.readsCompared, 2u);
+  EXPECT_EQ(r.readMismatches, 0u);
+  EXPECT_EQ(r.queuedForRetry, 0u);
+  EXPECT_EQ(r.groupsAtEnd, 2u);
+  EXPECT_EQ(r.agentTime, 10.0);
+  EXPECT_FALSE(r.interrupted);
+  EXPECT_EQ(r.tableBound, 64u);
+  EXPECT_EQ(r.swapIndex, 56u);
+  // Three creates, the whole-group rewrite (one write per next hop) and the
+  // single rewrite; none by the defragmenter.
+  EXPECT_EQ(r.hitlessWritesChecked, 3u + 4u + 1u);
+  EXPECT_EQ(r.hitlessViolations, 0u);
+  EXPECT_EQ(r.defragEntriesWritten, 0u);
+  EXPECT_EQ(r.defragRuns, 0u);
+  EXPECT_EQ(r.groupsMoved, 0u);
+  // The views: unicast and NAT share a, the tunnel has t, multicast lost m.
+  EXPECT_EQ(r.viewGroupsChecked, 3u);
+  EXPECT_TRUE(r.viewMismatches.empty());
+  EXPECT_TRUE(r.passed());
+  using Placements = std::map<U16, AgentSimulation::Placement>;
+  EXPECT_EQ(agent.view(Feature::unicast), (Placements{{3, {3, 4}}}));
+  EXPECT_EQ(agent.view(Feature::nat), (Placements{{3, {3, 4}}}));
+  EXPECT_EQ(agent.view(Feature::vxlanTunnel), (Placements{{4, {52, 2}}}));
+  EXPECT_TRUE(agent.view(Feature::multicast).empty());
+  EXPECT_TRUE(agent.view(Feature::vxlan).empty());
+}
+
+TEST(AgentRun, PicturesTheTableAtStartAndEnd) {
+  AgentSimulation agent(configOf(smallWorkload));
+  const Report r = agent.run();
+  EXPECT_EQ(r.start.title, "start");
+  EXPECT_EQ(r.start.time, 0.0);
+  EXPECT_EQ(r.start.freeSpace(), (FreeSpace{53, 1, 53}));
+  EXPECT_EQ(r.end.title, "end");
+  EXPECT_EQ(r.end.time, 10.0);
+  ASSERT_EQ(r.end.cells.size(), 64u);
+  std::vector<Cell> expected(64, Cell::free);
+  for (U32 i = 0; i < 3; ++i) expected[i] = Cell::reserved;
+  for (U32 i = 3; i < 7; ++i) expected[i] = Cell::narrow;
+  for (U32 i = 52; i < 56; ++i) expected[i] = Cell::wide;
+  for (U32 i = 56; i < 64; ++i) expected[i] = Cell::swap;
+  EXPECT_EQ(r.end.cells, expected);
+  // The most fragmented moment seen: 7..9 held m while a and t stood.
+  EXPECT_EQ(r.worst.title, "worst fragmentation");
+}
+
+TEST(AgentRun, TheChipHoldsWhatTheFeaturesWrote) {
+  AgentSimulation agent(configOf("create a narrow 2 unicast\ncreate w wide 1 vxlan-tunnel\n"));
+  const Report r = agent.run();
+  ASSERT_TRUE(r.passed());
+  Kiln::ActivityLockGuard activity;
+  for (U16 p = 0; p < 2; ++p) {
+    const Brevant::NextHopEntry e = agent.manager().readNextHop(3, p);
+    EXPECT_EQ(e.hwIndex(), 3 + p);
+    EXPECT_EQ(FmSim::tableWord(3 + p), e.data());
+    EXPECT_NE(e.data(), 0u);
+  }
+  EXPECT_NE(agent.manager().readNextHop(3, 0).data(), agent.manager().readNextHop(3, 1).data());
+  const Brevant::NextHopEntry wide = agent.manager().readNextHop(4, 0);
+  EXPECT_EQ(wide.hwIndex(), 54);
+  EXPECT_NE(wide.wideData(), 0u);
+}
+
+TEST(AgentRun, AnEmptyWorkloadEndsAtOnce) {
+  AgentSimulation agent(configOf("", std::nullopt));
+  const Report r = agent.run();
+  EXPECT_TRUE(r.requests.empty());
+  EXPECT_EQ(r.agentTime, 0.0);
+  EXPECT_EQ(r.tableBound, 65534u);
+  EXPECT_EQ(r.end.freeSpace(), (FreeSpace{65275, 1, 65275}));
+  EXPECT_TRUE(r.passed());
+}
+
+TEST(AgentRun, RestoresTheLoopsClock) {
+  const Kiln::Ptr<Kiln::Clock> before = Kiln::ActivityManager::instance().clock();
+  {
+    AgentSimulation agent(configOf("create a narrow 1 nat\n"));
+    EXPECT_NE(Kiln::ActivityManager::instance().clock(), before);
+    agent.run();
+  }
+  EXPECT_EQ(Kiln::ActivityManager::instance().clock(), before);
+}
+
+TEST(AgentRun, ARefusedCreateThatNeverFitsIsAbandonedAfterTheSettleLimit) {
+  // 40 + 13 fills 3..55; a third group of 20 can never fit, though the swap
+  // area's free entries make the total look sufficient.
+  AgentConfig config = configOf(
+      "create a narrow 40 unicast\n"
+      "create b narrow 13 unicast\n"
+      "create c narrow 8 nat\n");
+  config.settleLimit = 100;
+  AgentSimulation agent(config);
+  const Report r = agent.run();
+  EXPECT_EQ(r.refusals.at(-2), 1u + r.retryAttempts);
+  EXPECT_EQ(r.queuedForRetry, 1u);
+  EXPECT_GE(r.retryAttempts, 1u);
+  EXPECT_EQ(r.retriesSucceeded, 0u);
+  EXPECT_EQ(r.abandoned, 1u);
+  EXPECT_GT(r.agentTime, 100.0);
+  EXPECT_TRUE(r.passed());
+}
+
+namespace {
+
+// A serving agent on the manual clock, answering requests sent from another
+// thread while the test thread runs it.
+class AgentSocketTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char dir[] = "/tmp/agent-serve-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    dir_ = dir;
+    path_ = dir_ + "/agent.sock";
+  }
+  void TearDown() override { rmdir(dir_.c_str()); }
+
+  // Runs the agent until the client function (which ends with quit) is done.
+  Report serve(const std::string& workload, const std::function<void()>& client) {
+    AgentConfig config = configOf(workload);
+    config.socketPath = path_;
+    config.serve = true;
+    AgentSimulation agent(config);
+    auto done = std::async(std::launch::async, client);
+    const Report report = agent.run();
+    done.get();
+    defragDelay_ = agent.manager().defragManager()->defragDelay();
+    return report;
+  }
+
+  std::string ask(const std::string& request) { return diagnosticRequest(path_, request, 5, 10); }
+
+  std::string dir_;
+  std::string path_;
+  double defragDelay_ = 0;
+};
+
+}  // namespace
+
+TEST_F(AgentSocketTest, AnswersEveryKindOfRequest) {
+  std::map<std::string, std::string> answers;
+  const char* const requests[] = {
+      "show free-entries",
+      "show group 3",
+      "show group 4",
+      "show group 99",
+      "show group x",
+      "get nextHopManager.simMode",
+      "get nextHopManager.simNextHopTableBound",
+      "get nextHopManager.ecmpGroups[3].hwStartIndex",
+      "get nextHopManager.hwStartToGroupId[52]",
+      "get nextHopManager.hwStartToGroupId",
+      "set nextHopManager.defragManager.defragDelay 2.5",
+      "get nextHopManager.defragManager.defragDelay",
+      "get nextHopManager.noSuchThing",
+      "get nextHopManager.ecmpGroups[77].size",
+      "get nextHopManager..simMode",
+      "set nextHopManager.defragManager.defragDelay soon",
+      "frobnicate",
+      "help",
+  };
+  const Report report = serve("create a narrow 4 unicast\ncreate t wide 2 vxlan-tunnel\n", [&] {
+    for (const char* request : requests) answers[request] = ask(request);
+    answers["quit"] = ask("quit");
+  });
+  EXPECT_EQ(answers["show free-entries"],
+            "NextHopTable Defragmentation Scheduled : no\n"
+            "Defrag Counter : 0\n"
+            "Next Hops Used/Next Hops Total: 11/64\n"
+            "Free Next Hops:\n"
+            "7-51:          45   \n"
+            "56-63:         8    \n");
+  EXPECT_THAT(answers["show group 3"],
+              StartsWith("group 3: narrow, fixed size, 4 next hops at 3 (entries 3-6), features "
+                         "RoutingUnicastFeature\n  0: index 3 data 0x"));
+  EXPECT_EQ(std::count(answers["show group 3"].begin(), answers["show group 3"].end(), '\n'), 5);
+  EXPECT_THAT(answers["show group 3"], Not(HasSubstr("record")));
+  EXPECT_THAT(answers["show group 4"],
+              StartsWith("group 4: wide, fixed size, 2 next hops at 52 (entries 52-55), features "
+                         "RoutingVxlanTunnelFeature\n  0: index 52 data 0x"));
+  EXPECT_THAT(answers["show group 4"], HasSubstr("\n  1: index 54 data 0x"));
+  EXPECT_THAT(answers["show group 4"], HasSubstr(" wide data 0x"));
+  EXPECT_EQ(answers["show group 99"], "error: no group 99\n");
+  EXPECT_EQ(answers["show group x"], "error: 'x' is not a group id\n");
+  EXPECT_EQ(answers["get nextHopManager.simMode"], "True\n");
+  EXPECT_EQ(answers["get nextHopManager.simNextHopTableBound"], "64\n");
+  EXPECT_EQ(answers["get nextHopManager.ecmpGroups[3].hwStartIndex"], "3\n");
+  EXPECT_EQ(answers["get nextHopManager.hwStartToGroupId[52]"], "4\n");
+  EXPECT_THAT(answers["get nextHopManager.hwStartToGroupId"], HasSubstr("3: 3\n"));
+  EXPECT_THAT(answers["get nextHopManager.hwStartToGroupId"], HasSubstr("52: 4\n"));
+  EXPECT_EQ(answers["set nextHopManager.defragManager.defragDelay 2.5"], "2.5\n");
+  EXPECT_EQ(answers["get nextHopManager.defragManager.defragDelay"], "2.5\n");
+  EXPECT_THAT(answers["get nextHopManager.noSuchThing"], StartsWith("error: "));
+  EXPECT_THAT(answers["get nextHopManager.ecmpGroups[77].size"],
+              StartsWith("error: nothing at 'ecmpGroups[77]'"));
+  EXPECT_EQ(answers["get nextHopManager..simMode"],
+            "error: path 'nextHopManager..simMode' has an empty name\n");
+  EXPECT_THAT(answers["set nextHopManager.defragManager.defragDelay soon"], StartsWith("error: "));
+  EXPECT_EQ(answers["frobnicate"], "error: unknown request 'frobnicate' (try help)\n");
+  EXPECT_THAT(answers["help"], HasSubstr("show free-entries"));
+  EXPECT_EQ(answers["quit"], "ok: stopping\n");
+  EXPECT_TRUE(report.interrupted);
+  EXPECT_EQ(defragDelay_, 2.5);
+  EXPECT_TRUE(report.passed());
+}
+
+TEST_F(AgentSocketTest, BadRequestsNeverDisturbTheAgent) {
+  std::string oversized;
+  std::string afterwards;
+  serve("create a narrow 4 unicast\n", [&] {
+    oversized = ask(std::string(3000, 'x'));
+    afterwards = ask("get nextHopManager.ecmpGroups[3].size");
+    ask("quit");
+  });
+  EXPECT_EQ(oversized, "error: request longer than 1024 bytes\n");
+  EXPECT_EQ(afterwards, "4\n");
+}
+
+TEST_F(AgentSocketTest, TheSocketGoesWithTheAgent) {
+  serve("", [&] { ask("quit"); });
+  EXPECT_NE(access(path_.c_str(), F_OK), 0);
+}

@@ -1,0 +1,192 @@
+// The brevant-agent program itself: its commands, exit codes and output.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "XmlCheck.h"
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+namespace {
+
+struct Outcome {
+  int status = -1;  // the exit status, or -1 when it did not exit
+  std::string out;
+  std::string err;
+};
+
+std::string fileText(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+class ProgramTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char dir[] = "/tmp/agent-program-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    dir_ = dir;
+  }
+  void TearDown() override {
+    const std::string command = "rm -rf '" + dir_ + "'";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+  }
+
+  std::string file(const std::string& name, const std::string& text) {
+    const std::string path = dir_ + "/" + name;
+    std::ofstream(path) << text;
+    return path;
+  }
+
+  // Starts the program with args, its output going to files.
+  pid_t start(const std::vector<std::string>& args) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+      const int out = open((dir_ + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      const int err = open((dir_ + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      dup2(out, STDOUT_FILENO);
+      dup2(err, STDERR_FILENO);
+      std::vector<char*> argv{const_cast<char*>(BREVANT_AGENT_PROGRAM)};
+      for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+      argv.push_back(nullptr);
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+    return pid;
+  }
+
+  Outcome finish(pid_t pid) {
+    int status = 0;
+    Outcome o;
+    if (waitpid(pid, &status, 0) == pid && WIFEXITED(status)) o.status = WEXITSTATUS(status);
+    o.out = fileText(dir_ + "/out");
+    o.err = fileText(dir_ + "/err");
+    return o;
+  }
+
+  Outcome run(const std::vector<std::string>& args) { return finish(start(args)); }
+
+  // Runs the client in its own output files.
+  Outcome client(const std::string& socket, const std::string& request) {
+    const std::string out = dir_ + "/client.out";
+    const std::string command = std::string(BREVANT_AGENT_PROGRAM) + " client --socket '" + socket + "' " +
+                                request + " > '" + out + "' 2>&1";
+    Outcome o;
+    const int status = std::system(command.c_str());
+    o.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    o.out = fileText(out);
+    return o;
+  }
+
+  std::string dir_;
+};
+
+const char* const goodWorkload =
+    "# two groups\n"
+    "create a narrow 4 unicast\n"
+    "create t wide 2 vxlan-tunnel\n"
+    "sleep 1\n"
+    "read a 2\n";
+
+}  // namespace
+
+TEST_F(ProgramTest, HelpPrintsTheUsage) {
+  const Outcome o = run({"help"});
+  EXPECT_EQ(o.status, 0);
+  EXPECT_THAT(o.out, StartsWith("usage: brevant-agent [run] [options]"));
+}
+
+TEST_F(ProgramTest, RunsAWorkloadAndPrintsTheReportAndTheSummary) {
+  const std::string workload = file("w.txt", goodWorkload);
+  const std::string svg = dir_ + "/table.svg";
+  const Outcome o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", workload, "--svg", svg,
+                         "--no-progress"});
+  EXPECT_EQ(o.status, 0) << o.err;
+  EXPECT_THAT(o.out, StartsWith("Agent run\n  workload                " + workload + " (4 requests)\n"));
+  EXPECT_THAT(o.out, HasSubstr("  clock                   manual, agent time 1.0 s"));
+  EXPECT_THAT(o.out, HasSubstr("  create                  2 requested, 2 succeeded\n"));
+  EXPECT_THAT(o.out, HasSubstr("  hitless                 passed: 2 chip writes checked, 0 violations\n"));
+  EXPECT_THAT(o.out, HasSubstr("  feature views           passed: 2 groups checked"));
+  EXPECT_THAT(o.out, HasSubstr("  occupancy picture       " + svg + "\n"));
+  EXPECT_THAT(o.out, HasSubstr("Free-entry summary\n"
+                               "NextHopTable Defragmentation Scheduled : no\n"
+                               "Defrag Counter : 0\n"
+                               "Next Hops Used/Next Hops Total: 11/64\n"
+                               "Free Next Hops:\n"
+                               "7-51:          45   \n"
+                               "56-63:         8    \n"));
+  EXPECT_EQ(o.err, "");  // no progress line when asked not to
+  EXPECT_EQ(AgentTest::xmlProblem(fileText(svg)), "");
+}
+
+TEST_F(ProgramTest, ABadWorkloadLineStopsBeforeAnythingRuns) {
+  const std::string workload = file("bad.txt", "create a narrow 4 unicast\n\ncrate b narrow 1 nat\n");
+  const Outcome o = run({"run", "--manual-clock", "--workload", workload});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_THAT(o.err, StartsWith("brevant-agent: " + workload + ":3: unknown request 'crate'"));
+  EXPECT_EQ(o.out, "");
+}
+
+TEST_F(ProgramTest, UsageErrorsExitWithTwo) {
+  Outcome o = run({"run", "--fast"});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_THAT(o.err, HasSubstr("unknown option '--fast'"));
+  o = run({"run", "--workload", dir_ + "/missing.txt"});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_THAT(o.err, HasSubstr("cannot read workload"));
+}
+
+TEST_F(ProgramTest, ServesUntilQuitAndAnswersTheClient) {
+  const std::string workload = file("w.txt", goodWorkload);
+  const std::string socket = dir_ + "/agent.sock";
+  const pid_t agent = start({"serve", "--manual-clock", "--sim-bound", "64", "--workload", workload,
+                             "--socket", socket, "--no-progress"});
+  // The client waits for the socket to appear.
+  const Outcome summary = client(socket, "show free-entries");
+  EXPECT_EQ(summary.status, 0);
+  EXPECT_THAT(summary.out, StartsWith("NextHopTable Defragmentation Scheduled : no\n"));
+  EXPECT_THAT(summary.out, HasSubstr("7-51:          45   \n"));
+  const Outcome group = client(socket, "show group 3");
+  EXPECT_EQ(group.status, 0);
+  EXPECT_THAT(group.out, StartsWith("group 3: narrow"));
+  const Outcome bad = client(socket, "get nextHopManager.nothing");
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_THAT(bad.out, StartsWith("error: "));
+  const Outcome set = client(socket, "set nextHopManager.defragManager.defragDelay 2.5");
+  EXPECT_EQ(set.out, "2.5\n");
+  const Outcome quit = client(socket, "quit");
+  EXPECT_EQ(quit.out, "ok: stopping\n");
+  const Outcome served = finish(agent);
+  EXPECT_EQ(served.status, 0) << served.err;
+  EXPECT_THAT(served.out, HasSubstr("stopped early"));
+  EXPECT_THAT(served.out, HasSubstr("Free-entry summary\n"));
+}
+
+TEST_F(ProgramTest, ASignalEndsAServingAgentWithItsReport) {
+  const std::string socket = dir_ + "/agent.sock";
+  const std::string workload = file("w.txt", goodWorkload);
+  const pid_t agent = start({"serve", "--manual-clock", "--sim-bound", "64", "--workload", workload,
+                             "--socket", socket, "--no-progress"});
+  // Once it answers, it is serving.
+  EXPECT_EQ(client(socket, "help").status, 0);
+  kill(agent, SIGTERM);
+  const Outcome served = finish(agent);
+  EXPECT_EQ(served.status, 0) << served.err;
+  EXPECT_THAT(served.out, HasSubstr("stopped early"));
+  EXPECT_NE(access(socket.c_str(), F_OK), 0);
+}
+
+TEST_F(ProgramTest, AClientWithoutAgentFails) {
+  const Outcome o = client(dir_ + "/nobody.sock", "help");
+  EXPECT_EQ(o.status, 2);
+  EXPECT_THAT(o.out, HasSubstr("cannot connect to"));
+}
