@@ -264,7 +264,11 @@ Report AgentSimulation::run() {
   replayer_->timeMinIs(clock_->now());
   drive();
 
-  report_.interrupted = quit_ || interrupted;
+  report_.workloadCompleted = workloadDone_;
+  report_.endedBy = interrupted ? "signal"
+                    : quit_     ? "quit request"
+                    : settled() ? "workload done"
+                                : "settle limit";
   report_.abandoned = retryQueue_.size();
   check_.settle();
   check_.checkAll("at the end");

@@ -113,7 +113,8 @@ std::string groupText(Brevant::NextHopManager& manager, U16 groupId) {
   const U32 start = group->hwStartIndex();
   std::ostringstream out;
   out << "group " << groupId << ": " << (group->wide() ? "wide" : "narrow") << ", "
-      << (group->fixedSize() ? "fixed" : "variable") << " size, " << group->size() << " next hops";
+      << (group->fixedSize() ? "fixed" : "variable") << " size, " << group->size()
+      << (group->size() == 1 ? " next hop" : " next hops");
   if (group->size() > 0) {
     out << " at " << start << " (entries " << start << "-" << start + stride * group->size() - 1 << ")";
   }

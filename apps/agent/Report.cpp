@@ -28,8 +28,8 @@ void printReport(std::ostream& out, const Report& r) {
   out << "Agent run\n";
   line(out, "workload", r.workload);
   line(out, "clock", std::string(r.manualClock ? "manual" : "real") + ", agent time " +
-                         seconds(r.agentTime) + ", wall time " + seconds(r.wallTime, "%.2f") +
-                         (r.interrupted ? ", stopped early" : ""));
+                         seconds(r.agentTime) + ", wall time " + seconds(r.wallTime, "%.2f"));
+  line(out, "ended by", r.endedBy + (r.workloadCompleted ? "" : ", before the end of the workload"));
   line(out, "table", "bound " + std::to_string(r.tableBound) + ", swap index " +
                          std::to_string(r.swapIndex) + ", " + std::to_string(r.groupsAtEnd) +
                          " groups at the end");

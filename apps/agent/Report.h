@@ -28,8 +28,11 @@ struct Report {
   // Agent time at the end of the run, and real time the run took.
   Kiln::Seconds agentTime = 0;
   Kiln::Seconds wallTime = 0;
-  // The run was ended early by a signal or a quit request.
-  bool interrupted = false;
+  // What ended the run: "workload done" (and the table settled), "settle
+  // limit" (creates still waiting), "quit request" or "signal".
+  std::string endedBy;
+  // Every request of the workload was replayed.
+  bool workloadCompleted = false;
 
   // Requests by kind (sleeps not counted).
   std::map<RequestKind, RequestCounts> requests;

@@ -67,7 +67,8 @@ TEST(AgentRun, ReportsTheFiguresOfASmallWorkload) {
   EXPECT_EQ(r.queuedForRetry, 0u);
   EXPECT_EQ(r.groupsAtEnd, 2u);
   EXPECT_EQ(r.agentTime, 10.0);
-  EXPECT_FALSE(r.interrupted);
+  EXPECT_EQ(r.endedBy, "workload done");
+  EXPECT_TRUE(r.workloadCompleted);
   EXPECT_EQ(r.tableBound, 64u);
   EXPECT_EQ(r.swapIndex, 56u);
   // Three creates, the whole-group rewrite (one write per next hop) and the
@@ -160,6 +161,7 @@ TEST(AgentRun, ARefusedCreateThatNeverFitsIsAbandonedAfterTheSettleLimit) {
   EXPECT_GE(r.retryAttempts, 1u);
   EXPECT_EQ(r.retriesSucceeded, 0u);
   EXPECT_EQ(r.abandoned, 1u);
+  EXPECT_EQ(r.endedBy, "settle limit");
   EXPECT_GT(r.agentTime, 100.0);
   EXPECT_TRUE(r.passed());
 }
@@ -262,7 +264,8 @@ TEST_F(AgentSocketTest, AnswersEveryKindOfRequest) {
   EXPECT_EQ(answers["frobnicate"], "error: unknown request 'frobnicate' (try help)\n");
   EXPECT_THAT(answers["help"], HasSubstr("show free-entries"));
   EXPECT_EQ(answers["quit"], "ok: stopping\n");
-  EXPECT_TRUE(report.interrupted);
+  EXPECT_EQ(report.endedBy, "quit request");
+  EXPECT_TRUE(report.workloadCompleted);
   EXPECT_EQ(defragDelay_, 2.5);
   EXPECT_TRUE(report.passed());
 }
@@ -270,13 +273,17 @@ TEST_F(AgentSocketTest, AnswersEveryKindOfRequest) {
 TEST_F(AgentSocketTest, BadRequestsNeverDisturbTheAgent) {
   std::string oversized;
   std::string afterwards;
-  serve("create a narrow 4 unicast\n", [&] {
+  std::string single;
+  serve("create a narrow 4 unicast\ncreate s narrow 1 nat\n", [&] {
     oversized = ask(std::string(3000, 'x'));
     afterwards = ask("get nextHopManager.ecmpGroups[3].size");
+    single = ask("show group 4");
     ask("quit");
   });
   EXPECT_EQ(oversized, "error: request longer than 1024 bytes\n");
   EXPECT_EQ(afterwards, "4\n");
+  EXPECT_THAT(single, StartsWith("group 4: narrow, fixed size, 1 next hop at 7 (entries 7-7), features "
+                                 "RoutingNatFeature\n  0: index 7 data 0x"));
 }
 
 TEST_F(AgentSocketTest, TheSocketGoesWithTheAgent) {

@@ -128,6 +128,18 @@ TEST_F(ProgramTest, RunsAWorkloadAndPrintsTheReportAndTheSummary) {
   EXPECT_EQ(AgentTest::xmlProblem(fileText(svg)), "");
 }
 
+TEST_F(ProgramTest, ShowsProgressOnlyWhenAsked) {
+  const std::string workload = file("w.txt", goodWorkload);
+  // stderr is a file here, not a terminal: quiet by default.
+  Outcome o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", workload});
+  EXPECT_EQ(o.status, 0);
+  EXPECT_EQ(o.err, "");
+  o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", workload, "--progress"});
+  EXPECT_EQ(o.status, 0);
+  EXPECT_THAT(o.err, StartsWith("\rbrevant-agent: t = "));
+  EXPECT_THAT(o.err, HasSubstr("4 of 4 requests, 2 groups, 0 defragmentation runs, 0 waiting"));
+}
+
 TEST_F(ProgramTest, ABadWorkloadLineStopsBeforeAnythingRuns) {
   const std::string workload = file("bad.txt", "create a narrow 4 unicast\n\ncrate b narrow 1 nat\n");
   const Outcome o = run({"run", "--manual-clock", "--workload", workload});
@@ -167,7 +179,7 @@ TEST_F(ProgramTest, ServesUntilQuitAndAnswersTheClient) {
   EXPECT_EQ(quit.out, "ok: stopping\n");
   const Outcome served = finish(agent);
   EXPECT_EQ(served.status, 0) << served.err;
-  EXPECT_THAT(served.out, HasSubstr("stopped early"));
+  EXPECT_THAT(served.out, HasSubstr("\n  ended by                quit request\n"));
   EXPECT_THAT(served.out, HasSubstr("Free-entry summary\n"));
 }
 
@@ -181,7 +193,7 @@ TEST_F(ProgramTest, ASignalEndsAServingAgentWithItsReport) {
   kill(agent, SIGTERM);
   const Outcome served = finish(agent);
   EXPECT_EQ(served.status, 0) << served.err;
-  EXPECT_THAT(served.out, HasSubstr("stopped early"));
+  EXPECT_THAT(served.out, HasSubstr("\n  ended by                signal\n"));
   EXPECT_NE(access(socket.c_str(), F_OK), 0);
 }
 
