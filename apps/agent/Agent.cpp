@@ -42,8 +42,6 @@ Brevant::FeatureType featureType(Feature feature) {
   return static_cast<Brevant::FeatureType>(static_cast<int>(feature));
 }
 
-U8 featureBit(Feature feature) { return static_cast<U8>(1u << static_cast<int>(feature)); }
-
 std::string secondsText(Kiln::Seconds t) {
   char text[32];
   snprintf(text, sizeof(text), "%.1f s", t);
@@ -282,7 +280,7 @@ Report AgentSimulation::run() {
   report_.longestStopWhat = watch_->longestWhat();
   report_.agentTime = clock_->now();
   report_.wallTime = wallNow() - wallStart;
-  report_.groupsAtEnd = groups_.size();
+  report_.groupsAtEnd = placedGroups_;
   showProgress(true);
   return report_;
 }
@@ -349,7 +347,7 @@ void AgentSimulation::showProgress(bool last) {
   if (!last && now - lastProgress_ < 0.25) return;
   lastProgress_ = now;
   fprintf(stderr, "\rbrevant-agent: t = %.0f s, %zu of %zu requests, %zu groups, %u defragmentation runs, %zu waiting  ",
-          clock_->now(), next_, config_.workload.size(), groups_.size(),
+          clock_->now(), next_, config_.workload.size(), static_cast<size_t>(placedGroups_),
           manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u, retryQueue_.size());
   if (last) fprintf(stderr, "\n");
 }
@@ -455,7 +453,7 @@ void AgentSimulation::create(const Request& request, bool retry) {
   label.id = id;
   callbacks_[static_cast<int>(request.feature)]->view_[id] = Placement{placed.base, request.size};
   check_.groupIs(id, std::move(placed));
-  groups_[id] = Group{request.label, featureBit(request.feature)};
+  ++placedGroups_;
   if (retry) {
     ++report_.retriesSucceeded;
   } else {
@@ -489,7 +487,7 @@ void AgentSimulation::remove(const Request& request) {
   ++report_.requests[RequestKind::remove].succeeded;
   check_.groupDel(label.id);
   for (const Kiln::Ptr<FeatureCallback>& callback : callbacks_) callback->view_.erase(label.id);
-  groups_.erase(label.id);
+  --placedGroups_;
   labels_.erase(found);
 }
 
@@ -581,7 +579,6 @@ void AgentSimulation::addFeature(const Request& request) {
     return;
   }
   ++report_.requests[RequestKind::addFeature].succeeded;
-  groups_.at(id).features |= featureBit(request.feature);
   const HitlessCheck::Group& g = *check_.group(id);
   callbacks_[static_cast<int>(request.feature)]->view_[id] = Placement{g.base, g.size()};
 }

@@ -100,14 +100,6 @@ class AgentSimulation {
   class Replayer;
   class Retrier;
 
-  // What the agent, as the features, knows of one group it created beyond
-  // what the hitless check keeps (its base and words).
-  struct Group {
-    std::string label;
-    // Bit f set: feature f uses the group.
-    U8 features = 0;
-  };
-
   // A workload label: waiting for a retry, placed as a group, or refused.
   struct Label {
     enum class State { waiting, placed, refused } state = State::waiting;
@@ -172,7 +164,8 @@ class AgentSimulation {
   bool inRequest_ = false;
 
   std::unordered_map<std::string, Label> labels_;
-  std::map<U16, Group> groups_;
+  // Groups the features hold now; the check keeps their bases and words.
+  U64 placedGroups_ = 0;
   std::deque<std::string> retryQueue_;
   Kiln::Seconds retryBackoff_ = 0;
   U32 defragRunsAtLastRetry_ = 0;

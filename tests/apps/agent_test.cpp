@@ -136,6 +136,18 @@ TEST(AgentRun, AnEmptyWorkloadEndsAtOnce) {
   EXPECT_TRUE(r.passed());
 }
 
+TEST(AgentRun, RunsOnTheRealClockToo) {
+  AgentConfig config = configOf("create a narrow 2 unicast\nsleep 0.05\ndelete a\n");
+  config.manualClock = false;
+  AgentSimulation agent(config);
+  const Report r = agent.run();
+  EXPECT_FALSE(r.manualClock);
+  EXPECT_GE(r.agentTime, 0.05);
+  EXPECT_EQ(r.requests.at(RequestKind::remove).succeeded, 1u);
+  EXPECT_EQ(r.endedBy, "workload done");
+  EXPECT_TRUE(r.passed());
+}
+
 TEST(AgentRun, RestoresTheLoopsClock) {
   const Kiln::Ptr<Kiln::Clock> before = Kiln::ActivityManager::instance().clock();
   {
