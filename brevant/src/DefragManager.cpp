@@ -48,9 +48,4 @@ void DefragManager::startDefragScheduler() {
   if (initialized_) defragScheduler_->timeMinIs(Kiln::now() + defragDelay_);
 }
 
-void DefragManager::handleDefragSchedulerTimeOut() {
-  NH_TRACE(8, "handleDefragSchedulerTimeOut");
-  defragScheduler_->timeMinIs(Kiln::Clock::never);
-}
-
 }  // namespace Brevant
