@@ -238,6 +238,9 @@ void randomWorkout(unsigned seed, U32 operations, U32 keyRange) {
     std::string fault = redBlackFault(map);
     ASSERT_EQ(fault, "") << "seed " << seed << " op " << i;
     ASSERT_EQ(map.members(), oracle.size());
+    // The last member is kept at hand through every insert and removal.
+    ASSERT_EQ(map.last() ? int(map.last()->key()) : -1,
+              oracle.empty() ? -1 : int(oracle.rbegin()->first));
   }
   std::vector<U16> expected;
   for (const auto& [k, v] : oracle) {

@@ -47,7 +47,9 @@ class RbTreeMember : public PtrInterface, public Allocated<M> {
 
 // Ordered collection of members M (derived from RbTreeMember<M, K, V>),
 // ascending by K's <. Every operation is O(log n); first(), last() and
-// stepping an iterator never allocate. The map holds one reference to each
+// stepping an iterator never allocate. Inserting a key above every other
+// (filling a map in ascending order) and looking one up take constant time:
+// the map keeps its last member at hand. The map holds one reference to each
 // member. Inserting and removing invalidate iterators, except the one
 // remove(Iterator) returns. Not copyable. find() remembers where it ended,
 // so even a const map must not be searched from two threads at once.
@@ -108,6 +110,7 @@ class RbTreeMap {
   // the member the previous lookup reached and its neighbour, without a
   // descent from the root.
   M* find(const K& key) const {
+    if (!last_ || keyLessThan(last_->key_, key)) return nullptr;
     M* found;
     if (finger_ && findNearFinger(key, found)) return found;
     M* m = lowerBoundMember(key);
@@ -118,7 +121,7 @@ class RbTreeMap {
   // The member with the smallest key, or nullptr when empty.
   M* first() const { return root_ ? extreme(root_, 0) : nullptr; }
   // The member with the largest key, or nullptr when empty.
-  M* last() const { return root_ ? extreme(root_, 1) : nullptr; }
+  M* last() const { return last_; }
 
   // The first member whose key is not less than key, or end().
   Iterator lowerBound(const K& key) const { return Iterator(this, lowerBoundMember(key)); }
@@ -132,6 +135,12 @@ class RbTreeMap {
     // processor walks ahead without waiting for each comparison.
     M* parent = nullptr;
     M** link = &root_;
+    // Above the last member: it becomes its right child, no descent needed.
+    const bool beyondLast = last_ && keyLessThan(last_->key_, m->key_);
+    if (beyondLast) {
+      parent = last_;
+      link = &last_->child_[1];
+    }
     while (M* at = *link) {
       parent = at;
       if (keyLessThan(at->key_, m->key_)) {
@@ -146,6 +155,7 @@ class RbTreeMap {
     m->parent_ = parent;
     m->red_ = true;
     *link = m;
+    if (beyondLast || !last_) last_ = m;
     ++members_;
     rebalanceAfterInsert(m);
   }
@@ -172,6 +182,7 @@ class RbTreeMap {
     root_ = nullptr;
     members_ = 0;
     finger_ = nullptr;
+    last_ = nullptr;
     while (m) {
       if (m->child_[0]) {
         m = std::exchange(m->child_[0], nullptr);
@@ -286,6 +297,7 @@ class RbTreeMap {
     // A finger on m moves to its successor: removals index after index (as
     // allocating a block does) then each start next to the previous one.
     if (finger_ == m) finger_ = step(m, 1);
+    if (last_ == m) last_ = step(m, 0);
     M* child;        // the member that moves into the vacated place, maybe null
     M* parent;       // child's parent after the move
     bool blackGone;  // a black member left its path: rebalance
@@ -356,6 +368,7 @@ class RbTreeMap {
   M* root_ = nullptr;
   U32 members_ = 0;
   mutable M* finger_ = nullptr;  // where the last find() ended; a member or null
+  M* last_ = nullptr;            // the member with the largest key, or null
 };
 
 }  // namespace Kiln
