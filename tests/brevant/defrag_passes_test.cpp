@@ -392,7 +392,7 @@ TEST_F(DefragPassDeathTest, AnAllocatedEntryWithoutAGroupIsAProgramFault) {
         m->allocateBlock(100, 2);
         m->defragManager()->defragWideBlock();
       },
-      testing::AllOf(HasSubstr("Can not find group for index : 2"),
+      testing::AllOf(HasSubstr("BrevantNextHop 1: Can not find group for index : 2"),
                      HasSubstr("Assertion `0' failed.")));
 }
 
@@ -406,7 +406,7 @@ TEST_F(DefragPassDeathTest, AStartMappedToTheInvalidGroupIsAProgramFault) {
         m->hwStartToGroupIdIs(100, 65535);
         m->defragManager()->defragWideBlock();
       },
-      testing::AllOf(HasSubstr("Can not find group for index : 100"),
+      testing::AllOf(HasSubstr("BrevantNextHop 1: Can not find group for index : 100"),
                      HasSubstr("Assertion `0' failed.")));
 }
 
@@ -420,7 +420,7 @@ TEST_F(DefragPassDeathTest, TheNarrowPassReportsAStartMappedToNoGroupTheSameWay)
         m->hwStartToGroupIdIs(10, 77);
         m->defragManager()->defragNarrowBlock();
       },
-      testing::AllOf(HasSubstr("Can not find group for index : 10"),
+      testing::AllOf(HasSubstr("BrevantNextHop 1: Can not find group for index : 10"),
                      HasSubstr("Assertion `0' failed.")));
 }
 
