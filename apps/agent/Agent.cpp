@@ -83,6 +83,7 @@ class StopWatch {
     end();
     open_ = true;
     started_ = wallNow();
+    excluded_ = 0;
     agentTime_ = agentTime;
     what_ = std::move(what);
     runsAtBegin_ = defragRuns_();
@@ -91,11 +92,16 @@ class StopWatch {
   void label(std::string what) {
     if (open_) what_ = std::move(what);
   }
+  // Leaves out of the open handler's time work that is not the agent's own
+  // (the checks run at each chip write).
+  void exclude(double seconds) {
+    if (open_) excluded_ += seconds;
+  }
   // The open handler, if any, has ended.
   void end() {
     if (!open_) return;
     open_ = false;
-    const double took = wallNow() - started_;
+    const double took = wallNow() - started_ - excluded_;
     if (took <= longest_) return;
     longest_ = took;
     std::string what = what_;
@@ -112,6 +118,7 @@ class StopWatch {
   std::function<U32()> defragRuns_;
   bool open_ = false;
   double started_ = 0;
+  double excluded_ = 0;
   Kiln::Seconds agentTime_ = 0;
   std::string what_;
   U32 runsAtBegin_ = 0;
@@ -121,22 +128,22 @@ class StopWatch {
 
 namespace {
 
-// A clock that starts the stop watch when it is about to run a handler.
+// A clock that tells its owner when it is about to run a handler.
 template <class Base>
-class MeasuredClock : public Base {
+class WatchedClock : public Base {
  public:
   template <class... Args>
-  explicit MeasuredClock(std::shared_ptr<StopWatch> watch, Args... args)
-      : Base(args...), watch_(std::move(watch)) {}
+  explicit WatchedClock(std::function<void(Kiln::Seconds)> handlerStarts, Args... args)
+      : Base(args...), handlerStarts_(std::move(handlerStarts)) {}
 
  protected:
   void expiryReached(Kiln::Seconds time) override {
     Base::expiryReached(time);
-    watch_->begin(time);
+    handlerStarts_(time);
   }
 
  private:
-  std::shared_ptr<StopWatch> watch_;
+  std::function<void(Kiln::Seconds)> handlerStarts_;
 };
 
 }  // namespace
@@ -187,12 +194,18 @@ AgentSimulation::AgentSimulation(AgentConfig config)
   // The clock goes in first: the defragmenter takes the loop's clock when
   // the manager is built.
   previousClock_ = loop.clock();
+  // Before every timer's handler (a defragmentation run among them): the
+  // free space is measured, and the stop watch starts.
+  auto handlerStarts = [this](Kiln::Seconds time) {
+    sample(true);
+    watch_->begin(time);
+  };
   if (config_.manualClock) {
-    auto* manual = new MeasuredClock<Kiln::ManualClock>(watch_, 0.0);
+    auto* manual = new WatchedClock<Kiln::ManualClock>(handlerStarts, 0.0);
     manualClock_ = manual;
     clock_ = manual;
   } else {
-    clock_ = new MeasuredClock<Kiln::MonotonicClock>(watch_);
+    clock_ = new WatchedClock<Kiln::MonotonicClock>(handlerStarts);
   }
   loop.clockIs(clock_);
 
@@ -206,6 +219,8 @@ AgentSimulation::AgentSimulation(AgentConfig config)
     manager_->featuresIs(callback);
     callbacks_.push_back(callback);
   }
+  checker_ = std::make_unique<Brevant::HitlessChecker>(
+      *manager_, [](U16 index) { return FmSim::tableWord(index); });
   FmSim::writeObserverIs([this](const FmSim::Call& call, const U64* data) {
     if (call.sw == 0) chipWritten(call.address, call.count, data);
   });
@@ -233,6 +248,7 @@ AgentSimulation::~AgentSimulation() {
   replayer_->notifierIs(nullptr);
   retrier_->notifierIs(nullptr);
   for (const Kiln::Ptr<FeatureCallback>& callback : callbacks_) callback->agent_ = nullptr;
+  checker_.reset();
   manager_->featuresDelAll();
   manager_ = nullptr;
   state_ = nullptr;
@@ -274,6 +290,14 @@ Report AgentSimulation::run() {
   report_.hitlessWritesChecked = check_.writesChecked();
   report_.hitlessViolations = check_.violations();
   report_.hitlessProblems = check_.problems();
+  checker_->checkSettled();
+  report_.tableCheckedEveryWrite = report_.tableBound <= config_.tableCheckEveryWriteUpTo;
+  report_.tableChecks = checker_->checks();
+  report_.tableViolations = checker_->violationCount();
+  for (const Brevant::HitlessChecker::Violation& v : checker_->violations()) {
+    if (report_.tableProblems.size() == listedProblems) break;
+    report_.tableProblems.push_back("check " + std::to_string(v.check) + ": " + v.text);
+  }
   report_.end = snapshot("end");
   report_.defragRuns = manager_->defragManager()->defragCount();
   report_.longestStop = watch_->longest();
@@ -338,6 +362,12 @@ bool AgentSimulation::finished() const {
 void AgentSimulation::handlerDone() {
   watch_->end();
   check_.settle();
+  // Between runs every owner holds the base its group's record holds.
+  const U32 runs = manager_->defragManager()->defragCount();
+  if (runs != defragRunsChecked_) {
+    defragRunsChecked_ = runs;
+    checker_->checkSettled();
+  }
   showProgress(false);
 }
 
@@ -363,12 +393,14 @@ void AgentSimulation::replayStep() {
       ++next_;
       if (request.seconds > 0) {
         replayer_->timeMinIs(clock_->now() + request.seconds);
+        sample(true);
         return;
       }
       continue;
     }
     if (done == config_.requestsPerStep) {
       replayer_->timeMinIs(clock_->now() + stepGap);
+      sample(true);
       return;
     }
     ++next_;
@@ -377,6 +409,7 @@ void AgentSimulation::replayStep() {
   }
   workloadDone_ = true;
   workloadEnd_ = clock_->now();
+  sample(true);
 }
 
 void AgentSimulation::execute(const Request& request) {
@@ -655,8 +688,14 @@ void AgentSimulation::moved(Feature, U16 id, U16 base, U16 size) {
 
 void AgentSimulation::chipWritten(U32 address, S32 count, const U64* data) {
   if (address < FmSim::nextHopTableBase || (address - FmSim::nextHopTableBase) % 2 != 0) return;
-  if (!inRequest_) report_.defragEntriesWritten += static_cast<U64>(count);
+  const double started = wallNow();
   check_.written((address - FmSim::nextHopTableBase) / 2, static_cast<U32>(count), data);
+  if (!inRequest_) {
+    // A write of the defragmenter: a group is moving.
+    report_.defragEntriesWritten += static_cast<U64>(count);
+    if (report_.tableBound <= config_.tableCheckEveryWriteUpTo) checker_->check();
+  }
+  watch_->exclude(wallNow() - started);
 }
 
 void AgentSimulation::checkViews() {
@@ -696,8 +735,8 @@ void AgentSimulation::checkViews() {
 
 // --- Occupancy ---
 
-void AgentSimulation::sample() {
-  if (requestsSinceSample_ < config_.sampleEvery) return;
+void AgentSimulation::sample(bool now) {
+  if (!manager_ || (!now && requestsSinceSample_ < config_.sampleEvery)) return;
   requestsSinceSample_ = 0;
   const FreeSpace space = freeSpaceOf(*manager_);
   if (!moreFragmented(space, worstSpace_)) return;

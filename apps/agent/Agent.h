@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Brevant/BrevantCommonSmData.h"
+#include "Brevant/HitlessChecker.h"
 #include "Brevant/NextHopManager.h"
 #include "HitlessCheck.h"
 #include "Kiln/Clock.h"
@@ -53,6 +54,11 @@ struct AgentConfig {
   // Requests between two measurements of the free space (for the worst
   // fragmentation picture).
   U32 sampleEvery = 16;
+  // The library's whole-table check runs at every chip write of the
+  // defragmenter for tables up to this bound; above it (a check costs a
+  // walk of every group) after every defragmentation run only. The agent's
+  // own owner check runs at every write whatever the size.
+  U32 tableCheckEveryWriteUpTo = 8192;
 };
 
 class DiagnosticServer;
@@ -131,8 +137,9 @@ class AgentSimulation {
   // Run by the simulator after each chip write.
   void chipWritten(U32 address, S32 count, const U64* data);
 
-  // Free-space sample for the worst-fragmentation picture.
-  void sample();
+  // Measures the free space for the worst-fragmentation picture: now, or
+  // when enough requests have run since the last time.
+  void sample(bool now = false);
   Occupancy snapshot(const std::string& title);
 
   // The run loop and its stop conditions.
@@ -153,6 +160,10 @@ class AgentSimulation {
   Kiln::Ptr<Brevant::BrevantCommonSmData> state_;
   Kiln::Ptr<Brevant::NextHopManager> manager_;
   std::vector<Kiln::Ptr<FeatureCallback>> callbacks_;
+  // The library's table check: records, owners and chip compared at every
+  // chip write the defragmenter makes and after every defragmentation run.
+  std::unique_ptr<Brevant::HitlessChecker> checker_;
+  U32 defragRunsChecked_ = 0;
   Kiln::Ptr<Replayer> replayer_;
   Kiln::Ptr<Retrier> retrier_;
   std::unique_ptr<DiagnosticServer> server_;

@@ -70,6 +70,8 @@ void parseRunOption(const std::string& option, ArgumentReader& in, RunOptions& r
     run.progress = true;
   } else if (option == "--no-progress") {
     run.progress = false;
+  } else if (option == "--check-every-write") {
+    run.checkEveryWrite = true;
   } else {
     throw UsageError("unknown option '" + option + "'");
   }
@@ -131,6 +133,8 @@ std::string usageText() {
          "  --serve             keep running after the workload (SIGINT, SIGTERM or quit end it)\n"
          "  --progress, --no-progress\n"
          "                      progress line on stderr (default: when stderr is a terminal)\n"
+         "  --check-every-write the library's whole-table check at every defragmenter write\n"
+         "                      also above 8192 entries (slow on a full table)\n"
          "\n"
          "requests: show free-entries | show group ID | get PATH | set PATH VALUE | help | quit\n";
 }

@@ -34,6 +34,9 @@ struct RunOptions {
   bool serve = false;
   // Progress line: when absent, shown exactly when stderr is a terminal.
   std::optional<bool> progress;
+  // Run the library's whole-table check at every defragmenter write even
+  // on a large table (slow).
+  bool checkEveryWrite = false;
 };
 
 struct ClientOptions {

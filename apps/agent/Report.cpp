@@ -73,6 +73,12 @@ void printReport(std::ostream& out, const Report& r) {
                            std::to_string(r.hitlessWritesChecked) + " chip writes checked, " +
                            std::to_string(r.hitlessViolations) + " violations");
   for (const std::string& problem : r.hitlessProblems) line(out, "", problem);
+  line(out, "table checker", std::string(r.tableViolations == 0 ? "passed" : "FAILED") + ": " +
+                                 std::to_string(r.tableChecks) + " whole-table checks (" +
+                                 (r.tableCheckedEveryWrite ? "every defragmenter write"
+                                                           : "after every defragmentation run") +
+                                 "), " + std::to_string(r.tableViolations) + " violations");
+  for (const std::string& problem : r.tableProblems) line(out, "", problem);
   line(out, "feature views", std::string(r.viewMismatches.empty() ? "passed" : "FAILED") + ": " +
                                  std::to_string(r.viewGroupsChecked) +
                                  " groups checked against the manager's records, " +

@@ -75,6 +75,14 @@ struct Report {
   U64 hitlessWritesChecked = 0;
   U64 hitlessViolations = 0;
   std::vector<std::string> hitlessProblems;
+  // The library's hitless checker: checks of the whole table (records,
+  // owners' bases, allocation and chip words) at every chip write of the
+  // defragmenter, after every run and at the end; violations found.
+  // Whether it ran at every defragmenter write, or after every run only.
+  bool tableCheckedEveryWrite = false;
+  U64 tableChecks = 0;
+  U64 tableViolations = 0;
+  std::vector<std::string> tableProblems;
   // Feature views: groups each feature believes it owns, checked against
   // the manager's records at the end; differences found.
   U64 viewGroupsChecked = 0;
@@ -89,7 +97,10 @@ struct Report {
   U64 groupsAtEnd = 0;
 
   // True when every check passed.
-  bool passed() const { return hitlessViolations == 0 && viewMismatches.empty() && readMismatches == 0; }
+  bool passed() const {
+    return hitlessViolations == 0 && tableViolations == 0 && viewMismatches.empty() &&
+           readMismatches == 0;
+  }
 };
 
 // Writes the report as text (everything but the free-entry summary, which

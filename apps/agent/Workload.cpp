@@ -263,7 +263,7 @@ class ChurnGenerator {
     // Unicast sizes: weight 1/s^1.3 for 1..64, so that most groups are small
     // (about a third have one next hop) and a few are large.
     double total = 0;
-    for (int s = 1; s <= 64; ++s) {
+    for (U32 s = 1; s <= sizeLimit(64); ++s) {
       total += 1.0 / std::pow(s, 1.3);
       unicastSizes_.push_back(total);
     }
@@ -300,10 +300,18 @@ class ChurnGenerator {
   U32 planned() const { return planned_; }
   U32 target(double fraction) const { return static_cast<U32>(options_.capacity * fraction); }
 
+  // The largest size up to `wanted` next hops that fits maxEntries.
+  U32 sizeLimit(U32 wanted, bool wide = false) const {
+    return std::max<U32>(1, std::min(wanted, options_.maxEntries / (wide ? 2 : 1)));
+  }
+  // A size of 1 to `most` next hops (within the limit), uniformly.
+  U16 sizeUpTo(U32 most, bool wide = false) { return static_cast<U16>(1 + below(sizeLimit(most, wide))); }
+
   U16 unicastSize() {
     const double pick = uniform(0, unicastSizes_.back());
     const auto at = std::lower_bound(unicastSizes_.begin(), unicastSizes_.end(), pick);
-    return static_cast<U16>(std::min<ptrdiff_t>(at - unicastSizes_.begin(), 63) + 1);
+    const ptrdiff_t last = static_cast<ptrdiff_t>(unicastSizes_.size()) - 1;
+    return static_cast<U16>(std::min(at - unicastSizes_.begin(), last) + 1);
   }
 
   // A new group of a feature drawn with the mix of a routed network: mostly
@@ -320,15 +328,15 @@ class ChurnGenerator {
     } else if (kind < 0.87) {
       g.feature = Feature::vxlanTunnel;
       g.wide = true;
-      g.size = static_cast<U16>(1 + below(8));
+      g.size = sizeUpTo(8, true);
     } else if (kind < 0.94) {
       g.feature = Feature::vxlan;
       g.wide = false;
-      g.size = static_cast<U16>(1 + below(8));
+      g.size = sizeUpTo(8);
     } else {
       g.feature = Feature::nat;
       g.wide = false;
-      g.size = static_cast<U16>(1 + below(4));
+      g.size = sizeUpTo(4);
     }
     return g;
   }
@@ -379,12 +387,11 @@ class ChurnGenerator {
   // come first.
   void converge() {
     for (int i = 0; i < 6; ++i) {
-      Group g{"m" + std::to_string(i), false, static_cast<U16>(1 + below(16)), Feature::multicast,
-              below(peers)};
+      Group g{"m" + std::to_string(i), false, sizeUpTo(16), Feature::multicast, below(peers)};
       create(g, true);
     }
     U32 created = 0;
-    while (planned() < target(0.90)) {
+    while (planned() < target(0.93)) {
       create(newGroup(below(peers)));
       if (++created % 100 == 0) sleep(0.05);
     }
@@ -398,7 +405,7 @@ class ChurnGenerator {
     } else if (kind < 0.42) {
       const U32 count = 1 + below(3);
       for (U32 i = 0; i < count; ++i) {
-        if (planned() < target(0.97)) {
+        if (planned() < target(0.985)) {
           create(newGroup(below(peers)));
         } else if (!live_.empty()) {
           remove(below(static_cast<U32>(live_.size())));

@@ -104,12 +104,16 @@ struct BuiltInOptions {
   U32 capacity = 65275;
   // Agent time covered by the churn that follows the initial convergence.
   Kiln::Seconds duration = 7200;
+  // The most table entries one group may take. A group moved through the
+  // swap area must fit it, so a simulated table (8-entry swap area) wants 8.
+  U32 maxEntries = 256;
 };
 
 // Generates a route-churn workload: an initial convergence that fills most of
 // the table (unicast groups of 1 to 64 next hops, most of them small; VXLAN
 // tunnel groups of wide next hops; some NAT and VXLAN groups; a few multicast
-// groups), then for `duration` seconds the events of a routed network: peers
+// groups; no group larger than maxEntries entries), then for `duration`
+// seconds the events of a routed network: peers
 // flapping (a burst of deletes, a pause, the groups re-created with new
 // sizes), routes learnt and withdrawn, next hops rewritten and read back.
 Workload builtInWorkload(const BuiltInOptions& options);

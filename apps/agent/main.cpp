@@ -51,6 +51,7 @@ Agent::AgentConfig configFor(const Agent::RunOptions& options) {
     const U32 bound = options.simBound ? *options.simBound : 65534;
     const U32 swapArea = options.simBound ? 8 : 256;
     builtIn.capacity = bound - swapArea - 3;
+    builtIn.maxEntries = swapArea;
     config.workload = Agent::builtInWorkload(builtIn);
     config.workloadName = "built-in, seed " + std::to_string(options.seed);
   }
@@ -60,6 +61,7 @@ Agent::AgentConfig configFor(const Agent::RunOptions& options) {
   config.socketPath = options.socketPath;
   config.serve = options.serve;
   config.progress = options.progress.value_or(isatty(STDERR_FILENO) == 1);
+  if (options.checkEveryWrite) config.tableCheckEveryWriteUpTo = 65534;
   if (!config.manualClock) config.settleLimit = 30;
   return config;
 }

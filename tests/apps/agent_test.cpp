@@ -178,6 +178,110 @@ TEST(AgentRun, ARefusedCreateThatNeverFitsIsAbandonedAfterTheSettleLimit) {
   EXPECT_TRUE(r.passed());
 }
 
+TEST(AgentRun, ARefusedCreateSucceedsRightAfterTheDefragmentationRun) {
+  // Six groups of 8 fill 3..50; b and d go, leaving two holes of 8 and 5
+  // entries at the top: a group of 12 finds no block although 29 entries
+  // (the swap area's included) are free.
+  AgentSimulation agent(configOf(
+      "create a narrow 8 unicast\n"
+      "create b narrow 8 unicast\n"
+      "create c narrow 8 nat\n"
+      "create d narrow 8 vxlan\n"
+      "create e narrow 8 unicast\n"
+      "create f narrow 8 unicast\n"
+      "delete b\n"
+      "delete d\n"
+      "create g narrow 12 unicast\n"));
+  const Report r = agent.run();
+  EXPECT_EQ(r.refusals, (std::map<S32, U64>{{-2, 1}}));
+  EXPECT_EQ(r.queuedForRetry, 1u);
+  EXPECT_EQ(r.retryAttempts, 1u);
+  EXPECT_EQ(r.retriesSucceeded, 1u);
+  EXPECT_EQ(r.abandoned, 0u);
+  // The run fires defragDelay (5 s) after the refusal; the retry follows it.
+  EXPECT_EQ(r.defragRuns, 1u);
+  EXPECT_EQ(r.agentTime, 5.0);
+  EXPECT_EQ(r.endedBy, "workload done");
+  // c, e and f slide down by 8, 16 and 16 entries, none overlapping its old
+  // place: one write each.
+  EXPECT_EQ(r.groupsMoved, 3u);
+  EXPECT_EQ(r.entriesMoved, 24u);
+  EXPECT_EQ(r.defragEntriesWritten, 24u);
+  EXPECT_EQ(r.hitlessViolations, 0u);
+  EXPECT_EQ(r.tableViolations, 0u);
+  EXPECT_TRUE(r.tableCheckedEveryWrite);
+  EXPECT_GT(r.tableChecks, 3u);
+  EXPECT_TRUE(r.viewMismatches.empty());
+  using Placements = std::map<U16, AgentSimulation::Placement>;
+  EXPECT_EQ(agent.view(Feature::nat), (Placements{{5, {11, 8}}}));
+  // g took the id b left (4) and the block after f.
+  EXPECT_EQ(agent.view(Feature::unicast), (Placements{{3, {3, 8}}, {4, {35, 12}}, {7, {19, 8}}, {8, {27, 8}}}));
+  EXPECT_TRUE(agent.view(Feature::vxlan).empty());
+  EXPECT_TRUE(r.passed());
+  // The worst moment was the one with the two holes.
+  EXPECT_EQ(r.worst.freeSpace(), (FreeSpace{21, 3, 8}));
+}
+
+TEST(AgentRun, MovesThroughTheSwapAreaAreHitless) {
+  // A hole of 2 below a group of 6: the group's move overlaps its old
+  // place, so it goes through the swap area, and every later move of the
+  // pass does too.
+  AgentSimulation agent(configOf(
+      "create a narrow 4 unicast\n"
+      "create b narrow 2 nat\n"
+      "create c narrow 6 unicast\n"
+      "create f1 narrow 8 vxlan\n"
+      "create f2 narrow 8 vxlan\n"
+      "create f3 narrow 8 vxlan\n"
+      "create f4 narrow 8 vxlan\n"
+      "create f5 narrow 8 vxlan\n"
+      "delete b\n"
+      "create e narrow 3 nat\n"));
+  const Report r = agent.run();
+  EXPECT_EQ(r.defragRuns, 1u);
+  EXPECT_EQ(r.retriesSucceeded, 1u);
+  EXPECT_EQ(r.groupsMoved, 6u);
+  EXPECT_EQ(r.entriesMoved, 46u);
+  // Two legs per move: to the swap area, then to the final place.
+  EXPECT_EQ(r.defragEntriesWritten, 92u);
+  EXPECT_EQ(r.hitlessViolations, 0u) << (r.hitlessProblems.empty() ? "" : r.hitlessProblems[0]);
+  EXPECT_EQ(r.tableViolations, 0u) << (r.tableProblems.empty() ? "" : r.tableProblems[0]);
+  EXPECT_TRUE(r.viewMismatches.empty());
+  using Placements = std::map<U16, AgentSimulation::Placement>;
+  EXPECT_EQ(agent.view(Feature::nat), (Placements{{4, {53, 3}}}));
+  EXPECT_EQ(agent.view(Feature::unicast), (Placements{{3, {3, 4}}, {5, {7, 6}}}));
+  EXPECT_EQ(agent.view(Feature::vxlan).at(6).base, 13);
+  EXPECT_EQ(agent.view(Feature::vxlan).at(10).base, 45);
+}
+
+TEST(AgentRun, TheBuiltInWorkloadOnASmallTablePassesEveryCheck) {
+  BuiltInOptions builtIn;
+  builtIn.seed = 3;
+  builtIn.capacity = 1024 - 8 - 3;
+  builtIn.maxEntries = 8;
+  builtIn.duration = 1800;
+  AgentConfig config = configOf("", 1024);
+  config.workload = builtInWorkload(builtIn);
+  AgentSimulation agent(config);
+  const Report r = agent.run();
+  EXPECT_TRUE(r.passed()) << (r.hitlessProblems.empty() ? "" : r.hitlessProblems[0])
+                          << (r.tableProblems.empty() ? "" : r.tableProblems[0])
+                          << (r.viewMismatches.empty() ? "" : r.viewMismatches[0]);
+  EXPECT_EQ(r.endedBy, "workload done");
+  EXPECT_GT(r.defragRuns, 0u);
+  EXPECT_GT(r.groupsMoved, 0u);
+  EXPECT_GE(r.defragEntriesWritten, r.entriesMoved);
+  EXPECT_GT(r.retriesSucceeded, 0u);
+  EXPECT_GT(r.readsCompared, 0u);
+  EXPECT_GT(r.viewGroupsChecked, 50u);
+  // The worst picture is at least as fragmented as the start and the end.
+  EXPECT_FALSE(moreFragmented(r.start.freeSpace(), r.worst.freeSpace()));
+  EXPECT_FALSE(moreFragmented(r.end.freeSpace(), r.worst.freeSpace()));
+  EXPECT_GT(r.worst.freeSpace().stranded(), 0u);
+  EXPECT_GT(r.longestStop, 0.0);
+  EXPECT_FALSE(r.longestStopWhat.empty());
+}
+
 namespace {
 
 // A serving agent on the manual clock, answering requests sent from another

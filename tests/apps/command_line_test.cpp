@@ -34,7 +34,8 @@ TEST(CommandLine, NoArgumentsRunTheBuiltInWorkloadOnTheRealClock) {
 TEST(CommandLine, RunTakesEveryOption) {
   const CommandLine line = parseCommandLine({"run", "--workload", "w.txt", "--seed", "42", "--duration",
                                              "60.5", "--sim-bound", "64", "--manual-clock", "--svg",
-                                             "t.svg", "--socket", "/tmp/a.sock", "--serve", "--no-progress"});
+                                             "t.svg", "--socket", "/tmp/a.sock", "--serve", "--no-progress",
+                                             "--check-every-write"});
   EXPECT_EQ(line.command, CommandLine::Command::run);
   EXPECT_EQ(line.run.workloadFile, "w.txt");
   EXPECT_EQ(line.run.seed, 42u);
@@ -45,6 +46,8 @@ TEST(CommandLine, RunTakesEveryOption) {
   EXPECT_EQ(line.run.socketPath, "/tmp/a.sock");
   EXPECT_TRUE(line.run.serve);
   EXPECT_EQ(line.run.progress, false);
+  EXPECT_TRUE(line.run.checkEveryWrite);
+  EXPECT_FALSE(parseCommandLine({}).run.checkEveryWrite);
   // Options alone mean run.
   EXPECT_TRUE(parseCommandLine({"--manual-clock", "--progress"}).run.progress.value());
 }

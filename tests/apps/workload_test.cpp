@@ -162,6 +162,21 @@ TEST(BuiltInWorkload, IsDeterministicForASeed) {
   EXPECT_NE(builtInWorkload(options), a);
 }
 
+TEST(BuiltInWorkload, KeepsGroupsWithinTheLargestSizeAsked) {
+  BuiltInOptions options;
+  options.capacity = 1013;
+  options.duration = 1200;
+  options.maxEntries = 8;
+  U16 largestNarrow = 0;
+  U16 largestWide = 0;
+  for (const Request& r : builtInWorkload(options)) {
+    if (r.kind != RequestKind::create) continue;
+    (r.wide ? largestWide : largestNarrow) = std::max(r.wide ? largestWide : largestNarrow, r.size);
+  }
+  EXPECT_EQ(largestNarrow, 8);
+  EXPECT_EQ(largestWide, 4);
+}
+
 TEST(BuiltInWorkload, IsAValidWorkloadWithRouteChurn) {
   BuiltInOptions options;
   options.capacity = 4000;
