@@ -72,7 +72,8 @@ void ManualClock::timeIs(Seconds time) {
   // Written so that a time that is not a number is refused too.
   if (!(time >= time_)) throw RangeException("ManualClock time may not go backwards");
   runExpiries(time);
-  time_ = time;
+  // A handler may itself have moved the clock past time; never go back.
+  if (time_ < time) time_ = time;
 }
 
 void ManualClock::expiryReached(Seconds time) {

@@ -168,6 +168,16 @@ TEST_F(ManualClockTest, RunsExpiriesThatHandlersArmInsideTheInterval) {
   EXPECT_EQ(log.back(), (std::pair<std::string, Seconds>("late", 7)));
 }
 
+TEST_F(ManualClockTest, AHandlerThatMovesTheClockOnIsNotUndone) {
+  // A simulation may advance the clock from inside a handler (a chip write
+  // that costs time); the outer move must not take time back.
+  Ptr<Timer> t = timer("t");
+  t->action = [&](Timer&) { clock->advance(3); };
+  t->timeMinIs(1);
+  clock->timeIs(2);
+  EXPECT_EQ(clock->now(), 4);
+}
+
 TEST_F(ManualClockTest, AnExpiryArmedInThePastFiresAtTheCurrentTime) {
   clock->timeIs(10);
   Ptr<Timer> t = timer("t");
