@@ -1,0 +1,230 @@
+// What the next-hop table costs: building a manager (the full table's two
+// free pools), filling the table with narrow groups, and churn on a
+// fragmented table. Each has a baseline in the same run: the same pools as
+// std::map, or the raw chip writes of the same words. Traces are off.
+#include <benchmark/benchmark.h>
+
+#include <map>
+#include <optional>
+#include <random>
+#include <vector>
+
+#include "Brevant/NextHopAccess.h"
+#include "Brevant/NextHopManager.h"
+#include "Brevant/NextHopTrace.h"
+#include "FmSim/FmSim.h"
+#include "Kiln/ActivityManager.h"
+#include "Kiln/Clock.h"
+#include "Kiln/Lock.h"
+
+namespace {
+
+using Brevant::NextHopManager;
+using Brevant::U64Collection;
+
+// Entries of each free pool of a new manager: 3 to 65533.
+constexpr U32 poolEntries = 65531;
+
+// What every benchmark here runs under: the activity lock held (the chip
+// calls release it), a fresh simulated chip, a manual clock (the
+// defragmentation timer is armed, never fired) and the traces off.
+class TableSetting {
+ public:
+  TableSetting() : levels_(Brevant::nextHopTrace().levels()) {
+    FmSim::reset();
+    Kiln::ActivityManager::instance().clockIs(new Kiln::ManualClock(0));
+    Brevant::nextHopTrace().levelsIs(Trace::noLevels);
+    activity_.emplace();
+  }
+  ~TableSetting() {
+    activity_.reset();
+    Brevant::nextHopTrace().levelsIs(levels_);
+    FmSim::reset();
+  }
+
+ private:
+  Trace::LevelMask levels_;
+  std::optional<Kiln::ActivityLockGuard> activity_;
+};
+
+U64Collection wordRun(U16 size, U64 base) {
+  U64Collection c;
+  for (U16 p = 0; p < size; ++p) c.dataIs(p, base + p);
+  return c;
+}
+
+// Reports the time per item (entry, group, operation) besides the time per
+// iteration.
+void perItem(benchmark::State& state, const char* name, double items) {
+  state.counters[name] =
+      benchmark::Counter(items, benchmark::Counter::kIsIterationInvariantRate |
+                                    benchmark::Counter::kInvert);
+}
+
+void NextHopManagerConstruct(benchmark::State& state) {
+  TableSetting setting;
+  for (auto _ : state) {
+    Kiln::Ptr<NextHopManager> m = new NextHopManager();
+    benchmark::DoNotOptimize(m.ptr());
+    state.PauseTiming();
+    m = nullptr;
+    FmSim::reset();
+    state.ResumeTiming();
+  }
+  perItem(state, "perPoolEntry", 2.0 * poolEntries);
+}
+BENCHMARK(NextHopManagerConstruct)->Unit(benchmark::kMillisecond);
+
+// Baseline: the same two pools as std::map, filled in the same order.
+void NextHopManagerConstructBaselineStdMap(benchmark::State& state) {
+  for (auto _ : state) {
+    std::map<U16, bool> freeEntries;
+    std::map<U16, bool> freeGroupIds;
+    for (U32 i = 3; i < 3 + poolEntries; ++i) {
+      freeEntries[U16(i)] = true;
+      freeGroupIds[U16(i)] = true;
+    }
+    benchmark::DoNotOptimize(freeEntries.size());
+    state.PauseTiming();
+    freeEntries.clear();
+    freeGroupIds.clear();
+    state.ResumeTiming();
+  }
+  perItem(state, "perPoolEntry", 2.0 * poolEntries);
+}
+BENCHMARK(NextHopManagerConstructBaselineStdMap)->Unit(benchmark::kMillisecond);
+
+void NextHopManagerDestroy(benchmark::State& state) {
+  TableSetting setting;
+  for (auto _ : state) {
+    state.PauseTiming();
+    Kiln::Ptr<NextHopManager> m = new NextHopManager();
+    state.ResumeTiming();
+    m = nullptr;
+  }
+  perItem(state, "perPoolEntry", 2.0 * poolEntries);
+}
+BENCHMARK(NextHopManagerDestroy)->Unit(benchmark::kMillisecond);
+
+// Narrow groups of 8 fill the table from index 3 up to the swap index.
+constexpr U16 fillGroupSize = 8;
+constexpr U32 fillGroups = (65278 - 3) / fillGroupSize;
+
+void NextHopTableFillNarrowGroupsOf8(benchmark::State& state) {
+  TableSetting setting;
+  const U64Collection data = wordRun(fillGroupSize, 0x100);
+  const U64Collection none;
+  U32 groups = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    Kiln::Ptr<NextHopManager> m = new NextHopManager();
+    state.ResumeTiming();
+    groups = 0;
+    while (m->createECMPGroup(0, false, true, fillGroupSize, data, none,
+                              Brevant::RoutingUnicastFeature, false) > 0) {
+      ++groups;
+    }
+    state.PauseTiming();
+    m = nullptr;
+    FmSim::reset();
+    state.ResumeTiming();
+  }
+  if (groups != fillGroups) state.SkipWithError("the table did not fill as expected");
+  perItem(state, "perGroup", fillGroups);
+}
+BENCHMARK(NextHopTableFillNarrowGroupsOf8)->Unit(benchmark::kMillisecond);
+
+// Baseline: only the chip writes of the same groups.
+void NextHopTableFillBaselineChipWrites(benchmark::State& state) {
+  TableSetting setting;
+  std::vector<U64> words(fillGroupSize);
+  for (U16 p = 0; p < fillGroupSize; ++p) words[p] = 0x100 + p;
+  for (auto _ : state) {
+    for (U32 g = 0; g < fillGroups; ++g) {
+      Brevant::writeNextHopInternal(U16(3 + g * fillGroupSize), fillGroupSize, words.data());
+    }
+    state.PauseTiming();
+    FmSim::reset();
+    state.ResumeTiming();
+  }
+  perItem(state, "perGroup", fillGroups);
+}
+BENCHMARK(NextHopTableFillBaselineChipWrites)->Unit(benchmark::kMillisecond);
+
+// One step of churn: the size and kind of the group created.
+struct ChurnRequest {
+  bool wide;
+  U16 size;
+};
+
+// Mostly small groups, some large; one in four wide.
+ChurnRequest churnRequest(std::mt19937& random) {
+  auto pick = [&](U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random); };
+  const bool wide = pick(0, 3) == 0;
+  const U32 size = pick(0, 9) == 0 ? pick(1, wide ? 64 : 128) : pick(1, wide ? 8 : 16);
+  return {wide, U16(size)};
+}
+
+// Deletes a random group and creates one of random size and kind, on a
+// table kept near 90% full; holes of every size make many searches long.
+void NextHopTableChurnFragmented(benchmark::State& state) {
+  TableSetting setting;
+  std::mt19937 random(7);
+  Kiln::Ptr<NextHopManager> m = new NextHopManager();
+  const U64Collection data = wordRun(128, 0x200);
+  std::vector<U16> groups;
+  auto create = [&](const ChurnRequest& r) {
+    const S32 id = m->createECMPGroup(0, r.wide, true, r.size, data, data,
+                                      Brevant::RoutingUnicastFeature, false);
+    if (id > 0) groups.push_back(U16(id));
+    return id > 0;
+  };
+  // Fills to 90%, giving up after a run of refused requests (the regions
+  // have met and only requests that fit a hole succeed).
+  auto fill = [&] {
+    for (int refused = 0; refused < 200 && poolEntries - m->freeEntries().members() <
+                                                poolEntries * 9 / 10;) {
+      refused = create(churnRequest(random)) ? 0 : refused + 1;
+    }
+  };
+  fill();
+  // Fragment it: a fifth of the groups go, and the holes are filled again.
+  for (size_t n = groups.size() / 5; n > 0; --n) {
+    const size_t at = random() % groups.size();
+    m->deleteECMPGroup(0, groups[at]);
+    groups[at] = groups.back();
+    groups.pop_back();
+  }
+  fill();
+  const double startOccupancy =
+      double(poolEntries - m->freeEntries().members()) / double(poolEntries);
+  U64 failed = 0;
+  for (auto _ : state) {
+    const size_t at = random() % groups.size();
+    m->deleteECMPGroup(0, groups[at]);
+    groups[at] = groups.back();
+    groups.pop_back();
+    failed += !create(churnRequest(random));
+  }
+  state.counters["failedCreates"] = benchmark::Counter(double(failed),
+                                                       benchmark::Counter::kAvgIterations);
+  state.counters["startOccupancy"] = startOccupancy;
+  state.counters["endOccupancy"] =
+      double(poolEntries - m->freeEntries().members()) / double(poolEntries);
+  m = nullptr;
+}
+BENCHMARK(NextHopTableChurnFragmented)->Unit(benchmark::kMicrosecond);
+
+// Baseline: only the chip writes of the same stream of requests.
+void NextHopTableChurnBaselineChipWrites(benchmark::State& state) {
+  TableSetting setting;
+  std::mt19937 random(7);
+  std::vector<U64> words(256, 0x200);
+  for (auto _ : state) {
+    const ChurnRequest r = churnRequest(random);
+    Brevant::writeNextHopInternal(3, U16(r.size * (r.wide ? 2 : 1)), words.data());
+  }
+}
+BENCHMARK(NextHopTableChurnBaselineChipWrites)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
