@@ -186,6 +186,11 @@ class AgentSimulation::Retrier : public Kiln::Clock::Notifiee {
 
 AgentSimulation::AgentSimulation(AgentConfig config)
     : config_(std::move(config)), check_([](U32 index) { return FmSim::tableWord(index); }) {
+  // The socket first: if it cannot be served, nothing else has changed.
+  if (config_.socketPath) {
+    server_ = std::make_unique<DiagnosticServer>(
+        *config_.socketPath, [this](const std::string& request, int fd) { answer(request, fd); });
+  }
   interrupted = false;
   watch_ = std::make_shared<StopWatch>([this] {
     return manager_ && manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u;
@@ -229,10 +234,6 @@ AgentSimulation::AgentSimulation(AgentConfig config)
   retrier_ = new Retrier(*this);
   retrier_->notifierIs(clock_);
   retryBackoff_ = config_.retryDelay;
-  if (config_.socketPath) {
-    server_ = std::make_unique<DiagnosticServer>(
-        *config_.socketPath, [this](const std::string& request, int fd) { answer(request, fd); });
-  }
   report_.workload = config_.workloadName;
   report_.manualClock = config_.manualClock;
   report_.tableBound = manager_->getNextHopTableBound();

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <future>
 
 #include "Brevant/DefragManager.h"
@@ -400,6 +401,16 @@ TEST_F(AgentSocketTest, BadRequestsNeverDisturbTheAgent) {
   EXPECT_EQ(afterwards, "4\n");
   EXPECT_THAT(single, StartsWith("group 4: narrow, fixed size, 1 next hop at 7 (entries 7-7), features "
                                  "RoutingNatFeature\n  0: index 7 data 0x"));
+}
+
+TEST_F(AgentSocketTest, ASocketThatCannotBeServedChangesNothing) {
+  { std::ofstream(path_) << "not a socket\n"; }
+  const Kiln::Ptr<Kiln::Clock> before = Kiln::ActivityManager::instance().clock();
+  AgentConfig config = configOf("create a narrow 1 nat\n");
+  config.socketPath = path_;
+  EXPECT_THROW(AgentSimulation agent(config), SocketError);
+  EXPECT_EQ(Kiln::ActivityManager::instance().clock(), before);
+  unlink(path_.c_str());
 }
 
 TEST_F(AgentSocketTest, TheSocketGoesWithTheAgent) {
