@@ -203,7 +203,7 @@ AgentSimulation::AgentSimulation(AgentConfig config)
   // free space is measured, and the stop watch starts.
   auto handlerStarts = [this](Kiln::Seconds time) {
     sample(true);
-    watch_->begin(time);
+    watch_->begin(time - startTime_);
   };
   if (config_.manualClock) {
     auto* manual = new WatchedClock<Kiln::ManualClock>(handlerStarts, 0.0);
@@ -269,9 +269,12 @@ void AgentSimulation::quit() { quit_ = true; }
 
 // --- The run ---
 
+Kiln::Seconds AgentSimulation::agentTime() const { return clock_->now() - startTime_; }
+
 Report AgentSimulation::run() {
   Kiln::ActivityLockGuard activity;
   const double wallStart = wallNow();
+  startTime_ = clock_->now();
   report_.start = snapshot("start");
   report_.worst = report_.start;
   report_.worst.title = "worst fragmentation";
@@ -303,7 +306,7 @@ Report AgentSimulation::run() {
   report_.defragRuns = manager_->defragManager()->defragCount();
   report_.longestStop = watch_->longest();
   report_.longestStopWhat = watch_->longestWhat();
-  report_.agentTime = clock_->now();
+  report_.agentTime = agentTime();
   report_.wallTime = wallNow() - wallStart;
   report_.groupsAtEnd = placedGroups_;
   showProgress(true);
@@ -378,7 +381,7 @@ void AgentSimulation::showProgress(bool last) {
   if (!last && now - lastProgress_ < 0.25) return;
   lastProgress_ = now;
   fprintf(stderr, "\rbrevant-agent: t = %.0f s, %zu of %zu requests, %zu groups, %u defragmentation runs, %zu waiting  ",
-          clock_->now(), next_, config_.workload.size(), static_cast<size_t>(placedGroups_),
+          agentTime(), next_, config_.workload.size(), static_cast<size_t>(placedGroups_),
           manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u, retryQueue_.size());
   if (last) fprintf(stderr, "\n");
 }
@@ -748,7 +751,7 @@ void AgentSimulation::sample(bool now) {
 Occupancy AgentSimulation::snapshot(const std::string& title) {
   Occupancy o;
   o.title = title;
-  o.time = clock_->now();
+  o.time = agentTime();
   o.bound = manager_->getNextHopTableBound();
   o.swapIndex = manager_->getNextHopTableSwapIndex();
   o.cells.assign(o.bound, Cell::other);
@@ -770,7 +773,7 @@ Occupancy AgentSimulation::snapshot(const std::string& title) {
 // --- Diagnostic requests ---
 
 void AgentSimulation::answer(const std::string& request, int fd) {
-  watch_->begin(clock_->now(), "diagnostic request '" + request + "'");
+  watch_->begin(agentTime(), "diagnostic request '" + request + "'");
   struct EndWatch {
     StopWatch& watch;
     ~EndWatch() { watch.end(); }

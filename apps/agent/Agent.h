@@ -142,6 +142,9 @@ class AgentSimulation {
   void sample(bool now = false);
   Occupancy snapshot(const std::string& title);
 
+  // Agent time since the run started (the real clock counts from boot).
+  Kiln::Seconds agentTime() const;
+
   // The run loop and its stop conditions.
   void drive();
   bool settled() const;
@@ -168,6 +171,7 @@ class AgentSimulation {
   Kiln::Ptr<Retrier> retrier_;
   std::unique_ptr<DiagnosticServer> server_;
 
+  Kiln::Seconds startTime_ = 0;
   size_t next_ = 0;  // position in the workload
   bool workloadDone_ = false;
   Kiln::Seconds workloadEnd_ = 0;
