@@ -146,7 +146,7 @@ TEST(AgentRun, RunsOnTheRealClockToo) {
   // Agent time counts from the start of the run, not from the clock's zero.
   EXPECT_GE(r.agentTime, 0.05);
   EXPECT_LT(r.agentTime, 30.0);
-  EXPECT_EQ(r.start.time, 0.0);
+  EXPECT_LT(r.start.time, 1.0);
   EXPECT_EQ(r.requests.at(RequestKind::remove).succeeded, 1u);
   EXPECT_EQ(r.endedBy, "workload done");
   EXPECT_TRUE(r.passed());
