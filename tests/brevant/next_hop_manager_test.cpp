@@ -347,6 +347,28 @@ TEST_F(NextHopTableTest, AttributesAndOperationsAreReachableByName) {
   EXPECT_THROW(record.invoke(m(), "moveECMPGroupTo", {}), Kiln::OperationNotSupportedException);
 }
 
+TEST_F(NextHopTableTest, RelocationAndCompactionAreReachableByName) {
+  ASSERT_EQ(create(2), 3);  // 3..4
+  ASSERT_EQ(create(2), 4);  // 5..6
+  ASSERT_EQ(m().deleteECMPGroup(0, 3), 0);
+  const Kiln::TypeRecord& record = m().fwkType();
+  EXPECT_THAT(record.operation("moveECMPGroup")->parameterNames,
+              ElementsAre("groupId", "newBaseIndex", "overlap"));
+  EXPECT_EQ(record.invoke(m(), "moveECMPGroup", {"4", "3", "False"}), "0");
+  EXPECT_EQ(m().ecmpGroups(4)->hwStartIndex(), 3);
+  expectTableMatchesRecords(m());
+  const Kiln::TypeRecord& defragRecord = m().defragManager()->fwkType();
+  for (const char* pass : {"defragment", "defragNarrowBlock", "defragWideBlock"}) {
+    ASSERT_NE(defragRecord.operation(pass), nullptr) << pass;
+  }
+  // A hole below a group, closed by the narrow pass.
+  ASSERT_EQ(create(1), 3);  // at 5
+  ASSERT_EQ(m().deleteECMPGroup(0, 4), 0);
+  EXPECT_EQ(defragRecord.invoke(*m().defragManager(), "defragment", {}), "");
+  EXPECT_EQ(m().ecmpGroups(3)->hwStartIndex(), 3);
+  expectTableMatchesRecords(m());
+}
+
 TEST_F(NextHopTableTest, IsConstructedByNameThroughItsTypeRecord) {
   Kiln::Ptr<Kiln::PtrInterface> made = Kiln::typeRecord("Brevant::NextHopManager")->construct({});
   auto* other = dynamic_cast<NextHopManager*>(made.ptr());
