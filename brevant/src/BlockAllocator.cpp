@@ -61,6 +61,7 @@ S32 NextHopManager::findAvailableBlock(U16 length, bool wide) {
 
 S32 NextHopManager::findAvailableNarrowBlock(U16 length) {
   NH_TRACE(8, "findAvailableNarrowBlock" << "Length: " << length);
+  // With no free entry at all the scan is empty and finds nothing.
   const KilnFreeEntries* first = freeEntries_.first();
   const U32 start = first ? first->key() : lastWideIndex_;
   NH_TRACE(4, "finding narrow block from index: " << start << "length: " << length);
