@@ -28,12 +28,16 @@ function(brevant_component)
   target_include_directories(${target} PUBLIC
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
     $<INSTALL_INTERFACE:include>)
+  # The public headers need C++20, so users compile with it too.
+  target_compile_features(${target} PUBLIC cxx_std_20)
   target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:brevant_warnings>)
   if(ARG_DEPENDS)
     target_link_libraries(${target} PUBLIC ${ARG_DEPENDS})
   endif()
   set_property(GLOBAL APPEND PROPERTY BREVANT_COMPONENTS ${target})
-  install(DIRECTORY include/ DESTINATION include)
+  if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/include)
+    install(DIRECTORY include/ DESTINATION include)
+  endif()
 endfunction()
 
 # brevant_test(NAME <binary> SOURCES ... DEPENDS ...)

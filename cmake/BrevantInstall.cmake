@@ -7,7 +7,7 @@ install(TARGETS ${components} EXPORT BrevantTargets
         INCLUDES DESTINATION include)
 install(EXPORT BrevantTargets NAMESPACE Brevant:: DESTINATION lib/cmake/Brevant)
 file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/BrevantConfig.cmake
-     "include(\${CMAKE_CURRENT_LIST_DIR}/BrevantTargets.cmake)\n")
+     "include(CMakeFindDependencyMacro)\nfind_dependency(Threads)\ninclude(\${CMAKE_CURRENT_LIST_DIR}/BrevantTargets.cmake)\n")
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/BrevantConfigVersion.cmake
                                  COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/BrevantConfig.cmake

@@ -55,4 +55,10 @@ function(kiln_generate target)
   set_source_files_properties(${files} PROPERTIES GENERATED TRUE)
   target_sources(${target} PRIVATE ${sources})
   target_include_directories(${target} PUBLIC "$<BUILD_INTERFACE:${out}>")
+
+  # A component's generated headers are part of its installed API.
+  get_property(components GLOBAL PROPERTY BREVANT_COMPONENTS)
+  if(target IN_LIST components)
+    install(DIRECTORY "${out}/" DESTINATION include FILES_MATCHING PATTERN "*.h")
+  endif()
 endfunction()

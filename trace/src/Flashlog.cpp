@@ -33,36 +33,36 @@ U32 conversionCount(const char* format) {
   return count;
 }
 
-std::string formatted(const std::string& spec, auto value) {
+std::string formatted(const std::string& directive, auto value) {
   char buffer[128];
-  const int length = std::snprintf(buffer, sizeof(buffer), spec.c_str(), value);
+  const int length = std::snprintf(buffer, sizeof(buffer), directive.c_str(), value);
   return std::string(buffer, std::clamp(length, 0, int(sizeof(buffer)) - 1));
 }
 
 // Renders one argument stored as raw with the argument letter, for the
-// conversion spec (flags, width and precision, without length modifier).
-std::string renderedArg(std::string spec, char conversion, char letter, U64 raw) {
+// conversion directive (flags, width and precision, without length modifier).
+std::string renderedArg(std::string directive, char conversion, char letter, U64 raw) {
   switch (conversion) {
     case 's':
-      if (letter == 's') return formatted(spec + 's', reinterpret_cast<const char*>(raw));
-      return formatted(spec + "lld", static_cast<long long>(raw));
+      if (letter == 's') return formatted(directive + 's', reinterpret_cast<const char*>(raw));
+      return formatted(directive + "lld", static_cast<long long>(raw));
     case 'd':
     case 'i':
-      return formatted(spec + "lld", static_cast<long long>(raw));
+      return formatted(directive + "lld", static_cast<long long>(raw));
     case 'u':
     case 'x':
     case 'X':
     case 'o': {
       // Narrow integers print as printf prints them after promotion to int.
       const U64 value = letter == 'l' ? raw : raw & 0xFFFFFFFFull;
-      return formatted(spec + "ll" + conversion, static_cast<unsigned long long>(value));
+      return formatted(directive + "ll" + conversion, static_cast<unsigned long long>(value));
     }
     case 'c':
-      return formatted(spec + 'c', static_cast<int>(raw));
+      return formatted(directive + 'c', static_cast<int>(raw));
     case 'p':
-      return formatted(spec + 'p', reinterpret_cast<void*>(raw));
+      return formatted(directive + 'p', reinterpret_cast<void*>(raw));
     default:
-      return spec + conversion;
+      return directive + conversion;
   }
 }
 
@@ -165,9 +165,9 @@ std::string Record::text() const {
       ++p;
       continue;
     }
-    std::string spec = "%";
-    while (*p != '\0' && std::strchr("-+ #0", *p) != nullptr) spec += *p++;
-    while (std::isdigit(static_cast<unsigned char>(*p)) || *p == '.') spec += *p++;
+    std::string directive = "%";
+    while (*p != '\0' && std::strchr("-+ #0", *p) != nullptr) directive += *p++;
+    while (std::isdigit(static_cast<unsigned char>(*p)) || *p == '.') directive += *p++;
     // The stored width of the argument decides, not the length modifier.
     while (*p != '\0' && std::strchr("hlLqjzt", *p) != nullptr) ++p;
     if (*p == '\0' || next >= argCount) {
@@ -175,7 +175,7 @@ std::string Record::text() const {
       continue;
     }
     const char conversion = *p++;
-    out += renderedArg(spec, conversion, site->argFormat[next], args[next]);
+    out += renderedArg(directive, conversion, site->argFormat[next], args[next]);
     ++next;
   }
   return out;

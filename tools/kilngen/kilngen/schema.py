@@ -249,19 +249,19 @@ class _Parser:
         m = ATTR_RE.match(rest)
         if not m:
             self.fail(number, f"'{kind}' reads '{kind} name : Type'")
-        a.name, spec = m.group(1), m.group(2).strip()
-        words = spec.split()
+        a.name, decl = m.group(1), m.group(2).strip()
+        words = decl.split()
         # Trailing options.
         while words and words[-1] in ("custom", "plain"):
             setattr(a, words.pop(), True)
         if len(words) >= 3 and words[-2] == "by":
             a.by = words[-1]
             words = words[:-2]
-        spec = " ".join(words)
-        if "=" in spec:
-            spec, _, default = spec.partition("=")
+        decl = " ".join(words)
+        if "=" in decl:
+            decl, _, default = decl.partition("=")
             a.default = default.strip()
-            spec = spec.strip()
+            decl = decl.strip()
         if a.custom and kind not in ("attr", "counter"):
             self.fail(number, "only a scalar attribute has a hand-written ('custom') setter")
         if a.plain and kind != "ctor":
@@ -271,23 +271,23 @@ class _Parser:
         if a.null_text and not a.by:
             self.fail(number, "nulltext belongs to an entity collection keyed 'by' an accessor")
         if kind in ("coll", "ordered"):
-            key, arrow, value = spec.partition("->")
+            key, arrow, value = decl.partition("->")
             if not arrow:
                 self.fail(number, f"a collection reads '{kind} name : Key -> Value'")
             a.key_type = key.strip()
             self.collection_value(number, a, value.strip())
         elif kind == "singleton":
-            em = ENTITY_VALUE_RE.match(spec)
+            em = ENTITY_VALUE_RE.match(decl)
             if not em:
                 self.fail(number, "a singleton reads 'singleton name : Type(params)'")
             a.type, a.entity = em.group(1), True
             a.entity_params = self.params(number, em.group(2), ":")
         elif kind == "ref":
-            if spec.startswith("const "):
-                a.const, spec = True, spec[len("const "):].strip()
-            a.type = spec
+            if decl.startswith("const "):
+                a.const, decl = True, decl[len("const "):].strip()
+            a.type = decl
         else:
-            a.type = spec
+            a.type = decl
         if a.by and kind not in ("coll", "ordered"):
             self.fail(number, "only a collection is keyed 'by' an accessor of its value")
         if not a.type:

@@ -7,7 +7,7 @@
 #include "Golden/Slot.h"
 #include "Golden/Owner.h"
 #include "Golden/Named.h"
-#include "Golden/Special.h"
+#include "Golden/Derived.h"
 
 namespace {
 
@@ -15,6 +15,6 @@ const Kiln::TypeRegistration kilnRegistration0(Golden::Slot::kilnType());
 const Kiln::TypeRegistration kilnRegistration1(Golden::Owner::kilnType());
 const Kiln::TypeRegistration kilnRegistration2(Golden::Named::kilnType());
 const Kiln::TypeRegistration kilnRegistration3(Golden::ModeKilnType());
-const Kiln::TypeRegistration kilnRegistration4(Golden::Special::kilnType());
+const Kiln::TypeRegistration kilnRegistration4(Golden::Derived::kilnType());
 
 }  // namespace

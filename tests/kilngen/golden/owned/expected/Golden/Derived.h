@@ -1,6 +1,6 @@
 // generated from owner.kiln by kilngen; do not edit
 //
-// entity Special : Base::Thing(name: Kiln::Name, size: U32)
+// entity Derived : Base::Thing(name: Kiln::Name, size: U32)
 //   include "Base/Thing.h"
 //   attr level : S16 = -3
 #pragma once
@@ -12,11 +12,11 @@
 
 namespace Golden {
 
-class Special : public Base::Thing, public Kiln::Allocated<Special> {
+class Derived : public Base::Thing, public Kiln::Allocated<Derived> {
  public:
   // Counted per type by the runtime's allocator.
-  using Kiln::Allocated<Special>::operator new;
-  using Kiln::Allocated<Special>::operator delete;
+  using Kiln::Allocated<Derived>::operator new;
+  using Kiln::Allocated<Derived>::operator delete;
 
   // Indexes of the type record's attributes and operations.
   static constexpr U32 kilnAttributeStart = Base::Thing::kilnAttributeStart + 128;
@@ -24,13 +24,13 @@ class Special : public Base::Thing, public Kiln::Allocated<Special> {
 
   class NotifieeConst;
 
-  Special(const Kiln::Name& name, U32 size);
-  Special(const Special&) = delete;
-  Special& operator=(const Special&) = delete;
-  ~Special() override;
-  // Creates a new Special ("null ValidPtr" if creation yields none).
-  static Kiln::Ptr<Special> SpecialIs(const Kiln::Name& name, U32 size) {
-    return Kiln::validPtr(Kiln::kilnNew<Special>(name, size));
+  Derived(const Kiln::Name& name, U32 size);
+  Derived(const Derived&) = delete;
+  Derived& operator=(const Derived&) = delete;
+  ~Derived() override;
+  // Creates a new Derived ("null ValidPtr" if creation yields none).
+  static Kiln::Ptr<Derived> DerivedIs(const Kiln::Name& name, U32 size) {
+    return Kiln::validPtr(Kiln::kilnNew<Derived>(name, size));
   }
 
   // level (S16, default -3): level() returns it; levelIs(v) stores v and calls onLevel() when it differs.
@@ -41,25 +41,25 @@ class Special : public Base::Thing, public Kiln::Allocated<Special> {
     if (!kilnNotifiees_.empty()) Kiln::doVisit(kilnNotifiees_, &NotifieeConst::onLevel);
   }
 
-  // The registered record of Golden::Special.
+  // The registered record of Golden::Derived.
   static const Kiln::TypeRecord& kilnType();
   const Kiln::TypeRecord& fwkType() const override { return kilnType(); }
 
-  // Observes a Special: one virtual handler per attribute, in attribute order,
+  // Observes a Derived: one virtual handler per attribute, in attribute order,
   // after the base's.
   class NotifieeConst : public Base::Thing::NotifieeConst {
    public:
-    // The Special observed, or null.
-    Kiln::Ptr<const Special> notifier() const {
-      return static_cast<const Special*>(notifierBase());
+    // The Derived observed, or null.
+    Kiln::Ptr<const Derived> notifier() const {
+      return static_cast<const Derived*>(notifierBase());
     }
     // Observes notifier from now on (joining its list when registered).
-    void notifierIs(const Kiln::Ptr<const Special>& notifier) { notifierBaseIs(notifier.ptr()); }
+    void notifierIs(const Kiln::Ptr<const Derived>& notifier) { notifierBaseIs(notifier.ptr()); }
     virtual void onLevel() {}
 
    protected:
     bool kilnAcceptsNotifier(const Kiln::PtrInterface* notifier) const override {
-      return dynamic_cast<const Special*>(notifier) != nullptr;
+      return dynamic_cast<const Derived*>(notifier) != nullptr;
     }
   };
 
@@ -67,7 +67,7 @@ class Special : public Base::Thing, public Kiln::Allocated<Special> {
   S16 level_ = -3;
 };
 
-// Creates a new Special ("null ValidPtr" if creation yields none).
-Kiln::Ptr<Special> specialFactory(const Kiln::Name& name, U32 size);
+// Creates a new Derived ("null ValidPtr" if creation yields none).
+Kiln::Ptr<Derived> derivedFactory(const Kiln::Name& name, U32 size);
 
 }  // namespace Golden
