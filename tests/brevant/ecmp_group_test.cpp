@@ -170,6 +170,8 @@ TEST_F(NextHopTableTest, FailedCreateRollsBackTheGroupAndTheId) {
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].format(), "Something went wrong when creating ECMP group %d");
   EXPECT_EQ(records[0].intArg(0), 4);
+  // The id is recorded as a 16-bit argument.
+  EXPECT_STREQ(records[0].site->argFormat, "h");
   EXPECT_EQ(records[0].text(), "Something went wrong when creating ECMP group 4");
   // 11 entries are free in all (3 below the swap area, 8 in it).
   EXPECT_TRUE(defrag().scheduleDefragment());
