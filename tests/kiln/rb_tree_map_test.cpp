@@ -111,6 +111,11 @@ TEST(RbTreeMap, TheCheckerFindsBrokenTrees) {
   EXPECT_EQ(redBlackFault(map), "");
 }
 
+TEST(RbTreeMap, AMemberOfA16BitKeyAndAFlagTakesFortyBytes) {
+  // The next-hop table keeps two such maps of up to 65,531 members each.
+  EXPECT_EQ(sizeof(KilnFree), 40u);
+}
+
 TEST(RbTreeMap, IteratesInAscendingKeyOrder) {
   FreeMap map;
   for (U16 k : {50, 10, 40, 20, 30}) map.insert(new KilnFree(k, true));

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "Kiln/Allocator.h"
+#include "Kiln/CollectionMember.h"
 #include "Kiln/Assert.h"
 #include "Kiln/Ptr.h"
 #include "Kiln/Types.h"
@@ -58,21 +59,13 @@ class HashMap;
 //   class KilnX : public Kiln::HashMapMember<KilnX, K, V> {
 //     using HashMapMember::HashMapMember; };
 template <class M, class K, class V>
-class HashMapMember : public PtrInterface, public Allocated<M> {
+class HashMapMember : public CollectionMember<M, K, V> {
  public:
-  HashMapMember(const K& key, const V& value) : key_(key), value_(value) {}
-
-  // The key; it never changes while the member is in a collection.
-  const K& key() const { return key_; }
-  const V& value() const { return value_; }
-  V& value() { return value_; }
-  void valueIs(const V& value) { value_ = value; }
+  using CollectionMember<M, K, V>::CollectionMember;
 
  private:
   friend class HashMap<M, K, V>;
 
-  K key_;
-  V value_;
   M* next_ = nullptr;
 };
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Kiln/Allocator.h"
+#include "Kiln/CollectionMember.h"
 #include "Kiln/Assert.h"
 #include "Kiln/Exception.h"
 #include "Kiln/Ptr.h"
@@ -34,23 +35,15 @@ class LinkQueue;
 //   class KilnX : public Kiln::LinkQueueMember<KilnX, V> {
 //     using LinkQueueMember::LinkQueueMember; };
 template <class M, class V>
-class LinkQueueMember : public PtrInterface, public Allocated<M> {
+class LinkQueueMember : public CollectionMember<M, U32, V> {
  public:
-  LinkQueueMember(const U32& key, const V& value) : key_(key), value_(value) {}
+  using CollectionMember<M, U32, V>::CollectionMember;
   // A member for enq(), which sets its index.
-  explicit LinkQueueMember(const V& value) : key_(0), value_(value) {}
-
-  // The index; it never changes while the member is in a queue.
-  const U32& key() const { return key_; }
-  const V& value() const { return value_; }
-  V& value() { return value_; }
-  void valueIs(const V& value) { value_ = value; }
+  explicit LinkQueueMember(const V& value) : CollectionMember<M, U32, V>(0, value) {}
 
  private:
   friend class LinkQueue<M, V>;
 
-  U32 key_;
-  V value_;
   M* next_ = nullptr;
 };
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Kiln/Allocator.h"
+#include "Kiln/CollectionMember.h"
 #include "Kiln/Assert.h"
 #include "Kiln/Ptr.h"
 #include "Kiln/Types.h"
@@ -21,25 +22,17 @@ struct RbTreeAccess;
 // tree links. Derive as
 //   class KilnX : public Kiln::RbTreeMember<KilnX, K, V> {
 //     using RbTreeMember::RbTreeMember; };
-// The small fields come first so that they fill the tail of the reference
-// count's word (a U16 key and a bool value make a 40-byte member).
+// The key, the value and the colour fill the tail of the reference count's
+// word (a U16 key and a bool value make a 40-byte member).
 template <class M, class K, class V>
-class RbTreeMember : public PtrInterface, public Allocated<M> {
+class RbTreeMember : public CollectionMember<M, K, V> {
  public:
-  RbTreeMember(const K& key, const V& value) : key_(key), value_(value) {}
-
-  // The key; it never changes while the member is in a collection.
-  const K& key() const { return key_; }
-  const V& value() const { return value_; }
-  V& value() { return value_; }
-  void valueIs(const V& value) { value_ = value; }
+  using CollectionMember<M, K, V>::CollectionMember;
 
  private:
   friend class RbTreeMap<M, K, V>;
   friend struct RbTreeAccess;
 
-  K key_;
-  V value_;
   bool red_ = false;
   M* child_[2] = {nullptr, nullptr};  // [0] smaller keys, [1] larger keys
   M* parent_ = nullptr;
