@@ -38,6 +38,18 @@ def bare_type(t):
     return t.rstrip("&").strip()
 
 
+def open_namespace(out, t, includes):
+    """Writes the include lines of a type's header, opens its namespace and
+    declares the classes it names only by pointer."""
+    for inc in includes:
+        out(f"#include {inc}")
+    out("", f"namespace {t.namespace} {{", "")
+    for f in t.forwards:
+        out(f"class {f};")
+    if t.forwards:
+        out("")
+
+
 class Lines:
     """Accumulates lines of C++ with an indentation level."""
 

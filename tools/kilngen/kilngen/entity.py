@@ -1,7 +1,7 @@
 """Emits the header and source of an entity or pointer interface."""
 
 from .attributes import OperationEmitter, attribute_emitter
-from .cpp import Lines, cpp_string, lower
+from .cpp import Lines, cpp_string, lower, open_namespace
 from . import enum as enum_emitter
 
 KNOWN_STARTS = {"Kiln::PtrInterface": 130, "Kiln::Entity": 258}
@@ -109,13 +109,7 @@ class EntityEmitter:
                 for h in ctx.referenced_headers(p.type, t):
                     if f'"{h}"' not in extra:
                         extra.append(f'"{h}"')
-        for inc in extra:
-            out(f"#include {inc}")
-        out("", f"namespace {t.namespace} {{", "")
-        for f in t.forwards:
-            out(f"class {f};")
-        if t.forwards:
-            out("")
+        open_namespace(out, t, extra)
         out(f"class {self.name} : public {t.base}, public Kiln::Allocated<{self.name}> {{")
         out(" public:")
         out.indent()

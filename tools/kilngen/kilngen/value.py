@@ -1,7 +1,7 @@
 """Emits the header and source of a value type."""
 
 from .attributes import Collection, Emitter, Scalar
-from .cpp import Lines, cpp_string
+from .cpp import Lines, cpp_string, open_namespace
 
 
 class Field(Scalar):
@@ -77,13 +77,7 @@ class ValueEmitter:
             for h in e.headers():
                 if f'"{h}"' not in extra:
                     extra.append(f'"{h}"')
-        for inc in extra:
-            out(f"#include {inc}")
-        out("", f"namespace {t.namespace} {{", "")
-        for f in t.forwards:
-            out(f"class {f};")
-        if t.forwards:
-            out("")
+        open_namespace(out, t, extra)
         out(f"class {n} {{", " public:")
         out.indent()
         out("// Indexes of the type record's attributes.",
