@@ -21,6 +21,24 @@ constexpr U16 maxGroupSize = 256;
 // Table entries per next hop.
 U16 strideOf(const ECMPGroup& group) { return group.wide() ? 2 : 1; }
 
+// The group that placing or removing works on, or null with the refusal
+// (-7 on an uninitialised table, -1 for an unknown id) traced and stored in
+// *refusal.
+Kiln::Ptr<ECMPGroup> groupToPlaceOrRemove(const NextHopManager& manager, U16 groupId,
+                                          S32* refusal) {
+  if (!manager.initialized()) {
+    NH_TRACE(1, "NexthopTable is not initialized");
+    *refusal = -7;
+    return nullptr;
+  }
+  Kiln::Ptr<ECMPGroup> group = manager.ecmpGroups(groupId);
+  if (!group) {
+    NH_TRACE(1, "Invalid Group Id");
+    *refusal = -1;
+  }
+  return group;
+}
+
 }  // namespace
 
 U16 NextHopManager::genECMPGroupId() {
@@ -84,15 +102,9 @@ S32 NextHopManager::createECMPGroup(U32, bool wide, bool fixedSize, U16 size,
 
 S32 NextHopManager::addECMPGroupToTable(U16 groupId) {
   NH_TRACE(8, "addECMPGroupToTable" << " groupId: " << groupId);
-  if (!initialized_) {
-    NH_TRACE(1, "NexthopTable is not initialized");
-    return -7;
-  }
-  Kiln::Ptr<ECMPGroup> group = ecmpGroups(groupId);
-  if (!group) {
-    NH_TRACE(1, "Invalid Group Id");
-    return -1;
-  }
+  S32 refusal = 0;
+  Kiln::Ptr<ECMPGroup> group = groupToPlaceOrRemove(*this, groupId, &refusal);
+  if (!group) return refusal;
   const U16 stride = strideOf(*group);
   const U16 length = U16(stride * group->size());
   const S32 start = findAvailableBlock(length, group->wide());
@@ -117,15 +129,9 @@ S32 NextHopManager::addECMPGroupToTable(U16 groupId) {
 
 S32 NextHopManager::removeECMPGroupFromTable(U16 groupId) {
   NH_TRACE(8, "removeECMPGroupFromTable" << "groupId: " << groupId);
-  if (!initialized_) {
-    NH_TRACE(1, "NexthopTable is not initialized");
-    return -7;
-  }
-  Kiln::Ptr<ECMPGroup> group = ecmpGroups(groupId);
-  if (!group) {
-    NH_TRACE(1, "Invalid Group Id");
-    return -1;
-  }
+  S32 refusal = 0;
+  Kiln::Ptr<ECMPGroup> group = groupToPlaceOrRemove(*this, groupId, &refusal);
+  if (!group) return refusal;
   const U16 length = U16(strideOf(*group) * group->size());
   const U16 start = group->hwStartIndex();
   // The chip's entries and the group's record stay as they are.
