@@ -3,6 +3,11 @@
 # Declares one component of the library: a shared library brevant_<name> with
 # the alias Brevant::<Name>, public headers under <folder>/include, the
 # project's warning set, and a place in the install export.
+#
+# Shared libraries carry the project version; their SONAME is major.minor
+# while the major version is 0 (every 0.x release may change the ABI), the
+# major version from 1.0 on. Installed, each library finds the others in its
+# own folder ($ORIGIN) and any chip library where it was linked from.
 include_guard(GLOBAL)
 
 set(CMAKE_CXX_STANDARD 20)
@@ -17,17 +22,28 @@ endif()
 
 set_property(GLOBAL PROPERTY BREVANT_COMPONENTS "")
 
+if(Brevant_VERSION_MAJOR EQUAL 0)
+  set(BREVANT_SOVERSION ${Brevant_VERSION_MAJOR}.${Brevant_VERSION_MINOR})
+else()
+  set(BREVANT_SOVERSION ${Brevant_VERSION_MAJOR})
+endif()
+
 function(brevant_component)
   cmake_parse_arguments(ARG "" "NAME" "SOURCES;DEPENDS" ${ARGN})
   string(TOLOWER "${ARG_NAME}" lower)
   set(target brevant_${lower})
   add_library(${target} SHARED ${ARG_SOURCES})
   add_library(Brevant::${ARG_NAME} ALIAS ${target})
-  set_target_properties(${target} PROPERTIES EXPORT_NAME ${ARG_NAME}
-                                             OUTPUT_NAME brevant-${lower})
+  set_target_properties(${target} PROPERTIES
+    EXPORT_NAME ${ARG_NAME}
+    OUTPUT_NAME brevant-${lower}
+    VERSION ${Brevant_VERSION}
+    SOVERSION ${BREVANT_SOVERSION}
+    INSTALL_RPATH "$ORIGIN"
+    INSTALL_RPATH_USE_LINK_PATH TRUE)
   target_include_directories(${target} PUBLIC
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
-    $<INSTALL_INTERFACE:include>)
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
   # The public headers need C++20, so users compile with it too.
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:brevant_warnings>)
@@ -35,8 +51,8 @@ function(brevant_component)
     target_link_libraries(${target} PUBLIC ${ARG_DEPENDS})
   endif()
   set_property(GLOBAL APPEND PROPERTY BREVANT_COMPONENTS ${target})
-  if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/include)
-    install(DIRECTORY include/ DESTINATION include)
+  if(BREVANT_INSTALL AND EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/include)
+    install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
   endif()
 endfunction()
 

@@ -10,14 +10,23 @@
 # touches one type recompiles only what depends on it. The list of generated
 # files is computed at configure time; editing a schema re-runs the configure
 # step, which picks up added or removed types.
+#
+# The same function comes with the installed package: after
+# find_package(Brevant), a project declares its own types with it (the
+# package config points KILNGEN_DIR at the installed generator first).
 include_guard(GLOBAL)
 
-set(KILNGEN_DIR "${CMAKE_CURRENT_LIST_DIR}/../tools/kilngen" CACHE INTERNAL "")
+if(NOT KILNGEN_DIR)
+  set(KILNGEN_DIR "${CMAKE_CURRENT_LIST_DIR}/../tools/kilngen" CACHE INTERNAL "")
+endif()
 
 function(kiln_generate target)
   cmake_parse_arguments(ARG "" "" "SCHEMAS" ${ARGN})
   if(NOT ARG_SCHEMAS)
     message(FATAL_ERROR "kiln_generate(${target}) needs SCHEMAS")
+  endif()
+  if(NOT Python3_EXECUTABLE)
+    find_package(Python3 3.9 REQUIRED COMPONENTS Interpreter)
   endif()
   set(schemas "")
   foreach(schema IN LISTS ARG_SCHEMAS)
@@ -58,7 +67,7 @@ function(kiln_generate target)
 
   # A component's generated headers are part of its installed API.
   get_property(components GLOBAL PROPERTY BREVANT_COMPONENTS)
-  if(target IN_LIST components)
-    install(DIRECTORY "${out}/" DESTINATION include FILES_MATCHING PATTERN "*.h")
+  if(BREVANT_INSTALL AND target IN_LIST components)
+    install(DIRECTORY "${out}/" DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
   endif()
 endfunction()

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <exception>
 
-#include "Kiln/Exception.h"
 
 namespace Kiln {
 namespace {
@@ -25,6 +24,12 @@ void raiseUnlessUnwinding(int uncaughtAtEntry, const E& error) {
 }
 
 }  // namespace
+
+ActivityLockNotHeldException::ActivityLockNotHeldException()
+    : ErrnoException(EPERM, "Failed to release the lock"),
+      text_(std::string(ErrnoException::what()) +
+            " -- the activity lock is not held by this thread: take it with "
+            "Kiln::ActivityLockGuard before calling the next-hop manager") {}
 
 Lock::Lock(bool releasable) : owner_(std::thread::id()), releasable_(releasable) {
   pthread_mutexattr_t attributes;
@@ -68,6 +73,7 @@ UnlockAnchor::UnlockAnchor(Lock* lock)
     throw InternalException("Lock Protocol exception -- unlocking an unreleasable lock");
   }
   int error = lock_->unlock();
+  if (error == EPERM && lock_ == ActivityUnlockAnchor::lock()) throw ActivityLockNotHeldException();
   if (error != 0) throw ErrnoException(error, "Failed to release the lock");
 }
 

@@ -84,13 +84,17 @@ CommandLine parseCommandLine(const std::vector<std::string>& args) {
   ArgumentReader in(args);
   std::string first = in.done() ? "run" : args[0];
   if (first == "run" || first == "serve" || first == "client" || first == "help" ||
-      first == "--help" || first == "-h") {
+      first == "--help" || first == "-h" || first == "--version") {
     in.next();
   } else {
     first = "run";  // options without a command: run
   }
   if (first == "help" || first == "--help" || first == "-h") {
     line.command = CommandLine::Command::help;
+    return line;
+  }
+  if (first == "--version") {
+    line.command = CommandLine::Command::version;
     return line;
   }
   if (first == "client") {
@@ -121,6 +125,7 @@ std::string usageText() {
          "       brevant-agent client --socket PATH REQUEST...\n"
          "                                         send one request to a running agent\n"
          "       brevant-agent help\n"
+         "       brevant-agent --version\n"
          "\n"
          "options of run and serve:\n"
          "  --workload FILE     replay FILE (see docs/agent.md) instead of the built-in workload\n"

@@ -46,7 +46,7 @@ struct ClientOptions {
 };
 
 struct CommandLine {
-  enum class Command { run, client, help };
+  enum class Command { run, client, help, version };
   Command command = Command::run;
   RunOptions run;
   ClientOptions client;

@@ -8,6 +8,7 @@
 #include <iostream>
 
 #include "Agent.h"
+#include "Brevant/Version.h"
 #include "CommandLine.h"
 #include "DiagnosticSocket.h"
 #include "Kiln/Lock.h"
@@ -101,6 +102,9 @@ int main(int argc, char** argv) {
     const Agent::CommandLine line = Agent::parseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
     switch (line.command) {
       case Agent::CommandLine::Command::help: std::cout << Agent::usageText(); return 0;
+      case Agent::CommandLine::Command::version:
+        std::cout << "brevant-agent " << Brevant::version() << '\n';
+        return 0;
       case Agent::CommandLine::Command::client: return client(line.client);
       case Agent::CommandLine::Command::run: return run(line.run);
     }

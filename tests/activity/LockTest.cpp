@@ -131,6 +131,24 @@ TEST(UnlockAnchor, ReleasingALockNotHeldThrowsWithTheErrorNumber) {
   EXPECT_FALSE(lock.heldByCurrentThread());
 }
 
+TEST(UnlockAnchor, ReleasingTheActivityLockNotHeldSaysToTakeIt) {
+  Lock* activity = Kiln::ActivityUnlockAnchor::lock();
+  ASSERT_FALSE(activity->heldByCurrentThread());
+  try {
+    UnlockAnchor guard(activity);
+    FAIL() << "released the activity lock this thread does not hold";
+  } catch (const ErrnoException& e) {
+    EXPECT_EQ(e.errnum(), EPERM);
+    EXPECT_NE(dynamic_cast<const Kiln::ActivityLockNotHeldException*>(&e), nullptr);
+    EXPECT_STREQ(e.what(),
+                 "Failed to release the lock: Operation not permitted -- the activity lock is not "
+                 "held by this thread: take it with Kiln::ActivityLockGuard before calling the "
+                 "next-hop manager");
+    EXPECT_EQ(e.text(), e.what());
+  }
+  EXPECT_FALSE(activity->heldByCurrentThread());
+}
+
 TEST(UnlockAnchor, DestructionFindingTheLockAlreadyTakenThrows) {
   Lock lock;
   ASSERT_EQ(lock.lock(), 0);

@@ -85,6 +85,8 @@ TEST(CommandLine, RefusesBadValues) {
 TEST(CommandLine, HelpListsCommandsAndRequests) {
   EXPECT_EQ(parseCommandLine({"help"}).command, CommandLine::Command::help);
   EXPECT_EQ(parseCommandLine({"--help"}).command, CommandLine::Command::help);
+  EXPECT_EQ(parseCommandLine({"--version"}).command, CommandLine::Command::version);
+  EXPECT_THAT(usageText(), HasSubstr("brevant-agent --version"));
   EXPECT_THAT(usageText(), HasSubstr("brevant-agent client --socket PATH REQUEST..."));
   EXPECT_THAT(usageText(), HasSubstr("show free-entries | show group ID | get PATH | set PATH VALUE"));
 }

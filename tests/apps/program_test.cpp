@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "Brevant/Version.h"
 #include "XmlCheck.h"
 
 using ::testing::HasSubstr;
@@ -103,6 +104,12 @@ TEST_F(ProgramTest, HelpPrintsTheUsage) {
   const Outcome o = run({"help"});
   EXPECT_EQ(o.status, 0);
   EXPECT_THAT(o.out, StartsWith("usage: brevant-agent [run] [options]"));
+}
+
+TEST_F(ProgramTest, VersionPrintsTheLibraryVersion) {
+  const Outcome o = run({"--version"});
+  EXPECT_EQ(o.status, 0);
+  EXPECT_EQ(o.out, std::string("brevant-agent ") + Brevant::version() + "\n");
 }
 
 TEST_F(ProgramTest, RunsAWorkloadAndPrintsTheReportAndTheSummary) {

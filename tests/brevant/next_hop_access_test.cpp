@@ -7,6 +7,7 @@
 #include <cstring>
 #include <optional>
 
+#include "Brevant/NextHopManager.h"
 #include "Brevant/NextHopTrace.h"
 #include "Flashlog/Flashlog.h"
 #include "FmSim/FmSim.h"
@@ -224,6 +225,15 @@ TEST_F(NextHopAccessTest, UnreleasableLockThrowsWithoutTouchingTheChip) {
   EXPECT_TRUE(Kiln::ActivityUnlockAnchor::lock()->heldByCurrentThread());
 }
 
+// A program that builds the manager without the activity lock and catches
+// nothing ends (std::terminate prints the text) with the reason in words.
+TEST_F(NextHopAccessWithoutLockTest, ProgramForgettingTheActivityLockStopsSayingSo) {
+  const auto program = []() noexcept { Kiln::Ptr<Brevant::NextHopManager> m = new Brevant::NextHopManager(); };
+  EXPECT_DEATH(program(),
+               "the activity lock is not held by this thread: take it with "
+               "Kiln::ActivityLockGuard before calling the next-hop manager");
+}
+
 TEST_F(NextHopAccessWithoutLockTest, CallerNotHoldingTheActivityLockGetsTheReleaseError) {
   U64 word = 1;
   try {
@@ -232,6 +242,7 @@ TEST_F(NextHopAccessWithoutLockTest, CallerNotHoldingTheActivityLockGetsTheRelea
   } catch (const Kiln::ErrnoException& e) {
     EXPECT_EQ(e.errnum(), EPERM);
     EXPECT_THAT(e.what(), testing::StartsWith("Failed to release the lock: "));
+    EXPECT_THAT(e.what(), testing::HasSubstr("take it with Kiln::ActivityLockGuard"));
   }
   EXPECT_THROW(Brevant::logicalPortGlort(65532), Kiln::ErrnoException);
   EXPECT_TRUE(FmSim::calls().empty());

@@ -9,7 +9,10 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <string>
 #include <thread>
+
+#include "Kiln/Exception.h"
 
 namespace Kiln {
 
@@ -54,6 +57,19 @@ class Lock {
   std::atomic<bool> releasable_;
 };
 
+// What an UnlockAnchor on the activity lock throws when the calling thread
+// does not hold the lock: the usual release error (EPERM, text "Failed to
+// release the lock: Operation not permitted"), with the text going on to say
+// what the program forgot, since this is the first error a new program meets.
+class ActivityLockNotHeldException : public ErrnoException {
+ public:
+  ActivityLockNotHeldException();
+  const char* what() const noexcept override { return text_.c_str(); }
+
+ private:
+  std::string text_;
+};
+
 // Scope guard that gives up a lock the current thread holds for the duration
 // of a slow call, and takes it back at the end of the scope.
 //
@@ -72,7 +88,8 @@ class UnlockAnchor {
   // Releases lock. Throws InternalException("Lock Protocol exception --
   // unlocking an unreleasable lock") without touching the lock when it is not
   // releasable, and ErrnoException(e, "Failed to release the lock") when the
-  // release fails with e (for example EPERM: this thread does not hold it).
+  // release fails with e (for example EPERM: this thread does not hold it;
+  // for the activity lock, ActivityLockNotHeldException then).
   explicit UnlockAnchor(Lock* lock);
 
   // Takes the lock back. Throws InternalException("Lock was already grabbed

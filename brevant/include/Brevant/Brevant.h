@@ -1,6 +1,9 @@
-// Everything the library offers, in one include: the agent state model, the
-// next-hop table manager with its records and defragmenter, the chip access
-// and trace of the next-hop table, and the library's version. The types
+// Everything a program needs to use the library, in one include: the agent
+// state model, the next-hop table manager with its records and defragmenter,
+// the chip access and trace of the next-hop table, the library's version, and
+// the platform pieces every caller touches: the activity lock (the library is
+// called with it held, see Kiln::ActivityLockGuard), the event loop, the
+// clocks, the trace configuration and the Flashlog trace files. The types
 // declared in brevant/schema are generated into the build tree; their headers
 // are found on the same include path.
 #pragma once
@@ -30,3 +33,10 @@
 #include "Brevant/U64Collection.h"
 
 #include "Brevant/Version.h"
+
+// The platform: activity lock, event loop, clocks, tracing.
+#include "Flashlog/Flashlog.h"
+#include "Kiln/ActivityManager.h"
+#include "Kiln/Clock.h"
+#include "Kiln/Lock.h"
+#include "Trace/Trace.h"
