@@ -26,8 +26,8 @@ for library in "$libdir"/libbrevant-*.so."$version"; do
     { echo "$library: SONAME is not $name.$soversion"; exit 1; }
   grep -q 'R.*PATH.*\[\$ORIGIN' <<<"$dynamic" ||
     { echo "$library: no \$ORIGIN run path"; exit 1; }
-  [ -L "$libdir/$name.$soversion" ] && [ -L "$libdir/$name.so" ] ||
-    { echo "$library: missing $name.$soversion or $name.so link"; exit 1; }
+  [ -L "$libdir/$name.$soversion" ] && [ -L "$libdir/$name" ] ||
+    { echo "$library: missing the link $name.$soversion or $name"; exit 1; }
 done
 # The headers, source and generated, once each; the package files; the
 # generator.
