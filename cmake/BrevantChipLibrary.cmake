@@ -5,7 +5,8 @@
 #   - a library file, by its full path (a vendor SDK's .so);
 #   - an imported target (a vendor SDK found with find_package);
 #   - a plain target of the parent project, defined before
-#     add_subdirectory(brevant).
+#     add_subdirectory(brevant); with BREVANT_INSTALL on, Brevant installs
+#     and exports it with its own targets.
 #
 # Only the simulator is part of the library's link interface: programs and
 # tests built on it use its test-facing API. Any other chip library is a
@@ -33,9 +34,13 @@ function(brevant_link_chip_library target)
     target_link_libraries(${target} PRIVATE "${chip}")
     if(NOT imported AND BREVANT_INSTALL)
       # The parent's own library: installed beside Brevant's so that the
-      # installed libbrevant-brevant.so finds it.
-      install(TARGETS "${chip}" LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-                                RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+      # installed libbrevant-brevant.so finds it, and exported with Brevant's
+      # targets (as Brevant::<name>), which the export of a shared library
+      # linked with it needs.
+      install(TARGETS "${chip}" EXPORT BrevantTargets
+              LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+              ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+              RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
     endif()
     message(STATUS "Brevant: chip API from the target ${chip}")
   elseif(IS_ABSOLUTE "${chip}" AND EXISTS "${chip}" AND NOT IS_DIRECTORY "${chip}")

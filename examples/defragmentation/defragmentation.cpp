@@ -60,14 +60,15 @@ int main() {
   manager->featuresIs(routes);
 
   // Fill the narrow region with groups of four, then free every other one:
-  // plenty of free entries, but in runs of four.
+  // plenty of free entries, but in runs of four. (The fill ends with a
+  // refused request, which already schedules the defragmenter.)
   std::vector<S32> groups;
   for (S32 id; (id = createGroup(*manager, 4, 0x100 * (groups.size() + 1))) >= 0;) groups.push_back(id);
   for (size_t i = 0; i < groups.size(); i += 2) manager->deleteECMPGroup(0, static_cast<U16>(groups[i]));
   printSummary("Fragmented:", *manager);
 
-  // Eight next hops need a run of eight: refused for now, and the
-  // defragmenter is scheduled.
+  // Eight next hops need a run of eight: refused for now (-2), with the
+  // defragmenter scheduled.
   const S32 refused = createGroup(*manager, 8, 0x9000);
   std::printf("group of 8: %d (defragmentation scheduled: %s)\n", refused,
               manager->defragManager()->scheduleDefragment() ? "yes" : "no");

@@ -8,7 +8,8 @@
 # only relink. Each time the configure step must name the chip library, and
 # the program must read back through the stand-in what the library wrote. The
 # file configuration asks for the tests, the agent and the benchmarks too, and
-# checks that those that drive the simulator are skipped, saying why.
+# checks that those that drive the simulator are skipped, saying why. The
+# target configuration is installed too.
 set -euo pipefail
 project=$1 chip=$2 work=$3
 read -r -a options <<<"$4"
@@ -27,7 +28,17 @@ check() {
 }
 
 mkdir -p "$work"
-check target "the target stand_in_chip"
+# With the parent's target, install and export too: the export must not need
+# the parent's target, and the installed library must find the installed
+# stand-in through its run path.
+check target "the target stand_in_chip" -DBREVANT_INSTALL=ON
+cmake --build "$build" -j2
+rm -rf "$work/prefix"
+cmake --install "$build" --prefix "$work/prefix" >"$work/install.log"
+installed=$(find "$work/prefix" -name libbrevant-brevant.so | head -1)
+[ -n "$installed" ] || { echo "libbrevant-brevant.so not installed"; exit 1; }
+env -u LD_LIBRARY_PATH ldd "$installed" | grep -q "libstand_in_chip.so => $(dirname "$installed")/" ||
+  { echo "the installed library does not find the installed stand-in:"; ldd "$installed"; exit 1; }
 check file "the library file $chip" -DSTAND_IN_CHIP_FILE="$chip" \
   -DBREVANT_BUILD_TESTS=ON -DBREVANT_BUILD_APPS=ON -DBREVANT_BUILD_BENCHMARKS=ON
 for skipped in "Brevant: the agent program and the benchmarks are skipped: they drive the chip simulator" \
