@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <numeric>
 #include <optional>
@@ -27,7 +28,7 @@ namespace {
 // body is and the third carries its checksum.
 constexpr std::string_view magic = "brevant-next-hop-snapshot";
 constexpr std::string_view lengthTag = "length";
-constexpr std::string_view checksumTag = "checksum fnv1a-64";
+constexpr std::string_view checksumTag = "checksum fnv1a-64w";
 
 // One past the highest entry a block or free pool may use.
 constexpr U32 tableEnd = 0xFFFE;
@@ -42,16 +43,13 @@ constexpr ReservedEntry reservedEntries[] = {{0, 1, 65532}, {1, 2, 65530}};
 
 typedef SnapshotError::Problem Problem;
 
-U64 fnv1a(std::string_view bytes, U64 hash = 0xcbf29ce484222325ull) {
-  for (unsigned char c : bytes) hash = (hash ^ c) * 0x100000001b3ull;
-  return hash;
-}
+constexpr U64 fnvOffset = 0xcbf29ce484222325ull;
+constexpr U64 fnvPrime = 0x100000001b3ull;
 
-U64 fnv1aWords(const U64* words, size_t count) {
-  U64 hash = 0xcbf29ce484222325ull;
-  for (size_t i = 0; i < count; ++i) {
-    for (int b = 0; b < 64; b += 8) hash = (hash ^ ((words[i] >> b) & 0xFF)) * 0x100000001b3ull;
-  }
+// FNV-1a over 64-bit words: each step is a bijection of the running hash, so
+// a change of any one word always changes the result.
+U64 fnv1aWords(const U64* words, size_t count, U64 hash = fnvOffset) {
+  for (size_t i = 0; i < count; ++i) hash = (hash ^ words[i]) * fnvPrime;
   return hash;
 }
 
@@ -110,31 +108,39 @@ bool isNamedEntity(const Kiln::TypeRecord& owner, const Kiln::AttributeRecord& a
 // of consecutive integer keys with one value text on one line), then the
 // records it owns, each as a nested object.
 
-void writeMembers(std::string& out, const std::string& name, std::vector<Kiln::MemberText> members) {
-  const bool numericKeys = std::all_of(members.begin(), members.end(), [](const auto& m) {
-    return parseNumber(m.first).has_value();
-  });
-  if (numericKeys) {
-    // Ascending keys, so that runs show; the restore inserts them in this
-    // order (an ordered collection's own order).
-    std::stable_sort(members.begin(), members.end(), [](const auto& a, const auto& b) {
-      return *parseNumber(a.first) < *parseNumber(b.first);
-    });
+void writeMembers(std::string& out, const std::string& name, const std::vector<Kiln::MemberText>& members) {
+  // With integer keys (all of this table's), members go in ascending key
+  // order so that runs show; the restore inserts them in this order (an
+  // ordered collection's own order).
+  std::vector<std::pair<U64, size_t>> order;
+  order.reserve(members.size());
+  for (size_t i = 0; i < members.size(); ++i) {
+    const std::optional<U64> key = parseNumber(members[i].first);
+    if (!key) {
+      order.clear();
+      break;
+    }
+    order.emplace_back(*key, i);
   }
-  for (size_t i = 0; i < members.size();) {
+  const bool numericKeys = order.size() == members.size();
+  if (numericKeys) {
+    std::sort(order.begin(), order.end());
+  } else {
+    for (size_t i = 0; i < members.size(); ++i) order.emplace_back(0, i);
+  }
+  for (size_t i = 0; i < order.size();) {
+    const Kiln::MemberText& first = members[order[i].second];
     size_t last = i;
-    if (numericKeys) {
-      while (last + 1 < members.size() && members[last + 1].second == members[i].second &&
-             *parseNumber(members[last + 1].first) == *parseNumber(members[last].first) + 1) {
-        ++last;
-      }
+    while (numericKeys && last + 1 < order.size() && order[last + 1].first == order[last].first + 1 &&
+           members[order[last + 1].second].second == first.second) {
+      ++last;
     }
     if (last > i) {
-      out.append("run\t").append(name).append("\t").append(members[i].first).append("\t");
-      out.append(members[last].first).append("\t").append(members[i].second).append("\n");
+      out.append("run\t").append(name).append("\t").append(first.first).append("\t");
+      out.append(members[order[last].second].first).append("\t").append(first.second).append("\n");
     } else {
-      out.append("member\t").append(name).append("\t").append(members[i].first).append("\t");
-      out.append(members[i].second).append("\n");
+      out.append("member\t").append(name).append("\t").append(first.first).append("\t");
+      out.append(first.second).append("\n");
     }
     i = last + 1;
   }
@@ -210,7 +216,7 @@ std::vector<U64> readTable(U32 end) {
 // snapshot that does not parse changes nothing.
 
 struct MemberLine {
-  std::string_view attribute;
+  U32 attribute;  // its index in the owner's type record
   std::string_view firstKey;
   std::string_view lastKey;  // empty for a single member
   std::string_view value;
@@ -236,12 +242,24 @@ struct ParsedSnapshot {
   std::vector<FreeRunText> freeRuns;
 };
 
-std::vector<std::string_view> fields(std::string_view line) {
-  std::vector<std::string_view> out;
+// The tab-separated fields of a line; a line has at most five.
+struct Fields {
+  std::string_view field[5];
+  size_t count = 0;
+  size_t size() const { return count; }
+  std::string_view operator[](size_t i) const { return field[i]; }
+};
+
+Fields fields(std::string_view line) {
+  Fields out;
   size_t start = 0;
   for (;;) {
     const size_t tab = line.find('\t', start);
-    out.push_back(line.substr(start, tab == std::string_view::npos ? tab : tab - start));
+    if (out.count == std::size(out.field)) {
+      out.count = 0;  // too many: no line kind matches
+      return out;
+    }
+    out.field[out.count++] = line.substr(start, tab == std::string_view::npos ? tab : tab - start);
     if (tab == std::string_view::npos) return out;
     start = tab + 1;
   }
@@ -253,7 +271,7 @@ class BodyParser {
 
   ParsedSnapshot parse() {
     ParsedSnapshot snapshot;
-    std::vector<std::string_view> f = next("the manager");
+    Fields f = next("the manager");
     if (f.size() != 2 || f[0] != "object") corrupt(where() + "expected the manager's object line");
     snapshot.manager.type = recordNamed(f[1]);
     if (snapshot.manager.type != &NextHopManager::kilnType()) {
@@ -273,7 +291,7 @@ class BodyParser {
  private:
   std::string where() const { return "line " + std::to_string(line_) + ": "; }
 
-  std::vector<std::string_view> next(const char* expecting) {
+  Fields next(const char* expecting) {
     if (pos_ >= body_.size()) corrupt(std::string("the body ends before ") + expecting);
     const size_t newline = body_.find('\n', pos_);
     if (newline == std::string_view::npos) corrupt(where() + "the last line is not ended");
@@ -297,20 +315,19 @@ class BodyParser {
 
   void parseObject(ObjectText& o) {
     for (;;) {
-      std::vector<std::string_view> f = next("the end of an object");
-      const std::string_view kind = f[0];
+      Fields f = next("the end of an object");
+      const std::string_view kind = f.size() ? f[0] : std::string_view();
       if (kind == "end" && f.size() == 1) return;
       if (kind == "attr" && f.size() == 3) {
         attributeOf(o, f[1]);
         o.attrs.emplace_back(f[1], f[2]);
       } else if (kind == "member" && f.size() == 4) {
-        attributeOf(o, f[1]);
-        o.members.push_back({f[1], f[2], {}, f[3]});
+        o.members.push_back({attributeOf(o, f[1]).index, f[2], {}, f[3]});
       } else if (kind == "run" && f.size() == 5) {
-        attributeOf(o, f[1]);
+        const U32 index = attributeOf(o, f[1]).index;
         const auto first = parseNumber(f[2]), last = parseNumber(f[3]);
         if (!first || !last || *last < *first || *last > 0xFFFFFFFFull) corrupt(where() + "bad run");
-        o.members.push_back({f[1], f[2], f[3], f[4]});
+        o.members.push_back({index, f[2], f[3], f[4]});
       } else if (kind == "child" && f.size() == 4) {
         attributeOf(o, f[1]);
         ObjectText child;
@@ -372,7 +389,7 @@ ParsedSnapshot parseSnapshot(std::string_view text) {
                                                 std::to_string(*length) + " bytes");
   }
   if (body.size() > *length) corrupt("bytes after the body");
-  if (fnv1a(body) != *checksum) corrupt("checksum mismatch");
+  if (snapshotChecksum(body) != *checksum) corrupt("checksum mismatch");
   return BodyParser(body).parse();
 }
 
@@ -637,6 +654,18 @@ Kiln::Ptr<NextHopManager> restore(const ManagerMaker& make,
 
 }  // namespace
 
+U64 snapshotChecksum(std::string_view bytes) {
+  U64 hash = fnvOffset;
+  size_t i = 0;
+  for (; i + 8 <= bytes.size(); i += 8) {
+    U64 word;
+    std::memcpy(&word, bytes.data() + i, 8);
+    hash = (hash ^ word) * fnvPrime;
+  }
+  for (; i < bytes.size(); ++i) hash = (hash ^ static_cast<unsigned char>(bytes[i])) * fnvPrime;
+  return (hash ^ bytes.size()) * fnvPrime;
+}
+
 const char* problemName(SnapshotError::Problem problem) {
   switch (problem) {
     case Problem::missing: return "missing";
@@ -663,17 +692,21 @@ std::string snapshotText(NextHopManager& manager) {
   body += "end\n";
   const std::vector<std::pair<U32, U32>> runs = freeRuns(manager);
   if (!runs.empty()) {
-    const std::vector<U64> table = readTable(usedTableEnd(manager));
+    // One read from the lowest free entry to the highest.
+    const U32 low = runs.front().first;
+    const U32 high = runs.back().first + runs.back().second;
+    std::vector<U64> words(high - low);
+    readNextHopInternal(U16(low), U16(high - low), words.data());
     for (const auto& [first, count] : runs) {
       body += "free\t" + std::to_string(first) + "\t" + std::to_string(count) + "\t" +
-              hex16(fnv1aWords(table.data() + first, count)) + "\n";
+              hex16(fnv1aWords(words.data() + (first - low), count)) + "\n";
     }
   }
   std::string text;
   text.reserve(body.size() + 100);
   text.append(magic).append(" ").append(std::to_string(snapshotFormatVersion)).append("\n");
   text.append(lengthTag).append(" ").append(std::to_string(body.size())).append("\n");
-  text.append(checksumTag).append(" ").append(hex16(fnv1a(body))).append("\n");
+  text.append(checksumTag).append(" ").append(hex16(snapshotChecksum(body))).append("\n");
   text.append(body);
   return text;
 }

@@ -59,12 +59,11 @@ std::string resealed(const std::string& text) {
   size_t pos = 0;
   for (int line = 0; line < 3; ++line) pos = text.find('\n', pos) + 1;
   const std::string body = text.substr(pos);
-  U64 hash = 0xcbf29ce484222325ull;
-  for (unsigned char c : body) hash = (hash ^ c) * 0x100000001b3ull;
   char checksum[17];
-  std::snprintf(checksum, sizeof checksum, "%016llx", static_cast<unsigned long long>(hash));
+  std::snprintf(checksum, sizeof checksum, "%016llx",
+                static_cast<unsigned long long>(Brevant::snapshotChecksum(body)));
   return "brevant-next-hop-snapshot 1\nlength " + std::to_string(body.size()) +
-         "\nchecksum fnv1a-64 " + checksum + "\n" + body;
+         "\nchecksum fnv1a-64w " + checksum + "\n" + body;
 }
 
 class WarmRestartTest : public NextHopTableTest {

@@ -51,6 +51,11 @@ class SnapshotError : public Kiln::Exception {
 // "corrupt", "other version").
 const char* problemName(SnapshotError::Problem problem);
 
+// The checksum of a snapshot's body: FNV-1a over its bytes taken as
+// little-endian 64-bit words (the last few bytes one at a time), then over
+// its length. Any change of one word or of the length changes it.
+U64 snapshotChecksum(std::string_view body);
+
 // Returns the snapshot of manager: header and body, ready to be written.
 // Reads the chip's table once (for the free entries' digests).
 std::string snapshotText(NextHopManager& manager);
