@@ -140,8 +140,8 @@ std::string usageText() {
          "  --check-every-write the library's whole-table check at every defragmenter write\n"
          "                      also above 8192 entries (slow on a full table)\n"
          "\n"
-         "requests: show free-entries | show group ID | show restart | get PATH | set PATH VALUE | save |\n"
-         "          help | quit\n";
+         "requests: show free-entries | show group ID | get PATH | set PATH VALUE | help | quit\n"
+         "          show restart | save\n";
 }
 
 }  // namespace Agent
