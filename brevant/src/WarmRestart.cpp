@@ -108,7 +108,8 @@ bool isNamedEntity(const Kiln::TypeRecord& owner, const Kiln::AttributeRecord& a
 // of consecutive integer keys with one value text on one line), then the
 // records it owns, each as a nested object.
 
-void writeMembers(std::string& out, const std::string& name, const std::vector<Kiln::MemberText>& members) {
+void writeMembers(std::string& out, const std::string& name,
+                  const std::vector<Kiln::MemberText>& members) {
   // With integer keys (all of this table's), members go in ascending key
   // order so that runs show; the restore inserts them in this order (an
   // ordered collection's own order).
@@ -131,7 +132,8 @@ void writeMembers(std::string& out, const std::string& name, const std::vector<K
   for (size_t i = 0; i < order.size();) {
     const Kiln::MemberText& first = members[order[i].second];
     size_t last = i;
-    while (numericKeys && last + 1 < order.size() && order[last + 1].first == order[last].first + 1 &&
+    while (numericKeys && last + 1 < order.size() &&
+           order[last + 1].first == order[last].first + 1 &&
            members[order[last + 1].second].second == first.second) {
       ++last;
     }
@@ -195,7 +197,8 @@ std::vector<std::pair<U32, U32>> freeRuns(const NextHopManager& manager) {
 // One past the highest table entry the manager's records use.
 U32 usedTableEnd(const NextHopManager& manager) {
   U32 end = 3;
-  if (!manager.freeEntries().empty()) end = std::max<U32>(end, manager.freeEntries().last()->key() + 1);
+  if (!manager.freeEntries().empty())
+    end = std::max<U32>(end, manager.freeEntries().last()->key() + 1);
   for (const auto& placed : manager.hwStartToGroupId()) {
     const Kiln::Ptr<ECMPGroup> group = manager.ecmpGroups(placed.value());
     if (!group) continue;
@@ -281,8 +284,10 @@ class BodyParser {
     while (pos_ < body_.size()) {
       f = next("free runs");
       if (f.size() != 4 || f[0] != "free") corrupt(where() + "expected a free run");
-      const auto first = parseNumber(f[1]), count = parseNumber(f[2]), digest = parseNumber(f[3], 16);
-      if (!first || !count || !digest || *first + *count > tableEnd) corrupt(where() + "bad free run");
+      const auto first = parseNumber(f[1]), count = parseNumber(f[2]),
+                 digest = parseNumber(f[3], 16);
+      if (!first || !count || !digest || *first + *count > tableEnd)
+        corrupt(where() + "bad free run");
       snapshot.freeRuns.push_back({U32(*first), U32(*count), *digest});
     }
     return snapshot;
@@ -326,7 +331,8 @@ class BodyParser {
       } else if (kind == "run" && f.size() == 5) {
         const U32 index = attributeOf(o, f[1]).index;
         const auto first = parseNumber(f[2]), last = parseNumber(f[3]);
-        if (!first || !last || *last < *first || *last > 0xFFFFFFFFull) corrupt(where() + "bad run");
+        if (!first || !last || *last < *first || *last > 0xFFFFFFFFull)
+          corrupt(where() + "bad run");
         o.members.push_back({index, f[2], f[3], f[4]});
       } else if (kind == "child" && f.size() == 4) {
         attributeOf(o, f[1]);
@@ -363,14 +369,16 @@ ParsedSnapshot parseSnapshot(std::string_view text) {
   std::string_view first = headerLine("the format line");
   const size_t blank = first.find(' ');
   if (first.substr(0, blank) != magic || blank == std::string_view::npos) {
-    corrupt("not a next-hop snapshot (its first line is not \"" + std::string(magic) + " <version>\")");
+    corrupt("not a next-hop snapshot (its first line is not \"" + std::string(magic) +
+            " <version>\")");
   }
   const std::optional<U64> version = parseNumber(first.substr(blank + 1));
   if (!version) corrupt("bad format version");
   if (*version != snapshotFormatVersion) {
-    throw SnapshotError(Problem::otherVersion,
-                        "snapshot of format version " + std::to_string(*version) +
-                            "; this library reads version " + std::to_string(snapshotFormatVersion));
+    throw SnapshotError(Problem::otherVersion, "snapshot of format version " +
+                                                   std::to_string(*version) +
+                                                   "; this library reads version " +
+                                                   std::to_string(snapshotFormatVersion));
   }
   std::string_view lengthLine = headerLine("the length line");
   std::string_view checksumLine = headerLine("the checksum line");
@@ -378,7 +386,8 @@ ParsedSnapshot parseSnapshot(std::string_view text) {
       checksumLine.substr(0, checksumTag.size()) != checksumTag) {
     corrupt("bad header");
   }
-  const std::optional<U64> length = parseNumber(lengthLine.substr(std::min(lengthLine.size(), lengthTag.size() + 1)));
+  const std::optional<U64> length =
+      parseNumber(lengthLine.substr(std::min(lengthLine.size(), lengthTag.size() + 1)));
   const std::optional<U64> checksum =
       parseNumber(checksumLine.substr(std::min(checksumLine.size(), checksumTag.size() + 1)), 16);
   if (!length || !checksum) corrupt("bad header");
@@ -409,7 +418,8 @@ std::string readFile(const std::string& path) {
     if (n < 0) {
       const int e = errno;
       ::close(fd);
-      throw SnapshotError(Problem::unreadable, "cannot read snapshot " + path + ": " + Kiln::errorString(e));
+      throw SnapshotError(Problem::unreadable,
+                          "cannot read snapshot " + path + ": " + Kiln::errorString(e));
     }
     if (n == 0) break;
     text.append(buffer, size_t(n));
@@ -475,7 +485,8 @@ void applyObject(Kiln::PtrInterface& o, const ObjectText& text) {
   }
   for (const auto& [name, value] : text.attrs) {
     if (type.get(o, name) != value) {
-      corrupt(type.name() + "::" + std::string(name) + " does not keep the value " + std::string(value));
+      corrupt(type.name() + "::" + std::string(name) + " does not keep the value " +
+              std::string(value));
     }
   }
 }
@@ -485,7 +496,8 @@ void applyObject(Kiln::PtrInterface& o, const ObjectText& text) {
 void checkConsistent(const NextHopManager& manager) {
   for (const auto& placed : manager.hwStartToGroupId()) {
     const Kiln::Ptr<ECMPGroup> group = manager.ecmpGroups(placed.value());
-    const std::string name = "group " + std::to_string(placed.value()) + " at " + std::to_string(placed.key());
+    const std::string name =
+        "group " + std::to_string(placed.value()) + " at " + std::to_string(placed.key());
     if (!group) corrupt(name + ": no such group");
     if (group->hwStartIndex() != placed.key()) corrupt(name + ": its record starts elsewhere");
     const U32 length = U32(group->wide() ? 2 : 1) * group->size();
@@ -544,9 +556,9 @@ Comparison compareWithChip(NextHopManager& manager, const ParsedSnapshot& snapsh
     std::vector<U64> words = groupWords(*group);
     const auto first = std::mismatch(words.begin(), words.end(), table.begin() + start);
     if (first.first == words.end()) continue;
-    const U32 differing = U32(std::inner_product(
-        words.begin(), words.end(), table.begin() + start, U32(0), std::plus<>(),
-        [](U64 a, U64 b) { return U32(a != b); }));
+    const U32 differing =
+        U32(std::inner_product(words.begin(), words.end(), table.begin() + start, U32(0),
+                               std::plus<>(), [](U64 a, U64 b) { return U32(a != b); }));
     const U32 index = start + U32(first.first - words.begin());
     c.differences.push_back({RestoreDifference::Kind::groupWords, id, start, U32(words.size()),
                              "group " + std::to_string(id) + " at " + std::to_string(start) + ": " +
@@ -558,13 +570,14 @@ Comparison compareWithChip(NextHopManager& manager, const ParsedSnapshot& snapsh
   }
   for (const FreeRunText& run : snapshot.freeRuns) {
     if (fnv1aWords(table.data() + run.first, run.count) == run.digest) continue;
-    c.differences.push_back({RestoreDifference::Kind::freeEntries, invalidGroupId, run.first, run.count,
-                             "free entries " + std::to_string(run.first) + " to " +
-                                 std::to_string(run.first + run.count - 1) +
-                                 " were written since the snapshot"});
+    c.differences.push_back(
+        {RestoreDifference::Kind::freeEntries, invalidGroupId, run.first, run.count,
+         "free entries " + std::to_string(run.first) + " to " +
+             std::to_string(run.first + run.count - 1) + " were written since the snapshot"});
   }
-  std::stable_sort(c.differences.begin(), c.differences.end(),
-                   [](const RestoreDifference& a, const RestoreDifference& b) { return a.index < b.index; });
+  std::stable_sort(
+      c.differences.begin(), c.differences.end(),
+      [](const RestoreDifference& a, const RestoreDifference& b) { return a.index < b.index; });
   return c;
 }
 
@@ -572,7 +585,8 @@ Comparison compareWithChip(NextHopManager& manager, const ParsedSnapshot& snapsh
 // (initialised as on a first start).
 typedef std::function<Kiln::Ptr<NextHopManager>(bool blank)> ManagerMaker;
 
-Kiln::Ptr<NextHopManager> startCold(const ManagerMaker& make, RestoreResult& result, std::string reason) {
+Kiln::Ptr<NextHopManager> startCold(const ManagerMaker& make, RestoreResult& result,
+                                    std::string reason) {
   NH_TRACE(1, "Warm restart refused, starting cold: " << reason);
   result.outcome = RestoreResult::Outcome::cold;
   result.coldReason = std::move(reason);
@@ -646,7 +660,8 @@ Kiln::Ptr<NextHopManager> restore(const ManagerMaker& make,
   }
   // The timer does not survive the process: a run that was wanted is
   // scheduled again, a full delay from now.
-  if (manager->defragManager()->scheduleDefragment()) manager->defragManager()->startDefragScheduler();
+  if (manager->defragManager()->scheduleDefragment())
+    manager->defragManager()->startDefragScheduler();
   NH_TRACE(3, "Warm restart: " << result.groups << " groups restored, " << result.wordsRead
                                << " words read, " << result.wordsWritten << " written");
   return manager;
@@ -668,20 +683,28 @@ U64 snapshotChecksum(std::string_view bytes) {
 
 const char* problemName(SnapshotError::Problem problem) {
   switch (problem) {
-    case Problem::missing: return "missing";
-    case Problem::unreadable: return "unreadable";
-    case Problem::truncated: return "truncated";
-    case Problem::corrupt: return "corrupt";
-    case Problem::otherVersion: return "other version";
+    case Problem::missing:
+      return "missing";
+    case Problem::unreadable:
+      return "unreadable";
+    case Problem::truncated:
+      return "truncated";
+    case Problem::corrupt:
+      return "corrupt";
+    case Problem::otherVersion:
+      return "other version";
   }
   return "?";
 }
 
 const char* outcomeName(RestoreResult::Outcome outcome) {
   switch (outcome) {
-    case RestoreResult::Outcome::warm: return "warm";
-    case RestoreResult::Outcome::rewritten: return "rewritten";
-    case RestoreResult::Outcome::cold: return "cold";
+    case RestoreResult::Outcome::warm:
+      return "warm";
+    case RestoreResult::Outcome::rewritten:
+      return "rewritten";
+    case RestoreResult::Outcome::cold:
+      return "cold";
   }
   return "?";
 }
@@ -741,7 +764,8 @@ void saveSnapshot(NextHopManager& manager, const std::string& path) {
   }
   // The rename itself reaches the disk with the directory.
   const size_t slash = path.rfind('/');
-  const std::string directory = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+  const std::string directory =
+      slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
   const int dirFd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (dirFd >= 0) {
     ::fsync(dirFd);
@@ -761,15 +785,18 @@ ManagerMaker standaloneMaker() {
 
 }  // namespace
 
-Kiln::Ptr<NextHopManager> restoreNextHopManager(const std::string& path, const RestoreOptions& options,
+Kiln::Ptr<NextHopManager> restoreNextHopManager(const std::string& path,
+                                                const RestoreOptions& options,
                                                 RestoreResult* result) {
-  return restore(standaloneMaker(), [&] { return readFile(path); }, options, result);
+  return restore(
+      standaloneMaker(), [&] { return readFile(path); }, options, result);
 }
 
 Kiln::Ptr<NextHopManager> restoreNextHopManagerFromText(std::string_view text,
                                                         const RestoreOptions& options,
                                                         RestoreResult* result) {
-  return restore(standaloneMaker(), [&] { return std::string(text); }, options, result);
+  return restore(
+      standaloneMaker(), [&] { return std::string(text); }, options, result);
 }
 
 RestoreResult restoreNextHopManager(BrevantCommonSmData& state, const std::string& path,
@@ -784,7 +811,8 @@ RestoreResult restoreNextHopManager(BrevantCommonSmData& state, const std::strin
     return state.nextHopManagerIs();
   };
   try {
-    restore(make, [&] { return readFile(path); }, options, &result);
+    restore(
+        make, [&] { return readFile(path); }, options, &result);
   } catch (...) {
     // A snapshot that could not be used leaves no half-built manager.
     state.nextHopManagerDel();
