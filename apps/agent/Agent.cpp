@@ -453,7 +453,10 @@ void AgentSimulation::execute(const Request& request) {
     case RequestKind::read: read(request); break;
     case RequestKind::addFeature: addFeature(request); break;
     case RequestKind::sleep: break;
-    case RequestKind::restart: restart("workload request"); break;
+    case RequestKind::restart:
+      restart("workload request");
+      if (report_.restarts.back().outcome == "warm") ++report_.requests[RequestKind::restart].succeeded;
+      break;
   }
   inRequest_ = false;
   ++requestsSinceSample_;

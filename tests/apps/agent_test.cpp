@@ -443,6 +443,7 @@ TEST(AgentRun, ARestartRequestKeepsEveryGroupAndChangesNoTableWord) {
     EXPECT_EQ(restart.wordsRead, 64u);
   }
   EXPECT_EQ(r.requests.at(RequestKind::restart).requested, 2u);
+  EXPECT_EQ(r.requests.at(RequestKind::restart).succeeded, 2u);
   EXPECT_EQ(r.readMismatches, 0u);
   EXPECT_TRUE(r.passed());
   // The features found their groups where they were: a at 3, and b after it.
