@@ -1,6 +1,7 @@
 #include "Agent.h"
 
 #include <stdio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -13,6 +14,7 @@
 #include "Brevant/ECMPGroup.h"
 #include "Brevant/NextHopCallback.h"
 #include "Brevant/U64Collection.h"
+#include "Brevant/WarmRestart.h"
 #include "Diagnostics.h"
 #include "DiagnosticSocket.h"
 #include "FmSim/FmSim.h"
@@ -184,6 +186,21 @@ class AgentSimulation::Retrier : public Kiln::Clock::Notifiee {
   AgentSimulation* agent_;
 };
 
+class AgentSimulation::Restarter : public Kiln::Clock::Notifiee {
+ public:
+  explicit Restarter(AgentSimulation& agent) : agent_(&agent) {}
+  void onTime() override {
+    if (!agent_) return;
+    if (agent_->workloadDone_) {
+      timeMinIs(Kiln::Clock::never);
+      return;
+    }
+    agent_->restart("every " + secondsText(agent_->config_.restartEvery));
+    timeMinIs(agent_->clock_->now() + agent_->config_.restartEvery);
+  }
+  AgentSimulation* agent_;
+};
+
 AgentSimulation::AgentSimulation(AgentConfig config)
     : config_(std::move(config)), check_([](U32 index) { return FmSim::tableWord(index); }) {
   // The socket first: if it cannot be served, nothing else has changed.
@@ -233,6 +250,11 @@ AgentSimulation::AgentSimulation(AgentConfig config)
   replayer_->notifierIs(clock_);
   retrier_ = new Retrier(*this);
   retrier_->notifierIs(clock_);
+  restarter_ = new Restarter(*this);
+  restarter_->notifierIs(clock_);
+  if (config_.snapshotPath.empty()) {
+    config_.snapshotPath = "/tmp/brevant-agent-" + std::to_string(getpid()) + ".snapshot";
+  }
   retryBackoff_ = config_.retryDelay;
   report_.workload = config_.workloadName;
   report_.manualClock = config_.manualClock;
@@ -246,6 +268,8 @@ AgentSimulation::~AgentSimulation() {
   FmSim::writeObserverIs({});
   retrier_->agent_ = nullptr;
   replayer_->agent_ = nullptr;
+  restarter_->agent_ = nullptr;
+  restarter_->notifierIs(nullptr);
   replayer_->notifierIs(nullptr);
   retrier_->notifierIs(nullptr);
   for (const Kiln::Ptr<FeatureCallback>& callback : callbacks_) callback->agent_ = nullptr;
@@ -280,6 +304,7 @@ Report AgentSimulation::run() {
   report_.worst.title = "worst fragmentation";
   worstSpace_ = report_.start.freeSpace();
   replayer_->timeMinIs(clock_->now());
+  if (config_.restartEvery > 0) restarter_->timeMinIs(clock_->now() + config_.restartEvery);
   drive();
 
   report_.workloadCompleted = workloadDone_;
@@ -296,8 +321,8 @@ Report AgentSimulation::run() {
   report_.hitlessProblems = check_.problems();
   checker_->checkSettled();
   report_.tableCheckedEveryWrite = report_.tableBound <= config_.tableCheckEveryWriteUpTo;
-  report_.tableChecks = checker_->checks();
-  report_.tableViolations = checker_->violationCount();
+  report_.tableChecks = tableChecksBefore_ + checker_->checks();
+  report_.tableViolations = tableViolationsBefore_ + checker_->violationCount();
   for (const Brevant::HitlessChecker::Violation& v : checker_->violations()) {
     if (report_.tableProblems.size() == listedProblems) break;
     report_.tableProblems.push_back("check " + std::to_string(v.check) + ": " + v.text);
@@ -428,6 +453,10 @@ void AgentSimulation::execute(const Request& request) {
     case RequestKind::read: read(request); break;
     case RequestKind::addFeature: addFeature(request); break;
     case RequestKind::sleep: break;
+    case RequestKind::restart:
+      restart("workload request");
+      if (report_.restarts.back().outcome == "warm") ++report_.requests[RequestKind::restart].succeeded;
+      break;
   }
   inRequest_ = false;
   ++requestsSinceSample_;
@@ -770,6 +799,49 @@ Occupancy AgentSimulation::snapshot(const std::string& title) {
   return o;
 }
 
+// --- Warm restart ---
+
+void AgentSimulation::restart(const std::string& cause) {
+  Brevant::saveSnapshot(*manager_, config_.snapshotPath);
+  // The library checker's figures carry over to the next one.
+  tableChecksBefore_ += checker_->checks();
+  tableViolationsBefore_ += checker_->violationCount();
+  for (const Brevant::HitlessChecker::Violation& v : checker_->violations()) {
+    if (report_.tableProblems.size() == listedProblems) break;
+    report_.tableProblems.push_back("check " + std::to_string(v.check) + ": " + v.text);
+  }
+  checker_.reset();
+  std::vector<U64> before(report_.tableBound);
+  for (U32 i = 0; i < report_.tableBound; ++i) before[i] = FmSim::tableWord(i);
+  // The process ends: its state, the manager and the defragmenter's timer go.
+  manager_->featuresDelAll();
+  manager_ = nullptr;
+  state_ = nullptr;
+
+  const double started = wallNow();
+  state_ = Brevant::BrevantCommonSmData::BrevantCommonSmDataIs("agent");
+  Brevant::RestoreOptions options;
+  options.expectedTableBound = report_.tableBound;
+  const Brevant::RestoreResult result = Brevant::restoreNextHopManager(*state_, config_.snapshotPath, options);
+  manager_ = state_->nextHopManager();
+  // The features come back and register their callbacks again.
+  for (const Kiln::Ptr<FeatureCallback>& callback : callbacks_) manager_->featuresIs(callback);
+  const double took = wallNow() - started;
+  checker_ = std::make_unique<Brevant::HitlessChecker>(
+      *manager_, [](U16 index) { return FmSim::tableWord(index); });
+  checker_->checkSettled();
+
+  Report::Restart r;
+  r.agentTime = agentTime();
+  r.cause = cause;
+  r.outcome = Brevant::outcomeName(result.outcome);
+  if (!result.coldReason.empty()) r.outcome += " (" + result.coldReason + ")";
+  r.restoreSeconds = took;
+  r.wordsRead = result.wordsRead;
+  for (U32 i = 0; i < report_.tableBound; ++i) r.wordsChanged += FmSim::tableWord(i) != before[i];
+  report_.restarts.push_back(std::move(r));
+}
+
 // --- Diagnostic requests ---
 
 void AgentSimulation::answer(const std::string& request, int fd) {
@@ -801,6 +873,14 @@ void AgentSimulation::answer(const std::string& request, int fd) {
     std::string text = pathGet(*state_, what);
     if (text.empty() || text.back() != '\n') text += '\n';
     writeAll(fd, text);
+  } else if (verb == "save" && what.empty()) {
+    Brevant::saveSnapshot(*manager_, config_.snapshotPath);
+    writeAll(fd, "ok: snapshot saved to " + config_.snapshotPath + "\n");
+  } else if (verb == "show" && what == "restart" && rest.empty()) {
+    writeAll(fd, report_.restarts.empty()
+                     ? std::string("no restart yet\n")
+                     : std::to_string(report_.restarts.size()) + " restarts, last at " +
+                           restartText(report_.restarts.back()) + "\n");
   } else if (verb == "help" && what.empty()) {
     writeAll(fd, requestHelp());
   } else if (verb == "quit" && what.empty()) {

@@ -59,6 +59,11 @@ struct AgentConfig {
   // walk of every group) after every defragmentation run only. The agent's
   // own owner check runs at every write whatever the size.
   U32 tableCheckEveryWriteUpTo = 8192;
+  // Restart warm every this many seconds of agent time while the workload
+  // runs (0: only on restart requests).
+  Kiln::Seconds restartEvery = 0;
+  // Where restarts and the socket's save request write the snapshot.
+  std::string snapshotPath;
 };
 
 class DiagnosticServer;
@@ -83,6 +88,11 @@ class AgentSimulation {
   // Answers one diagnostic request on fd (the socket's handler).
   void answer(const std::string& request, int fd);
 
+  // Restarts warm: saves the snapshot, drops the shared state and the
+  // manager (not the chip), restores them from the snapshot, registers the
+  // features again and goes on. cause is named in the report.
+  void restart(const std::string& cause);
+
   // Ends the run after the current handler (the quit request).
   void quit();
 
@@ -105,6 +115,7 @@ class AgentSimulation {
   friend class FeatureCallback;
   class Replayer;
   class Retrier;
+  class Restarter;
 
   // A workload label: waiting for a retry, placed as a group, or refused.
   struct Label {
@@ -169,6 +180,10 @@ class AgentSimulation {
   U32 defragRunsChecked_ = 0;
   Kiln::Ptr<Replayer> replayer_;
   Kiln::Ptr<Retrier> retrier_;
+  Kiln::Ptr<Restarter> restarter_;
+  // The library checker's figures from before the last restart.
+  U64 tableChecksBefore_ = 0;
+  U64 tableViolationsBefore_ = 0;
   std::unique_ptr<DiagnosticServer> server_;
 
   Kiln::Seconds startTime_ = 0;

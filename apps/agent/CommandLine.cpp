@@ -58,6 +58,8 @@ void parseRunOption(const std::string& option, ArgumentReader& in, RunOptions& r
     // index, and so the top of the wide region, on an odd index.
     if (bound % 2 != 0) throw UsageError("--sim-bound must be even, not " + std::to_string(bound));
     run.simBound = static_cast<U16>(bound);
+  } else if (option == "--restart-every") {
+    run.restartEvery = in.number<double>(option, 0.001, 1e7);
   } else if (option == "--manual-clock") {
     run.manualClock = true;
   } else if (option == "--svg") {
@@ -133,6 +135,8 @@ std::string usageText() {
          "  --duration SECONDS  agent time of the built-in workload's churn (default 7200)\n"
          "  --sim-bound N       simulation mode with a table of N entries (even, 16..65534)\n"
          "  --manual-clock      run on a manual clock: hours of agent time in seconds\n"
+         "  --restart-every SECONDS\n"
+         "                      restart warm (snapshot, new state, restore) every SECONDS of agent time\n"
          "  --svg FILE          write the occupancy picture (start, worst, end)\n"
          "  --socket PATH       serve the diagnostic socket at PATH (mode 0600)\n"
          "  --serve             keep running after the workload (SIGINT, SIGTERM or quit end it)\n"
@@ -141,7 +145,8 @@ std::string usageText() {
          "  --check-every-write the library's whole-table check at every defragmenter write\n"
          "                      also above 8192 entries (slow on a full table)\n"
          "\n"
-         "requests: show free-entries | show group ID | get PATH | set PATH VALUE | help | quit\n";
+         "requests: show free-entries | show group ID | get PATH | set PATH VALUE | help | quit\n"
+         "          show restart | save\n";
 }
 
 }  // namespace Agent

@@ -37,6 +37,8 @@ struct RunOptions {
   // Run the library's whole-table check at every defragmenter write even
   // on a large table (slow).
   bool checkEveryWrite = false;
+  // Restart warm every this many seconds of agent time (0: never).
+  Kiln::Seconds restartEvery = 0;
 };
 
 struct ClientOptions {

@@ -148,6 +148,8 @@ std::string requestHelp() {
          "show group ID            a group and its next hops read back from the chip\n"
          "get PATH                 an attribute by path, e.g. nextHopManager.simMode\n"
          "set PATH VALUE           store an attribute, e.g. nextHopManager.defragManager.defragDelay 2.5\n"
+         "show restart             the last warm restart: outcome, restore time, words read and changed\n"
+         "save                     write the next-hop table's snapshot\n"
          "help                     this list\n"
          "quit                     stop the agent\n";
 }

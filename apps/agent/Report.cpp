@@ -85,10 +85,27 @@ void printReport(std::ostream& out, const Report& r) {
                                  std::to_string(r.viewMismatches.size()) + " differences");
   for (const std::string& mismatch : r.viewMismatches) line(out, "", mismatch);
 
+  if (!r.restarts.empty()) {
+    out << "Warm restarts\n";
+    U64 changed = 0;
+    for (const Report::Restart& restart : r.restarts) changed += restart.wordsChanged;
+    line(out, "restarts", std::to_string(r.restarts.size()) + ", " + std::to_string(changed) +
+                              " table words changed by the restores");
+    for (const Report::Restart& restart : r.restarts) line(out, "", restartText(restart));
+  }
+
   out << "Occupancy (free space below the swap index)\n";
   line(out, "start", occupancyText(r.start));
   line(out, "worst fragmentation", occupancyText(r.worst));
   line(out, "end", occupancyText(r.end));
+}
+
+std::string restartText(const Report::Restart& restart) {
+  char took[32];
+  snprintf(took, sizeof took, "%.1f ms", restart.restoreSeconds * 1e3);
+  return "t = " + seconds(restart.agentTime) + " (" + restart.cause + "): " + restart.outcome +
+         ", restore " + took + ", " + std::to_string(restart.wordsRead) + " chip words read, " +
+         std::to_string(restart.wordsChanged) + " changed";
 }
 
 }  // namespace Agent

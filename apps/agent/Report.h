@@ -83,6 +83,21 @@ struct Report {
   U64 tableChecks = 0;
   U64 tableViolations = 0;
   std::vector<std::string> tableProblems;
+  // Warm restarts: each saved the snapshot, dropped the state and the
+  // manager and restored them on the same chip.
+  struct Restart {
+    Kiln::Seconds agentTime = 0;
+    // What asked for it ("workload request", "every 600.0 s").
+    std::string cause;
+    // "warm", "rewritten" or "cold", and why it went cold.
+    std::string outcome;
+    // Real time of the restore, the table words it read from the chip and
+    // the table words that differ afterwards from before the restart.
+    Kiln::Seconds restoreSeconds = 0;
+    U64 wordsRead = 0;
+    U64 wordsChanged = 0;
+  };
+  std::vector<Restart> restarts;
   // Feature views: groups each feature believes it owns, checked against
   // the manager's records at the end; differences found.
   U64 viewGroupsChecked = 0;
@@ -98,10 +113,17 @@ struct Report {
 
   // True when every check passed.
   bool passed() const {
+    for (const Restart& restart : restarts) {
+      if (restart.wordsChanged != 0) return false;
+    }
     return hitlessViolations == 0 && tableViolations == 0 && viewMismatches.empty() &&
            readMismatches == 0;
   }
 };
+
+// One restart in a line: when, why, outcome, restore time, words read and
+// changed.
+std::string restartText(const Report::Restart& restart);
 
 // Writes the report as text (everything but the free-entry summary, which
 // the manager writes itself).

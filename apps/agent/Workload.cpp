@@ -93,9 +93,12 @@ class LineParser {
       r.kind = RequestKind::sleep;
       expectBetween(2, 2, "sleep SECONDS");
       r.seconds = seconds(1);
+    } else if (keyword == "restart") {
+      r.kind = RequestKind::restart;
+      expectBetween(1, 1, "restart");
     } else {
       fail("unknown request '" + std::string(keyword) +
-           "' (requests: create, delete, update, read, add-feature, sleep)");
+           "' (requests: create, delete, update, read, add-feature, sleep, restart)");
     }
     return r;
   }
@@ -177,6 +180,7 @@ const char* requestKindName(RequestKind kind) {
     case RequestKind::read: return "read";
     case RequestKind::addFeature: return "add-feature";
     case RequestKind::sleep: return "sleep";
+    case RequestKind::restart: return "restart";
   }
   return "?";
 }
@@ -204,6 +208,7 @@ std::string requestText(const Request& r) {
       out << ' ' << std::string_view(buffer, result.ptr - buffer);
       break;
     }
+    case RequestKind::restart: break;
   }
   return out.str();
 }
@@ -235,7 +240,7 @@ Workload parseWorkload(std::istream& in) {
         parser.fail("label '" + r.label + "' is already in use (created on line " +
                     std::to_string(at->second) + ")");
       }
-    } else if (r.kind != RequestKind::sleep) {
+    } else if (r.kind != RequestKind::sleep && r.kind != RequestKind::restart) {
       if (live.find(r.label) == live.end()) {
         parser.fail("label '" + r.label + "' names no group (not created, or deleted)");
       }

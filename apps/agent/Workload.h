@@ -38,6 +38,7 @@ enum class RequestKind : U8 {
   read,        // readNextHop, compared with what the feature wrote
   addFeature,  // addFeatureToGroup ("add-feature")
   sleep,       // let agent time pass
+  restart,     // the agent restarts warm: snapshot, new state, restore
 };
 
 // Returns the workload keyword of a kind ("create", "delete", ...).

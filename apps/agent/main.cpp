@@ -63,6 +63,7 @@ Agent::AgentConfig configFor(const Agent::RunOptions& options) {
   config.serve = options.serve;
   config.progress = options.progress.value_or(isatty(STDERR_FILENO) == 1);
   if (options.checkEveryWrite) config.tableCheckEveryWriteUpTo = 65534;
+  config.restartEvery = options.restartEvery;
   if (!config.manualClock) config.settleLimit = 30;
   return config;
 }

@@ -2,6 +2,7 @@
 // teardown.
 #include "Brevant/NextHopManager.h"
 
+#include "BlankManagerConstruction.h"
 #include "Brevant/DefragManager.h"
 #include "Brevant/NextHopAccess.h"
 #include "Brevant/NextHopTrace.h"
@@ -22,9 +23,18 @@ constexpr U16 lastPoolIndex = tableBound - 1;
 constexpr S32 reservedPort0 = 65532;
 constexpr S32 reservedPort1 = 65530;
 
+// Blank constructions alive on this thread.
+thread_local U32 blankConstructions = 0;
+
 }  // namespace
 
-void NextHopManager::constructHook() { initHandler(); }
+BlankManagerConstruction::BlankManagerConstruction() { ++blankConstructions; }
+BlankManagerConstruction::~BlankManagerConstruction() { --blankConstructions; }
+bool BlankManagerConstruction::active() { return blankConstructions > 0; }
+
+void NextHopManager::constructHook() {
+  if (!BlankManagerConstruction::active()) initHandler();
+}
 
 void NextHopManager::destructHook() {
   // Groups go first, then the defragmenter; the collections then follow in

@@ -106,6 +106,10 @@ std::vector<MemberText> TypeRecord::members(const PtrInterface& o, std::string_v
   return kilnMembers(o, indexOf(name));
 }
 
+void TypeRecord::memberIs(PtrInterface& o, U32 index, std::string_view keyText,
+                          std::string_view valueText) const {
+  kilnMemberIs(o, index, keyText, valueText);
+}
 void TypeRecord::memberIs(PtrInterface& o, std::string_view name, std::string_view keyText,
                           std::string_view valueText) const {
   kilnMemberIs(o, indexOf(name), keyText, valueText);

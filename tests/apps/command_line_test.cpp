@@ -90,3 +90,10 @@ TEST(CommandLine, HelpListsCommandsAndRequests) {
   EXPECT_THAT(usageText(), HasSubstr("brevant-agent client --socket PATH REQUEST..."));
   EXPECT_THAT(usageText(), HasSubstr("show free-entries | show group ID | get PATH | set PATH VALUE"));
 }
+
+TEST(CommandLine, RestartEveryTakesSecondsOfAgentTime) {
+  EXPECT_EQ(parseCommandLine({"run", "--restart-every", "600"}).run.restartEvery, 600.0);
+  EXPECT_EQ(parseCommandLine({}).run.restartEvery, 0.0);
+  EXPECT_NE(usageErrorOf({"run", "--restart-every", "0"}), "no error");
+  EXPECT_THAT(usageText(), ::testing::HasSubstr("show restart | save"));
+}

@@ -98,6 +98,7 @@ TEST(Workload, ReportsBadFieldsWithTheirLine) {
   EXPECT_EQ(errorOf("create a narrow\n").message(),
             "expected: create LABEL narrow|wide SIZE FEATURE [fixed|variable] [mcast]");
   EXPECT_EQ(errorOf("sleep\n").message(), "expected: sleep SECONDS");
+  EXPECT_EQ(errorOf("restart now\n").message(), "expected: restart");
   EXPECT_EQ(errorOf("sleep -1\n").message(), "seconds '-1' is not a number from 0 to 1e6");
   EXPECT_EQ(errorOf("sleep nan\n").message(), "seconds 'nan' is not a number from 0 to 1e6");
   EXPECT_EQ(errorOf("sleep 2000000\n").message(), "seconds '2000000' is not a number from 0 to 1e6");
@@ -228,4 +229,12 @@ TEST(BuiltInWorkload, IsAValidWorkloadWithRouteChurn) {
   EXPECT_LT(large, unicastSizes[1]);
   // The table is kept nearly full: about 85% after convergence, more at peaks.
   EXPECT_GE(plannedPeak, 4000u * 85 / 100);
+}
+
+TEST(Workload, RestartIsARequestOfItsOwnThatReadsBack) {
+  const Workload w = parseWorkload("create a narrow 2 nat\nrestart   # warm\nread a 1\n");
+  ASSERT_EQ(w.size(), 3u);
+  EXPECT_EQ(w[1].kind, RequestKind::restart);
+  EXPECT_EQ(requestText(w[1]), "restart");
+  EXPECT_EQ(parseWorkload(requestText(w[1]))[0].kind, RequestKind::restart);
 }

@@ -133,6 +133,8 @@ class TypeRecord {
 
   // Stores a member of a value-valued collection or queue through its
   // generated xIs(key, value).
+  void memberIs(PtrInterface& o, U32 index, std::string_view keyText,
+                std::string_view valueText) const;
   void memberIs(PtrInterface& o, std::string_view name, std::string_view keyText,
                 std::string_view valueText) const;
 

@@ -1,0 +1,472 @@
+// Warm restart: a snapshot written by one manager builds another on the chip
+// the first one programmed. The two managers' records are compared field by
+// field through their type records, and the chip must see no write that
+// changes a word; disagreements and bad snapshots end as the caller's policy
+// says.
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "Brevant/BrevantCommonSmData.h"
+#include "Brevant/HitlessChecker.h"
+#include "Brevant/NextHopAccess.h"
+#include "Brevant/WarmRestart.h"
+#include "next_hop_table_fixture.h"
+#include "support/RecordComparison.h"
+
+namespace {
+
+using namespace NextHopTest;
+using Brevant::RestoreDifference;
+using Brevant::RestoreOptions;
+using Brevant::RestorePolicy;
+using Brevant::RestoreResult;
+using Brevant::SnapshotError;
+
+// The chip's write calls since the log was last emptied.
+std::vector<FmSim::Call> writeCalls() {
+  std::vector<FmSim::Call> writes;
+  for (const FmSim::Call& c : FmSim::calls()) {
+    if (c.function == FmSim::Function::writeUINT64Mult) writes.push_back(c);
+  }
+  return writes;
+}
+
+// Every table word from 0 to bound - 1.
+std::vector<U64> tableWords(U32 bound = tableBound) {
+  std::vector<U64> words(bound);
+  for (U32 i = 0; i < bound; ++i) words[i] = FmSim::tableWord(i);
+  return words;
+}
+
+std::string readAll(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+void writeAll(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+// The text with its header's checksum made right again for the body (so
+// that a test reaches the checks behind the checksum).
+std::string resealed(const std::string& text) {
+  size_t pos = 0;
+  for (int line = 0; line < 3; ++line) pos = text.find('\n', pos) + 1;
+  const std::string body = text.substr(pos);
+  char checksum[17];
+  std::snprintf(checksum, sizeof checksum, "%016llx",
+                static_cast<unsigned long long>(Brevant::snapshotChecksum(body)));
+  return "brevant-next-hop-snapshot 1\nlength " + std::to_string(body.size()) +
+         "\nchecksum fnv1a-64w " + checksum + "\n" + body;
+}
+
+class WarmRestartTest : public NextHopTableTest {
+ protected:
+  void SetUp() override {
+    NextHopTableTest::SetUp();
+    char name[] = "/tmp/brevant-snapshot-XXXXXX";
+    const int fd = mkstemp(name);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    path_ = name;
+  }
+  void TearDown() override {
+    std::remove(path_.c_str());
+    NextHopTableTest::TearDown();
+  }
+
+  // Saves the fixture's manager and builds a new one from the snapshot,
+  // keeping the old one for comparison. Checks that the restore made no
+  // chip write and left every table word as it was.
+  Kiln::Ptr<NextHopManager> roundTrip(RestoreResult* result = nullptr,
+                                      const RestoreOptions& options = {}) {
+    Brevant::saveSnapshot(m(), path_);
+    const std::vector<U64> before = tableWords();
+    FmSim::callsDelAll();
+    RestoreResult scratch;
+    RestoreResult& r = result ? *result : scratch;
+    Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManager(path_, options, &r);
+    EXPECT_EQ(r.outcome, RestoreResult::Outcome::warm) << (r.differences.empty() ? r.coldReason : r.differences[0].text);
+    EXPECT_TRUE(writeCalls().empty());
+    EXPECT_EQ(r.wordsWritten, 0u);
+    EXPECT_EQ(tableWords(), before);
+    return restored;
+  }
+
+  void expectSameRecords(const NextHopManager& restored) {
+    const std::vector<std::string> differences = recordDifferences(m(), restored);
+    EXPECT_TRUE(differences.empty()) << ::testing::PrintToString(differences);
+  }
+
+  // Narrow and wide groups, some deleted again, one extended and one
+  // rewritten: holes, released entries and every kind of record.
+  void fragment(U32 groups) {
+    std::vector<S32> ids;
+    for (U32 i = 0; i < groups; ++i) {
+      const S32 id = create(U16(1 + i % 7), i % 3 == 0, 0x100000 * (i + 1));
+      ASSERT_GT(id, 0) << i;
+      ids.push_back(id);
+    }
+    for (size_t i = 0; i < ids.size(); i += 3) ASSERT_EQ(m().deleteECMPGroup(0, U16(ids[i])), 0);
+    ASSERT_EQ(m().addFeatureToGroup(U16(ids[1]), Brevant::RoutingNatFeature), 0);
+    ASSERT_EQ(m().updateECMPGroup(0, ids[2], wordRun(m().ecmpGroups(U16(ids[2]))->size(), 0xABC00),
+                                  wordRun(8, 0xDEF00)),
+              0);
+    m().getECMPGroup(60000);  // the placeholder group 65535
+  }
+
+  std::string path_;
+};
+
+TEST_F(WarmRestartTest, AFreshManagerComesBackIdentical) {
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> restored = roundTrip(&result);
+  expectSameRecords(*restored);
+  EXPECT_EQ(result.groups, 2u);
+  EXPECT_EQ(restored->freeEntries().members(), 65531u);
+  EXPECT_TRUE(restored->initialized());
+}
+
+TEST_F(WarmRestartTest, AFragmentedFullSizeTableComesBackWithEveryGroupAtItsBase) {
+  fragment(300);
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> restored = roundTrip(&result);
+  expectSameRecords(*restored);
+  for (const auto& g : m().ecmpGroups()) {
+    EXPECT_EQ(restored->getECMPGroup(g.key())->hwStartIndex(), g.value()->hwStartIndex());
+  }
+  // The table up to its last free entry, 65533, in one read.
+  EXPECT_EQ(result.wordsRead, U64(tableBound));
+  // The restored manager goes on exactly as the old one would.
+  EXPECT_EQ(restored->createECMPGroup(0, false, true, 2, wordRun(2, 1), wordRun(2, 2),
+                                      Brevant::RoutingUnicastFeature, false),
+            m().createECMPGroup(0, false, true, 2, wordRun(2, 1), wordRun(2, 2),
+                                Brevant::RoutingUnicastFeature, false));
+  expectSameRecords(*restored);
+}
+
+TEST_F(WarmRestartTest, AFullSimulatedTableComesBackIdentical) {
+  m().setSimulationMode(true, 256);
+  while (create(5) > 0) {
+  }
+  while (create(1) > 0) {
+  }
+  expectSameRecords(*roundTrip());
+}
+
+TEST_F(WarmRestartTest, SimulationModeSwitchesAreKeptWithTheirTrimmedPools) {
+  m().setSimulationMode(true, 512);
+  fragment(40);
+  m().setSimulationMode(false, 512);
+  m().setSimulationMode(true, 400);  // the pools are trimmed at 400
+  m().setSimulationMode(true, 300);  // only the bound changes
+  Kiln::Ptr<NextHopManager> restored = roundTrip();
+  expectSameRecords(*restored);
+  EXPECT_EQ(restored->getNextHopTableBound(), 300);
+  EXPECT_EQ(restored->lastWideIndex(), m().lastWideIndex());
+}
+
+TEST_F(WarmRestartTest, AScheduledDefragmentationIsScheduledAgainAndRunsOnTheRestoredTable) {
+  m().setSimulationMode(true, 128);
+  fragment(12);
+  // A group longer than any hole asks for a defragmentation.
+  while (create(6) > 0) {
+  }
+  ASSERT_TRUE(defrag().scheduleDefragment());
+  clock_->advance(1.0);
+  Kiln::Ptr<NextHopManager> restored = roundTrip();
+  expectSameRecords(*restored);
+  const U32 oldRuns = defrag().defragCount();
+  manager_ = nullptr;  // the old process is gone: its timer with it
+  clock_->advance(restored->defragManager()->defragDelay() - 0.5);
+  EXPECT_EQ(restored->defragManager()->defragCount(), oldRuns);
+  clock_->advance(1.0);
+  EXPECT_GT(restored->defragManager()->defragCount(), oldRuns);
+  expectTableMatchesRecords(*restored);
+}
+
+TEST_F(WarmRestartTest, AManagerCaughtBetweenTwoDefragmentationRunsComesBackIdentical) {
+  m().setSimulationMode(true, 256);
+  // Groups of 4 fill the table; every other one goes: holes of 4 only.
+  std::vector<S32> ids;
+  for (S32 id; (id = create(4, false, 0x1000 * (ids.size() + 1))) > 0;) ids.push_back(id);
+  for (size_t i = 0; i < ids.size(); i += 2) ASSERT_EQ(m().deleteECMPGroup(0, U16(ids[i])), 0);
+  ASSERT_EQ(create(8), -2);
+  ASSERT_TRUE(defrag().scheduleDefragment());
+  // Each chip write takes 0.06 s: the 0.1 s budget ends the run after its
+  // first move, and the timer is armed again.
+  U32 writes = 0;
+  FmSim::writeObserverIs([&](const FmSim::Call&, const U64*) {
+    ++writes;
+    clock_->advance(0.06);
+  });
+  clock_->advance(defrag().defragDelay());
+  FmSim::writeObserverIs({});
+  ASSERT_GT(writes, 0u);
+  ASSERT_EQ(defrag().defragCount(), 1u);
+  ASSERT_TRUE(defrag().scheduleDefragment());
+  Kiln::Ptr<NextHopManager> restored = roundTrip();
+  expectSameRecords(*restored);
+  // The restored table finishes the compaction the old one began.
+  manager_ = nullptr;
+  for (int i = 0; i < 40 && restored->defragManager()->scheduleDefragment(); ++i) {
+    clock_->advance(restored->defragManager()->defragDelay());
+  }
+  EXPECT_FALSE(restored->defragManager()->scheduleDefragment());
+  EXPECT_GT(restored->defragManager()->defragCount(), 1u);
+  expectTableMatchesRecords(*restored);
+}
+
+TEST_F(WarmRestartTest, TheSharedStateGetsTheRestoredManager) {
+  fragment(20);
+  Brevant::saveSnapshot(m(), path_);
+  Kiln::Ptr<Brevant::BrevantCommonSmData> state =
+      Brevant::BrevantCommonSmData::BrevantCommonSmDataIs("agent");
+  FmSim::callsDelAll();
+  const RestoreResult result = Brevant::restoreNextHopManager(*state, path_);
+  EXPECT_EQ(result.outcome, RestoreResult::Outcome::warm);
+  ASSERT_TRUE(state->nextHopManager());
+  expectSameRecords(*state->nextHopManager());
+  EXPECT_TRUE(writeCalls().empty());
+}
+
+TEST_F(WarmRestartTest, TheSnapshotIsReplacedWholeAndLeavesNoTemporaryFile) {
+  Brevant::saveSnapshot(m(), path_);
+  const std::string first = readAll(path_);
+  create(4);
+  Brevant::saveSnapshot(m(), path_);
+  EXPECT_NE(readAll(path_), first);
+  EXPECT_EQ(readAll(path_), Brevant::snapshotText(m()));
+  EXPECT_NE(access((path_ + ".tmp." + std::to_string(getpid())).c_str(), F_OK), 0);
+  EXPECT_THROW(Brevant::saveSnapshot(m(), "/nonexistent-directory/snapshot"), Kiln::ErrnoException);
+  EXPECT_EQ(readAll(path_), Brevant::snapshotText(m()));
+}
+
+// ---- Bad snapshots.
+
+void expectProblem(const std::string& path, SnapshotError::Problem problem, const char* words) {
+  try {
+    Brevant::restoreNextHopManager(path);
+    ADD_FAILURE() << "no error";
+  } catch (const SnapshotError& e) {
+    EXPECT_EQ(e.problem(), problem) << e.what();
+    EXPECT_THAT(e.what(), ::testing::HasSubstr(words));
+  }
+}
+
+TEST_F(WarmRestartTest, AMissingSnapshotIsAClearError) {
+  std::remove(path_.c_str());
+  expectProblem(path_, SnapshotError::Problem::missing, "no snapshot at");
+}
+
+TEST_F(WarmRestartTest, ATruncatedSnapshotIsAClearError) {
+  const std::string text = Brevant::snapshotText(m());
+  for (size_t cut : {size_t(0), size_t(10), size_t(40), text.size() / 2, text.size() - 1}) {
+    writeAll(path_, text.substr(0, cut));
+    expectProblem(path_, SnapshotError::Problem::truncated, "truncated snapshot");
+  }
+}
+
+TEST_F(WarmRestartTest, AChangedByteFailsTheChecksum) {
+  std::string text = Brevant::snapshotText(m());
+  text[text.size() - 20] ^= 1;
+  writeAll(path_, text);
+  expectProblem(path_, SnapshotError::Problem::corrupt, "checksum mismatch");
+}
+
+TEST_F(WarmRestartTest, ASnapshotOfAnotherVersionIsNamedAsSuch) {
+  std::string text = Brevant::snapshotText(m());
+  text.replace(0, text.find('\n'), "brevant-next-hop-snapshot 7");
+  writeAll(path_, text);
+  expectProblem(path_, SnapshotError::Problem::otherVersion, "format version 7");
+}
+
+TEST_F(WarmRestartTest, AFileThatIsNoSnapshotIsCorrupt) {
+  writeAll(path_, "hello\nworld\nagain\n");
+  expectProblem(path_, SnapshotError::Problem::corrupt, "not a next-hop snapshot");
+}
+
+TEST_F(WarmRestartTest, ABodyThatPassesTheChecksumButBreaksTheRecordsIsCorrupt) {
+  fragment(10);
+  const std::string text = Brevant::snapshotText(m());
+  const Kiln::Ptr<ECMPGroup> group = m().ecmpGroups(4);
+  ASSERT_TRUE(group);
+  // The group's first entry said to be free.
+  const std::string line = "member\tfreeEntries\t" + std::to_string(group->hwStartIndex()) + "\tTrue\n";
+  const size_t pos = text.find("\nrun\tfreeEntries\t");
+  ASSERT_NE(pos, std::string::npos);
+  writeAll(path_, resealed(text.substr(0, pos + 1) + line + text.substr(pos + 1)));
+  expectProblem(path_, SnapshotError::Problem::corrupt, "is not allocated");
+  // An attribute the type has not.
+  writeAll(path_, resealed(text.substr(0, pos + 1) + "attr\tnoSuchThing\t1\n" + text.substr(pos + 1)));
+  expectProblem(path_, SnapshotError::Problem::corrupt, "has no attribute noSuchThing");
+  // A value that does not parse as its type.
+  std::string badValue = text;
+  const size_t attr = badValue.find("attr\tlastNarrowIndex\t");
+  badValue.insert(attr + 21, "x");
+  writeAll(path_, resealed(badValue));
+  expectProblem(path_, SnapshotError::Problem::corrupt, "corrupt snapshot");
+}
+
+TEST_F(WarmRestartTest, ABadSnapshotStartsColdOnlyWhenAskedTo) {
+  fragment(10);
+  std::remove(path_.c_str());
+  RestoreOptions options;
+  options.coldOnBadSnapshot = true;
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> cold = Brevant::restoreNextHopManager(path_, options, &result);
+  EXPECT_EQ(result.outcome, RestoreResult::Outcome::cold);
+  EXPECT_THAT(result.coldReason, ::testing::HasSubstr("no snapshot at"));
+  EXPECT_EQ(cold->ecmpGroups().members(), 2u);
+  EXPECT_EQ(cold->freeEntries().members(), 65531u);
+}
+
+// ---- A chip that disagrees.
+
+TEST_F(WarmRestartTest, OneChangedEntryIsListedAndRefusedByDefault) {
+  fragment(20);
+  Brevant::saveSnapshot(m(), path_);
+  const Kiln::Ptr<ECMPGroup> group = m().ecmpGroups(5);
+  ASSERT_TRUE(group && group->size() >= 2);
+  FmSim::tableWordIs(group->hwStartIndex() + 1, 0xBAD);
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManager(path_, {}, &result);
+  EXPECT_EQ(result.outcome, RestoreResult::Outcome::cold);
+  ASSERT_EQ(result.differences.size(), 1u);
+  EXPECT_EQ(result.differences[0].kind, RestoreDifference::Kind::groupWords);
+  EXPECT_EQ(result.differences[0].groupId, 5);
+  EXPECT_EQ(result.differences[0].index, group->hwStartIndex());
+  EXPECT_THAT(result.differences[0].text, ::testing::HasSubstr("1 of its"));
+  EXPECT_EQ(restored->ecmpGroups().members(), 2u);  // cold: the reserved groups only
+}
+
+TEST_F(WarmRestartTest, OneChangedEntryIsRewrittenFromTheSnapshotWhenAsked) {
+  fragment(20);
+  Brevant::saveSnapshot(m(), path_);
+  const Kiln::Ptr<ECMPGroup> group = m().ecmpGroups(5);
+  const U64 right = FmSim::tableWord(group->hwStartIndex() + 1);
+  FmSim::tableWordIs(group->hwStartIndex() + 1, 0xBAD);
+  FmSim::callsDelAll();
+  RestoreOptions options;
+  options.policy = RestorePolicy::rewrite;
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManager(path_, options, &result);
+  EXPECT_EQ(result.outcome, RestoreResult::Outcome::rewritten);
+  ASSERT_EQ(result.differences.size(), 1u);
+  EXPECT_EQ(FmSim::tableWord(group->hwStartIndex() + 1), right);
+  const std::vector<FmSim::Call> writes = writeCalls();
+  ASSERT_EQ(writes.size(), 1u);
+  EXPECT_EQ(writes[0].address, Brevant::nextHopRegister(group->hwStartIndex()));
+  EXPECT_EQ(U64(writes[0].count), result.wordsWritten);
+  expectSameRecords(*restored);
+  expectTableMatchesRecords(*restored);
+}
+
+TEST_F(WarmRestartTest, AChangedReservedEntryIsListed) {
+  Brevant::saveSnapshot(m(), path_);
+  FmSim::tableWordIs(2, 7);
+  RestoreOptions options;
+  options.policy = RestorePolicy::rewrite;
+  RestoreResult result;
+  Brevant::restoreNextHopManager(path_, options, &result);
+  ASSERT_EQ(result.differences.size(), 1u);
+  EXPECT_EQ(result.differences[0].kind, RestoreDifference::Kind::reservedEntry);
+  EXPECT_EQ(result.differences[0].groupId, 1);
+  EXPECT_EQ(FmSim::tableWord(2), reservedWord(2));
+}
+
+TEST_F(WarmRestartTest, AFreeEntryWrittenSinceTheSnapshotIsListed) {
+  fragment(20);
+  Brevant::saveSnapshot(m(), path_);
+  const U16 free = m().freeEntries().first()->key();
+  FmSim::tableWordIs(free, 0xFEED);
+  RestoreResult result;
+  Brevant::restoreNextHopManager(path_, {}, &result);
+  EXPECT_EQ(result.outcome, RestoreResult::Outcome::cold);
+  ASSERT_EQ(result.differences.size(), 1u);
+  EXPECT_EQ(result.differences[0].kind, RestoreDifference::Kind::freeEntries);
+  EXPECT_EQ(result.differences[0].index, free);
+}
+
+TEST_F(WarmRestartTest, ASnapshotOfAnotherTableBoundStartsCold) {
+  m().setSimulationMode(true, 1024);
+  fragment(5);
+  Brevant::saveSnapshot(m(), path_);
+  RestoreOptions options;
+  options.policy = RestorePolicy::rewrite;
+  options.expectedTableBound = 2048;
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManager(path_, options, &result);
+  EXPECT_EQ(result.outcome, RestoreResult::Outcome::cold);
+  ASSERT_EQ(result.differences.size(), 1u);
+  EXPECT_EQ(result.differences[0].kind, RestoreDifference::Kind::tableBound);
+  EXPECT_THAT(result.coldReason, ::testing::HasSubstr("1024, not 2048"));
+  options.expectedTableBound = 1024;
+  Brevant::restoreNextHopManager(path_, options, &result);
+  EXPECT_EQ(result.outcome, RestoreResult::Outcome::warm);
+}
+
+// ---- A restart in the middle of random churn, with the hitless checker on.
+
+TEST_F(WarmRestartTest, RestartsInsideRandomChurnKeepTheTableHitless) {
+  m().setSimulationMode(true, 512);
+  std::mt19937 rng(14);
+  auto random = [&](U32 below) { return std::uniform_int_distribution<U32>(0, below - 1)(rng); };
+  std::vector<U16> live;
+  U64 fresh = 0xC0DE000000000000ull;
+  U32 restarts = 0;
+  auto checker = std::make_unique<Brevant::HitlessChecker>(
+      m(), [](U16 i) { return FmSim::tableWord(i); });
+  // Every chip write (the defragmenter's moves) is checked as it happens.
+  U64 violations = 0;
+  FmSim::writeObserverIs([&](const FmSim::Call&, const U64*) {
+    if (checker) violations += checker->check();
+  });
+  for (U32 step = 0; step < 3000; ++step) {
+    const U32 choice = random(100);
+    if (choice < 45) {
+      const U16 size = U16(1 + random(4));
+      const bool wide = random(4) == 0;
+      fresh += 32;
+      const S32 id = m().createECMPGroup(0, wide, true, size, wordRun(size, fresh),
+                                         wordRun(size, fresh + 16),
+                                         Brevant::RoutingUnicastFeature, false);
+      if (id > 0) live.push_back(U16(id));
+    } else if (choice < 85 && !live.empty()) {
+      const size_t k = random(U32(live.size()));
+      ASSERT_EQ(m().deleteECMPGroup(0, live[k]), 0);
+      live.erase(live.begin() + k);
+    } else if (choice < 97) {
+      clock_->advance(1.0);  // lets a scheduled defragmentation run
+    } else {
+      // The process restarts: save, drop everything, build again.
+      checker.reset();
+      Brevant::saveSnapshot(m(), path_);
+      const std::vector<U64> before = tableWords(512);
+      FmSim::callsDelAll();
+      Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManager(path_);
+      EXPECT_TRUE(writeCalls().empty());
+      EXPECT_EQ(tableWords(512), before);
+      const std::vector<std::string> differences = recordDifferences(m(), *restored);
+      ASSERT_TRUE(differences.empty()) << ::testing::PrintToString(differences);
+      manager_ = restored;
+      ++restarts;
+      checker = std::make_unique<Brevant::HitlessChecker>(
+          m(), [](U16 i) { return FmSim::tableWord(i); });
+      ASSERT_EQ(checker->checkSettled(), 0u) << checker->report();
+      for (U16 id : live) EXPECT_EQ(m().getECMPGroup(id)->groupId(), id);
+    }
+    ASSERT_EQ(checker->check(), 0u) << checker->report();
+  }
+  FmSim::writeObserverIs({});
+  EXPECT_EQ(violations, 0u);
+  EXPECT_GT(restarts, 30u);
+}
+
+}  // namespace
