@@ -24,7 +24,11 @@ constexpr S32 reservedPort1 = 65530;
 
 }  // namespace
 
-void NextHopManager::constructHook() { initHandler(); }
+void NextHopManager::constructHook() {
+  // The counters exist before the pools are filled, so that they see it.
+  resourcesIs();
+  initHandler();
+}
 
 void NextHopManager::destructHook() {
   // Groups go first, then the defragmenter; the collections then follow in
@@ -66,6 +70,7 @@ void NextHopManager::initHandler() {
     }
     for (U32 i = 3; i < getNextHopTableBound(); ++i) {
       freeEntriesIs(U16(i), true);
+      freeRuns.entryIs(U16(i), true);
       freeGroupIdsIs(U16(i), true);
     }
   }
@@ -73,6 +78,7 @@ void NextHopManager::initHandler() {
   lastWideIndexIs(getNextHopTableSwapIndex());
   defragManagerIs(DefragManager::DefragManagerIs(this));
   initializedIs(true);
+  refreshResources();
 }
 
 void NextHopManager::simModeIs(bool simMode) {
@@ -93,8 +99,10 @@ void NextHopManager::handleSimulationMode() {
       freeEntriesIs(U16(i), true);
       freeGroupIdsIs(U16(i), true);
     }
+    freeRuns.entryIs(U16(i), !simMode_);
   }
   lastWideIndexIs(getNextHopTableSwapIndex());
+  refreshResources();
 }
 
 void NextHopManager::setSimulationMode(bool mode, U16 size) {
