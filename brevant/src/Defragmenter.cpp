@@ -54,7 +54,7 @@ void DefragManager::handleDefragSchedulerTimeOut() {
     defragCountIs(defragCount_ + 1);
     const Kiln::Seconds start = Kiln::now();
     defragment();
-    nhm_->resources()->compactionRunIs(Kiln::now() - start, scheduleDefragment_);
+    nhm_->resources_->compactionRunIs(Kiln::now() - start, scheduleDefragment_);
     nhm_->refreshResources();
     // A pass that ran out of time asked for another run.
     if (scheduleDefragment_) {

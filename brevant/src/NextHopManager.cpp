@@ -25,8 +25,6 @@ constexpr S32 reservedPort1 = 65530;
 }  // namespace
 
 void NextHopManager::constructHook() {
-  // The counters exist before the pools are filled, so that they see it.
-  resourcesIs();
   initHandler();
 }
 

@@ -158,18 +158,23 @@ S32 NextHopManager::createRefused(S32 code) {
   return code;
 }
 
-GroupPlacement NextHopManager::groupPlacement(U16 size, bool wide) {
-  // The same tests as createECMPGroup and findAvailableBlock, read from the
-  // published figures.
-  if (!initialized_ || size == 0 || size > maxGroupSize || !hasFreeGroupIdIn(*this)) {
+Kiln::Ptr<NextHopResources> NextHopResources::NextHopResourcesIs(NextHopManager* nhm) {
+  Kiln::Ptr<NextHopResources> resources = Kiln::validPtr(Kiln::kilnNew<NextHopResources>(nhm));
+  resources->hasNotificationActiveIs(true);
+  return resources;
+}
+
+GroupPlacement NextHopResources::groupPlacement(U16 size, bool wide) {
+  // The tests of createECMPGroup and findAvailableBlock, on the figures as
+  // published after the manager's last operation.
+  const NextHopManager& m = *nhm_;
+  if (!m.initialized() || size == 0 || size > maxGroupSize || !hasFreeGroupIdIn(m)) {
     return GroupPlacement::cannotFit;
   }
-  refreshResources();
   const U32 length = U32(size) * (wide ? 2 : 1);
   if (length > maxBlockEntries) return GroupPlacement::cannotFit;
-  const U32 largest = wide ? resources_->largestWideBlock() : resources_->largestNarrowBlock();
-  if (largest >= length) return GroupPlacement::placeNow;
-  if (freeEntries_.members() >= length) return GroupPlacement::needsCompaction;
+  if ((wide ? largestWideBlock_ : largestNarrowBlock_) >= length) return GroupPlacement::placeNow;
+  if (m.freeEntries().members() >= length) return GroupPlacement::needsCompaction;
   return GroupPlacement::cannotFit;
 }
 

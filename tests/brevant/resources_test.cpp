@@ -292,3 +292,112 @@ INSTANTIATE_TEST_SUITE_P(SmallTable, ResourcesRandomTest,
                                          std::make_tuple(5u, U16(512), 3000)));
 
 }  // namespace
+
+namespace {
+
+using namespace NextHopTest;
+using Brevant::GroupPlacement;
+using Brevant::NextHopResources;
+
+// Counts the alarm handlers called.
+class AlarmWatch : public NextHopResources::NotifieeConst {
+ public:
+  void onUsedAlarm() override { ++usedCalls; }
+  void onFragmentationAlarm() override { ++fragmentationCalls; }
+  int usedCalls = 0;
+  int fragmentationCalls = 0;
+};
+
+TEST_F(NextHopTableTest, UsedWatermarksNotifyOncePerCrossingWithHysteresis) {
+  m().setSimulationMode(true, 100);  // bound 100, 3 entries never free
+  NextHopResources& res = *m().resources();
+  AlarmWatch watch;
+  watch.notifierIs(m().resources());
+  res.usedHighWatermarkIs(50);
+  res.usedLowWatermarkIs(30);
+  ASSERT_EQ(create(40), 3);  // 43% used
+  EXPECT_FALSE(res.usedAlarm());
+  ASSERT_EQ(create(10), 4);  // 53%: raised
+  EXPECT_TRUE(res.usedAlarm());
+  EXPECT_EQ(watch.usedCalls, 1);
+  ASSERT_EQ(create(5), 5);  // still above: no new call
+  ASSERT_EQ(m().deleteECMPGroup(0, 5), 0);
+  ASSERT_EQ(m().deleteECMPGroup(0, 4), 0);  // 43%: between the watermarks, still raised
+  EXPECT_TRUE(res.usedAlarm());
+  EXPECT_EQ(watch.usedCalls, 1);
+  ASSERT_EQ(m().deleteECMPGroup(0, 3), 0);  // 3%: cleared
+  EXPECT_FALSE(res.usedAlarm());
+  EXPECT_EQ(watch.usedCalls, 2);
+  ASSERT_EQ(create(60), 3);  // raised again
+  EXPECT_EQ(watch.usedCalls, 3);
+  res.usedHighWatermarkIs(0);  // off: cleared
+  EXPECT_FALSE(res.usedAlarm());
+  EXPECT_EQ(watch.usedCalls, 4);
+}
+
+TEST_F(NextHopTableTest, AlarmsAreTraced) {
+  m().setSimulationMode(true, 100);
+  Trace::Capture capture(Brevant::nextHopTrace(), Trace::allLevels);
+  m().resources()->usedHighWatermarkIs(50);
+  ASSERT_EQ(create(60), 3);
+  EXPECT_THAT(capture.texts(3), testing::Contains("Next-hop table use 63% reached the high watermark 50%"));
+  ASSERT_EQ(m().deleteECMPGroup(0, 3), 0);
+  EXPECT_THAT(capture.texts(3), testing::Contains("Next-hop table use 3% is back at the low watermark 0%"));
+}
+
+TEST_F(NextHopTableTest, FragmentationWatermarkFollowsShortRuns) {
+  m().setSimulationMode(true, 64);
+  NextHopResources& res = *m().resources();
+  res.fragmentationHighWatermarkIs(40);
+  res.fragmentationLowWatermarkIs(10);
+  for (int i = 0; i < 10; ++i) ASSERT_GE(create(4), 3);  // 3..42
+  EXPECT_FALSE(res.fragmentationAlarm());
+  for (U16 id : {3, 5, 7, 9}) ASSERT_EQ(m().deleteECMPGroup(0, id), 0);
+  // Four holes of 4 entries; while the largest group is 4 none is short.
+  EXPECT_EQ(res.fragmentationPercent(), 0.0);
+  ASSERT_EQ(m().createECMPGroup(0, false, true, 8, wordRun(8, 1), wordRun(8, 2),
+                                Brevant::RoutingUnicastFeature, false),
+            3);  // 43..50; holes of 4 are now shorter than the largest group, 8
+  EXPECT_EQ(res.largestGroupSeen(), 8);
+  EXPECT_EQ(res.fragmentationPercent(), 100.0 * 16 / res.totalFree());
+  EXPECT_TRUE(res.fragmentationAlarm());
+}
+
+TEST_F(NextHopTableTest, WatermarksOutsideZeroToHundredAreRefused) {
+  NextHopResources& res = *m().resources();
+  EXPECT_THROW(res.usedHighWatermarkIs(101), Kiln::RangeException);
+  EXPECT_THROW(res.fragmentationLowWatermarkIs(-1), Kiln::RangeException);
+  EXPECT_THROW(res.usedLowWatermarkIs(std::nan("")), Kiln::RangeException);
+  EXPECT_EQ(res.usedHighWatermark(), 0.0);
+}
+
+TEST_F(NextHopTableTest, PlacementQuerySaysNowCompactionOrNeverAndChangesNothing) {
+  m().setSimulationMode(true, 64);  // free 3..55 for groups, swap 56..63
+  NextHopResources& res = *m().resources();
+  for (int i = 0; i < 13; ++i) ASSERT_GE(create(4), 3);  // 3..54
+  ASSERT_EQ(m().deleteECMPGroup(0, 4), 0);                // hole 7..10
+  ASSERT_EQ(m().deleteECMPGroup(0, 6), 0);                // hole 15..18
+  const U16 lastNarrow = m().lastNarrowIndex();
+  EXPECT_EQ(res.groupPlacement(4, false), GroupPlacement::placeNow);
+  EXPECT_EQ(res.groupPlacement(6, false), GroupPlacement::needsCompaction);
+  EXPECT_EQ(res.groupPlacement(30, false), GroupPlacement::cannotFit);
+  EXPECT_EQ(res.groupPlacement(0, false), GroupPlacement::cannotFit);
+  EXPECT_EQ(res.groupPlacement(200, true), GroupPlacement::cannotFit);
+  EXPECT_FALSE(m().defragManager()->scheduleDefragment());
+  EXPECT_EQ(m().lastNarrowIndex(), lastNarrow);
+  EXPECT_EQ(m().fwkType().get(m(), "lastNarrowIndex"), std::to_string(lastNarrow));
+  const Kiln::TypeRecord& record = res.fwkType();
+  EXPECT_EQ(record.invoke(res, "groupPlacement", {"4", "False"}), "placeNow");
+}
+
+TEST_F(NextHopTableTest, ResourcesHaveATypeRecordOfTheirOwn) {
+  EXPECT_EQ(Kiln::typeRecord("Brevant::NextHopResources"), &NextHopResources::kilnType());
+  const Kiln::TypeRecord& record = m().resources()->fwkType();
+  EXPECT_EQ(record.attribute("narrowUsed")->index, 130u);
+  record.set(*m().resources(), "usedHighWatermark", "75.0");
+  EXPECT_EQ(m().resources()->usedHighWatermark(), 75.0);
+  EXPECT_EQ(create(0), -1);
+  EXPECT_EQ(m().resources()->createsRefused(-1), 1u);
+}
+
+}  // namespace

@@ -68,7 +68,8 @@ TEST(TypeRegistration, TypesAreRegisteredInTheLibrarysOrder) {
                    "Brevant::SwitchPort", "Brevant::LagIndex", "Brevant::FfuEntries",
                    "Brevant::DefragManager", "Brevant::NextHopManager", "Brevant::FeatureType",
                    "Brevant::NextHopEntry", "Brevant::ECMPGroup", "Brevant::U64Collection",
-                   "Brevant::NextHopCallback"}));
+                   "Brevant::NextHopCallback", "Brevant::NextHopResources",
+                   "Brevant::GroupPlacement"}));
 }
 
 TEST(TypeRegistration, RecordsAreFoundByTheirQualifiedNames) {
