@@ -111,6 +111,13 @@ S32 NextHopManager::addECMPGroupToTable(U16 groupId) {
   if (start < 0) return start;
   allocateBlock(U16(start), length);
   group->hwStartIndexIs(U16(start));
+  // A start that already names a group (only after a simulation-mode
+  // switch gave back entries in use) loses that group from the counts.
+  if (const U16 previousId = hwStartToGroupId(U16(start))) {
+    if (Kiln::Ptr<ECMPGroup> previous = ecmpGroups(previousId)) {
+      resources_->groupPlacedIs(previous->wide(), false);
+    }
+  }
   hwStartToGroupIdIs(U16(start), groupId);
   resources_->groupPlacedIs(group->wide(), true);
   // Every position gets its table index, and the whole block is written to
