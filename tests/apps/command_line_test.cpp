@@ -86,5 +86,5 @@ TEST(CommandLine, HelpListsCommandsAndRequests) {
   EXPECT_EQ(parseCommandLine({"help"}).command, CommandLine::Command::help);
   EXPECT_EQ(parseCommandLine({"--help"}).command, CommandLine::Command::help);
   EXPECT_THAT(usageText(), HasSubstr("brevant-agent client --socket PATH REQUEST..."));
-  EXPECT_THAT(usageText(), HasSubstr("show free-entries | show group ID | get PATH | set PATH VALUE"));
+  EXPECT_THAT(usageText(), HasSubstr("show free-entries | show resources | show group ID | get PATH | set PATH VALUE"));
 }
