@@ -236,6 +236,11 @@ AgentSimulation::AgentSimulation(AgentConfig config)
   state_ = Brevant::BrevantCommonSmData::BrevantCommonSmDataIs("agent");
   manager_ = state_->nextHopManagerIs();
   if (config_.simBound) manager_->setSimulationMode(true, *config_.simBound);
+  Brevant::NextHopResources& resources = *manager_->resources();
+  resources.usedHighWatermarkIs(config_.watermarks.usedHigh);
+  resources.usedLowWatermarkIs(config_.watermarks.usedLow);
+  resources.fragmentationHighWatermarkIs(config_.watermarks.fragmentationHigh);
+  resources.fragmentationLowWatermarkIs(config_.watermarks.fragmentationLow);
   for (int f = 0; f < featureCount; ++f) {
     Kiln::Ptr<FeatureCallback> callback = new FeatureCallback(*this, static_cast<Feature>(f));
     manager_->featuresIs(callback);
@@ -328,6 +333,7 @@ Report AgentSimulation::run() {
     report_.tableProblems.push_back("check " + std::to_string(v.check) + ": " + v.text);
   }
   report_.end = snapshot("end");
+  report_.resources = resourcesText(*manager_->resources());
   report_.defragRuns = manager_->defragManager()->defragCount();
   report_.longestStop = watch_->longest();
   report_.longestStopWhat = watch_->longestWhat();
@@ -859,6 +865,8 @@ void AgentSimulation::answer(const std::string& request, int fd) {
   std::getline(in >> std::ws, rest);
   if (verb == "show" && what == "free-entries" && rest.empty()) {
     manager_->showFreeEntrySummary(static_cast<U32>(fd));
+  } else if (verb == "show" && what == "resources" && rest.empty()) {
+    writeAll(fd, resourcesText(*manager_->resources()));
   } else if (verb == "show" && what == "group" && !rest.empty()) {
     char* end = nullptr;
     const unsigned long id = strtoul(rest.c_str(), &end, 10);

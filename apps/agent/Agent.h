@@ -17,6 +17,7 @@
 #include "Brevant/BrevantCommonSmData.h"
 #include "Brevant/HitlessChecker.h"
 #include "Brevant/NextHopManager.h"
+#include "CommandLine.h"
 #include "HitlessCheck.h"
 #include "Kiln/Clock.h"
 #include "Report.h"
@@ -30,6 +31,8 @@ struct AgentConfig {
   std::string workloadName = "built-in";
   // Simulation mode with this table bound.
   std::optional<U16> simBound;
+  // The table's resource watermarks.
+  Watermarks watermarks;
   // A manual clock jumps from one timer to the next, so hours of agent time
   // pass in seconds; otherwise the monotonic clock runs the timers.
   bool manualClock = false;

@@ -60,6 +60,14 @@ void parseRunOption(const std::string& option, ArgumentReader& in, RunOptions& r
     run.simBound = static_cast<U16>(bound);
   } else if (option == "--restart-every") {
     run.restartEvery = in.number<double>(option, 0.001, 1e7);
+  } else if (option == "--used-high") {
+    run.watermarks.usedHigh = in.number<double>(option, 0, 100);
+  } else if (option == "--used-low") {
+    run.watermarks.usedLow = in.number<double>(option, 0, 100);
+  } else if (option == "--fragmentation-high") {
+    run.watermarks.fragmentationHigh = in.number<double>(option, 0, 100);
+  } else if (option == "--fragmentation-low") {
+    run.watermarks.fragmentationLow = in.number<double>(option, 0, 100);
   } else if (option == "--manual-clock") {
     run.manualClock = true;
   } else if (option == "--svg") {
@@ -134,6 +142,8 @@ std::string usageText() {
          "  --seed N            seed of the built-in workload (default 1)\n"
          "  --duration SECONDS  agent time of the built-in workload's churn (default 7200)\n"
          "  --sim-bound N       simulation mode with a table of N entries (even, 16..65534)\n"
+         "  --used-high P, --used-low P, --fragmentation-high P, --fragmentation-low P\n"
+         "                      the table's resource watermarks in percent (0: alarm off)\n"
          "  --manual-clock      run on a manual clock: hours of agent time in seconds\n"
          "  --restart-every SECONDS\n"
          "                      restart warm (snapshot, new state, restore) every SECONDS of agent time\n"
@@ -145,7 +155,7 @@ std::string usageText() {
          "  --check-every-write the library's whole-table check at every defragmenter write\n"
          "                      also above 8192 entries (slow on a full table)\n"
          "\n"
-         "requests: show free-entries | show group ID | get PATH | set PATH VALUE | help | quit\n"
+         "requests: show free-entries | show resources | show group ID | get PATH | set PATH VALUE | help | quit\n"
          "          show restart | save\n";
 }
 

@@ -16,6 +16,14 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// The table's resource watermarks (NextHopResources), in percent.
+struct Watermarks {
+  double usedHigh = 0;
+  double usedLow = 0;
+  double fragmentationHigh = 0;
+  double fragmentationLow = 0;
+};
+
 struct RunOptions {
   // The workload file to replay; the built-in workload when absent.
   std::optional<std::string> workloadFile;
@@ -24,6 +32,8 @@ struct RunOptions {
   Kiln::Seconds duration = 7200;
   // Simulation mode with this table bound (even, 16 to 65534).
   std::optional<U16> simBound;
+  // The resource watermarks, in percent (0 leaves an alarm off).
+  Watermarks watermarks;
   // Run on a manual clock that jumps from one timer to the next.
   bool manualClock = false;
   // Write the occupancy picture here.

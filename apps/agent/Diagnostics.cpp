@@ -143,8 +143,31 @@ std::string groupText(Brevant::NextHopManager& manager, U16 groupId) {
   return out.str();
 }
 
+std::string resourcesText(Brevant::NextHopResources& resources) {
+  // Every attribute in declaration order, the name padded to one column;
+  // createsRefused gives one line per code.
+  const Kiln::TypeRecord& type = resources.fwkType();
+  std::string text;
+  auto line = [&text](const std::string& name, const std::string& value) {
+    char padded[64];
+    std::snprintf(padded, sizeof(padded), "%-30s", name.c_str());
+    text += padded + value + "\n";
+  };
+  for (const Kiln::AttributeRecord* a : type.attributes()) {
+    if (isCollection(a->kind)) {
+      for (const Kiln::MemberText& m : type.members(resources, a->name)) {
+        line(a->name + "[" + m.first + "]", m.second);
+      }
+    } else {
+      line(a->name, type.get(resources, a->name));
+    }
+  }
+  return text;
+}
+
 std::string requestHelp() {
   return "show free-entries        the next-hop table's free-entry summary\n"
+         "show resources           the next-hop table's resource counters and watermarks\n"
          "show group ID            a group and its next hops read back from the chip\n"
          "get PATH                 an attribute by path, e.g. nextHopManager.simMode\n"
          "set PATH VALUE           store an attribute, e.g. nextHopManager.defragManager.defragDelay 2.5\n"

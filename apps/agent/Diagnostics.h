@@ -46,6 +46,10 @@ void pathSet(Kiln::PtrInterface& root, const std::string& path, const std::strin
 // record is flagged. Throws RequestError when the manager has no such group.
 std::string groupText(Brevant::NextHopManager& manager, U16 groupId);
 
+// Returns the resource counters, one "name value" line per attribute in
+// declaration order, the names padded to one column.
+std::string resourcesText(Brevant::NextHopResources& resources);
+
 // The requests the socket answers, one per line.
 std::string requestHelp();
 

@@ -98,6 +98,8 @@ void printReport(std::ostream& out, const Report& r) {
   line(out, "start", occupancyText(r.start));
   line(out, "worst fragmentation", occupancyText(r.worst));
   line(out, "end", occupancyText(r.end));
+
+  if (!r.resources.empty()) out << "Resources\n" << r.resources;
 }
 
 std::string restartText(const Report::Restart& restart) {

@@ -22,6 +22,8 @@ struct RequestCounts {
 struct Report {
   // Where the requests came from ("built-in, seed 1" or the file name).
   std::string workload;
+  // The table's resource counters at the end, as "show resources" prints them.
+  std::string resources;
   bool manualClock = false;
   U32 tableBound = 0;
   U32 swapIndex = 0;

@@ -58,6 +58,7 @@ Agent::AgentConfig configFor(const Agent::RunOptions& options) {
   }
   config.workloadName += " (" + std::to_string(config.workload.size()) + " requests)";
   config.simBound = options.simBound;
+  config.watermarks = options.watermarks;
   config.manualClock = options.manualClock;
   config.socketPath = options.socketPath;
   config.serve = options.serve;

@@ -28,6 +28,7 @@ S32 markBlock(NextHopManager& manager, const char* operation, U16 index, U16 len
   for (U32 i = index; i < U32(index) + length; ++i) {
     manager.updateNextHopHWIndex(U16(i), allocate);
   }
+  manager.refreshResources();
   return 0;
 }
 
@@ -39,7 +40,10 @@ S32 NextHopManager::findAvailableBlock(U16 length, bool wide) {
     NH_TRACE(1, "NexthopTable is not initialized");
     return -7;
   }
+  // The longest block asked for sets what counts as a short free run.
+  if (length > freeRuns.shortLength()) freeRuns.shortLengthIs(length);
   const S32 found = wide ? findAvailableWideBlock(length) : findAvailableNarrowBlock(length);
+  refreshResources();
   if (found > 0) {
     NH_TRACE(2, "Found a block at index " << found);
     return found;
@@ -140,6 +144,7 @@ S32 NextHopManager::updateNextHopHWIndex(U16 index, bool value) {
   } else {
     freeEntriesIs(index, true);
   }
+  freeRuns.entryIs(index, !value);
   return 0;
 }
 

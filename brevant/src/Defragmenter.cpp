@@ -52,7 +52,10 @@ void DefragManager::handleDefragSchedulerTimeOut() {
   if (scheduleDefragment_) {
     scheduleDefragmentIs(false);
     defragCountIs(defragCount_ + 1);
+    const Kiln::Seconds start = Kiln::now();
     defragment();
+    nhm_->resources_->compactionRunIs(Kiln::now() - start, scheduleDefragment_);
+    nhm_->refreshResources();
     // A pass that ran out of time asked for another run.
     if (scheduleDefragment_) {
       NH_TRACE(3, "Rescheduling defragmet Scheduler");

@@ -76,6 +76,8 @@ S32 NextHopManager::moveECMPGroup(U16 groupId, U16 newBaseIndex, bool overlap) {
     moveLeg(*this, *group, swapIndex, numEntries, newBaseIndex);
   }
   moveLeg(*this, *group, newBaseIndex, numEntries, newBaseIndex);
+  resources_->groupMovedIs(numEntries, overlap);
+  refreshResources();
   return 0;
 }
 

@@ -62,16 +62,16 @@ S32 NextHopManager::createECMPGroup(U32, bool wide, bool fixedSize, U16 size,
                                 << feature);
   if (!initialized_) {
     NH_TRACE(1, "NexthopTable not initialized");
-    return -7;
+    return createRefused(-7);
   }
   if ((fixedSize && size == 0) || size > maxGroupSize) {
     NH_TRACE(1, "ECMP Group size is invalid");
-    return -1;
+    return createRefused(-1);
   }
   const U16 id = genECMPGroupId();
   if (id == invalidGroupId) {
     NH_TRACE(1, "Can not allocate ECMPGroupId");
-    return -2;
+    return createRefused(-2);
   }
   Kiln::Ptr<ECMPGroup> group = ecmpGroupsIs(id);
   group->wideIs(wide);
@@ -97,7 +97,7 @@ S32 NextHopManager::createECMPGroup(U32, bool wide, bool fixedSize, U16 size,
   FLASHLOG(1, "Something went wrong when creating ECMP group %d", id);
   ecmpGroupsDel(id);
   freeGroupIdsIs(id, true);
-  return rc;
+  return createRefused(rc);
 }
 
 S32 NextHopManager::addECMPGroupToTable(U16 groupId) {
@@ -111,7 +111,15 @@ S32 NextHopManager::addECMPGroupToTable(U16 groupId) {
   if (start < 0) return start;
   allocateBlock(U16(start), length);
   group->hwStartIndexIs(U16(start));
+  // A start that already names a group (only after a simulation-mode
+  // switch gave back entries in use) loses that group from the counts.
+  if (const U16 previousId = hwStartToGroupId(U16(start))) {
+    if (Kiln::Ptr<ECMPGroup> previous = ecmpGroups(previousId)) {
+      resources_->groupPlacedIs(previous->wide(), false);
+    }
+  }
   hwStartToGroupIdIs(U16(start), groupId);
+  resources_->groupPlacedIs(group->wide(), true);
   // Every position gets its table index, and the whole block is written to
   // the chip in one call.
   std::vector<U64> words(length);
@@ -135,7 +143,9 @@ S32 NextHopManager::removeECMPGroupFromTable(U16 groupId) {
   const U16 length = U16(strideOf(*group) * group->size());
   const U16 start = group->hwStartIndex();
   // The chip's entries and the group's record stay as they are.
-  hwStartToGroupIdDel(start);
+  if (hwStartToGroupIdDel(start) == groupId && groupId != 0) {
+    resources_->groupPlacedIs(group->wide(), false);
+  }
   freeBlock(start, length);
   // A block at the edge of its region pulls the boundary back to the next
   // allocated entry. Both scans test the entry first and the limit only
@@ -161,6 +171,7 @@ S32 NextHopManager::removeECMPGroupFromTable(U16 groupId) {
     NH_TRACE(4, " updated Narrow index : " << index);
     lastNarrowIndexIs(index);
   }
+  refreshResources();
   NH_TRACE(3, "ECMP group " << groupId << " removed from next hop table");
   return 0;
 }

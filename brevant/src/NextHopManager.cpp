@@ -76,6 +76,7 @@ void NextHopManager::initHandler() {
     }
     for (U32 i = 3; i < getNextHopTableBound(); ++i) {
       freeEntriesIs(U16(i), true);
+      freeRuns.entryIs(U16(i), true);
       freeGroupIdsIs(U16(i), true);
     }
   }
@@ -83,6 +84,7 @@ void NextHopManager::initHandler() {
   lastWideIndexIs(getNextHopTableSwapIndex());
   defragManagerIs(DefragManager::DefragManagerIs(this));
   initializedIs(true);
+  refreshResources();
 }
 
 void NextHopManager::simModeIs(bool simMode) {
@@ -103,8 +105,10 @@ void NextHopManager::handleSimulationMode() {
       freeEntriesIs(U16(i), true);
       freeGroupIdsIs(U16(i), true);
     }
+    freeRuns.entryIs(U16(i), !simMode_);
   }
   lastWideIndexIs(getNextHopTableSwapIndex());
+  refreshResources();
 }
 
 void NextHopManager::setSimulationMode(bool mode, U16 size) {

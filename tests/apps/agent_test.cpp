@@ -328,6 +328,7 @@ TEST_F(AgentSocketTest, AnswersEveryKindOfRequest) {
   std::map<std::string, std::string> answers;
   const char* const requests[] = {
       "show free-entries",
+      "show resources",
       "show group 3",
       "show group 4",
       "show group 99",
@@ -357,6 +358,14 @@ TEST_F(AgentSocketTest, AnswersEveryKindOfRequest) {
             "Free Next Hops:\n"
             "7-51:          45   \n"
             "56-63:         8    \n");
+  // One line per counter, the name in a column of 30.
+  EXPECT_THAT(answers["show resources"], StartsWith("narrowUsed                    4\n"
+                                                    "narrowFree                    0\n"
+                                                    "wideUsed                      4\n"));
+  EXPECT_THAT(answers["show resources"], HasSubstr("\nswapFree                      8\n"));
+  EXPECT_THAT(answers["show resources"], HasSubstr("\nwideGroups                    1\n"));
+  EXPECT_THAT(answers["show resources"], HasSubstr("\nusedAlarm                     False\n"));
+  EXPECT_THAT(report.resources, HasSubstr("narrowGroups                  1\n"));
   EXPECT_THAT(answers["show group 3"],
               StartsWith("group 3: narrow, fixed size, 4 next hops at 3 (entries 3-6), features "
                          "RoutingUnicastFeature\n  0: index 3 data 0x"));

@@ -88,7 +88,7 @@ TEST(CommandLine, HelpListsCommandsAndRequests) {
   EXPECT_EQ(parseCommandLine({"--version"}).command, CommandLine::Command::version);
   EXPECT_THAT(usageText(), HasSubstr("brevant-agent --version"));
   EXPECT_THAT(usageText(), HasSubstr("brevant-agent client --socket PATH REQUEST..."));
-  EXPECT_THAT(usageText(), HasSubstr("show free-entries | show group ID | get PATH | set PATH VALUE"));
+  EXPECT_THAT(usageText(), HasSubstr("show free-entries | show resources | show group ID | get PATH | set PATH VALUE"));
 }
 
 TEST(CommandLine, RestartEveryTakesSecondsOfAgentTime) {

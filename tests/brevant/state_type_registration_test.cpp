@@ -68,7 +68,8 @@ TEST(TypeRegistration, TypesAreRegisteredInTheLibrarysOrder) {
                    "Brevant::SwitchPort", "Brevant::LagIndex", "Brevant::FfuEntries",
                    "Brevant::DefragManager", "Brevant::NextHopManager", "Brevant::FeatureType",
                    "Brevant::NextHopEntry", "Brevant::ECMPGroup", "Brevant::U64Collection",
-                   "Brevant::NextHopCallback"}));
+                   "Brevant::NextHopCallback", "Brevant::NextHopResources",
+                   "Brevant::GroupPlacement"}));
 }
 
 TEST(TypeRegistration, RecordsAreFoundByTheirQualifiedNames) {
@@ -91,7 +92,7 @@ TEST(TypeRegistration, KilnTypeSectionOfTheLibraryHoldsEveryRegisteredName) {
   std::sort(inSection.begin(), inSection.end());
   std::sort(registered.begin(), registered.end());
   EXPECT_EQ(inSection, registered);
-  EXPECT_EQ(inSection.size(), 18u);
+  EXPECT_EQ(inSection.size(), 20u);
 }
 
 TEST(TypeRegistration, FactoriesCreateEntitiesByName) {
