@@ -48,6 +48,29 @@ std::string secondsText(Kiln::Seconds t) {
   return text;
 }
 
+// What a refusal means for the request refused; groupSize is the next hops
+// of the request's group where a position was refused.
+std::string refusalMeaning(S32 code, const Request& r, U16 groupSize) {
+  std::string meaning = codeMeaning(code);
+  if (r.kind == RequestKind::create && code == -2) {
+    const U32 entries = (r.wide ? 2u : 1u) * r.size;
+    return meaning + ": no block of " + std::to_string(entries) + " free entries in a row";
+  }
+  if (r.kind == RequestKind::create && code == -1) {
+    if (r.size == 0) return meaning + ": a group of no next hops";
+    if (r.size > 256) return meaning + ": " + std::to_string(r.size) + " next hops, at most 256";
+    if (r.wide && r.size > 128) {
+      return meaning + ": a wide group of " + std::to_string(r.size) + " next hops, at most 128";
+    }
+  }
+  if ((r.kind == RequestKind::update || r.kind == RequestKind::read) && r.hasPosition &&
+      code == -1 && r.position >= groupSize) {
+    return meaning + ": next hop " + std::to_string(r.position) + " of a group of " +
+           std::to_string(groupSize);
+  }
+  return meaning;
+}
+
 // The free-space figures straight from the manager's free map, without
 // building a picture.
 FreeSpace freeSpaceOf(Brevant::NextHopManager& manager) {
@@ -72,19 +95,28 @@ FreeSpace freeSpaceOf(Brevant::NextHopManager& manager) {
 
 }  // namespace
 
-// Times the handlers that the activity thread runs, on the real clock, and
-// keeps the longest: the longest time the agent did nothing else.
+// Times the handlers that the activity thread runs and keeps the longest:
+// the longest time the agent did nothing else. Each handler is timed twice:
+// in agent time (the clock's; on the manual clock, the time the simulated
+// chip's calls took) and in wall time without the agent's own checks.
 class StopWatch {
  public:
-  explicit StopWatch(std::function<U32()> defragRuns) : defragRuns_(std::move(defragRuns)) {}
+  // One handler's time and what it was.
+  struct Longest {
+    Kiln::Seconds took = 0;
+    std::string what;
+  };
+
+  StopWatch(std::function<Kiln::Seconds()> agentTime, std::function<U32()> defragRuns)
+      : agentTime_(std::move(agentTime)), defragRuns_(std::move(defragRuns)) {}
 
   // A handler starts; one still open has ended.
-  void begin(Kiln::Seconds agentTime, std::string what = {}) {
+  void begin(std::string what = {}) {
     end();
     open_ = true;
-    started_ = wallNow();
+    wallStarted_ = wallNow();
     excluded_ = 0;
-    agentTime_ = agentTime;
+    agentStarted_ = agentTime_();
     what_ = std::move(what);
     runsAtBegin_ = defragRuns_();
   }
@@ -92,8 +124,8 @@ class StopWatch {
   void label(std::string what) {
     if (open_) what_ = std::move(what);
   }
-  // Leaves out of the open handler's time work that is not the agent's own
-  // (the checks run at each chip write).
+  // Leaves out of the open handler's wall time work that is not the
+  // agent's own (the checks run at each chip write).
   void exclude(double seconds) {
     if (open_) excluded_ += seconds;
   }
@@ -101,29 +133,40 @@ class StopWatch {
   void end() {
     if (!open_) return;
     open_ = false;
-    const double took = wallNow() - started_ - excluded_;
-    if (took <= longest_) return;
-    longest_ = took;
+    const Kiln::Seconds agentTook = agentTime_() - agentStarted_;
+    const double wallTook = wallNow() - wallStarted_ - excluded_;
+    const bool defragRan = defragRuns_() != runsAtBegin_;
+    if (agentTook <= agent_.took && wallTook <= wall_.took &&
+        (!defragRan || agentTook <= defrag_.took)) {
+      return;
+    }
     std::string what = what_;
-    if (defragRuns_() != runsAtBegin_) {
+    if (defragRan) {
       what = what.empty() ? "defragmentation run" : what + " and a defragmentation run";
     }
-    longestWhat_ = (what.empty() ? "timer" : what) + " at t = " + secondsText(agentTime_);
+    what = (what.empty() ? "timer" : what) + " at t = " + secondsText(agentStarted_);
+    if (agentTook > agent_.took) agent_ = {agentTook, what};
+    if (wallTook > wall_.took) wall_ = {wallTook, what};
+    if (defragRan && agentTook > defrag_.took) defrag_ = {agentTook, what};
   }
 
-  Kiln::Seconds longest() const { return longest_; }
-  const std::string& longestWhat() const { return longestWhat_; }
+  const Longest& longestInAgentTime() const { return agent_; }
+  const Longest& longestInWallTime() const { return wall_; }
+  // The longest handler in agent time that made a defragmentation run.
+  const Longest& longestDefragRun() const { return defrag_; }
 
  private:
+  std::function<Kiln::Seconds()> agentTime_;
   std::function<U32()> defragRuns_;
   bool open_ = false;
-  double started_ = 0;
+  double wallStarted_ = 0;
   double excluded_ = 0;
-  Kiln::Seconds agentTime_ = 0;
+  Kiln::Seconds agentStarted_ = 0;
   std::string what_;
   U32 runsAtBegin_ = 0;
-  double longest_ = 0;
-  std::string longestWhat_;
+  Longest agent_;
+  Longest wall_;
+  Longest defrag_;
 };
 
 namespace {
@@ -184,15 +227,23 @@ class AgentSimulation::Retrier : public Kiln::Clock::Notifiee {
   AgentSimulation* agent_;
 };
 
+U32 swapAreaEntries(std::optional<U16> simBound) { return simBound ? 8 : 256; }
+
+UnfitWorkload::UnfitWorkload(std::vector<WorkloadError> problems)
+    : std::runtime_error(problems.empty() ? "workload fits" : problems.front().what()),
+      problems_(std::move(problems)) {}
+
 AgentSimulation::AgentSimulation(AgentConfig config)
     : config_(std::move(config)), check_([](U32 index) { return FmSim::tableWord(index); }) {
+  std::vector<WorkloadError> unfit = unfitRequests(config_.workload, swapAreaEntries(config_.simBound));
+  if (!unfit.empty()) throw UnfitWorkload(std::move(unfit));
   // The socket first: if it cannot be served, nothing else has changed.
   if (config_.socketPath) {
     server_ = std::make_unique<DiagnosticServer>(
         *config_.socketPath, [this](const std::string& request, int fd) { answer(request, fd); });
   }
   interrupted = false;
-  watch_ = std::make_shared<StopWatch>([this] {
+  watch_ = std::make_shared<StopWatch>([this] { return agentTime(); }, [this] {
     return manager_ && manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u;
   });
   Kiln::ActivityManager& loop = Kiln::ActivityManager::instance();
@@ -201,9 +252,9 @@ AgentSimulation::AgentSimulation(AgentConfig config)
   previousClock_ = loop.clock();
   // Before every timer's handler (a defragmentation run among them): the
   // free space is measured, and the stop watch starts.
-  auto handlerStarts = [this](Kiln::Seconds time) {
+  auto handlerStarts = [this](Kiln::Seconds) {
     sample(true);
-    watch_->begin(time - startTime_);
+    watch_->begin();
   };
   if (config_.manualClock) {
     auto* manual = new WatchedClock<Kiln::ManualClock>(handlerStarts, 0.0);
@@ -215,6 +266,7 @@ AgentSimulation::AgentSimulation(AgentConfig config)
   loop.clockIs(clock_);
 
   FmSim::reset();
+  FmSim::timingIs(config_.chipTiming);
   Kiln::ActivityLockGuard activity;
   state_ = Brevant::BrevantCommonSmData::BrevantCommonSmDataIs("agent");
   manager_ = state_->nextHopManagerIs();
@@ -235,6 +287,16 @@ AgentSimulation::AgentSimulation(AgentConfig config)
   retrier_->notifierIs(clock_);
   retryBackoff_ = config_.retryDelay;
   report_.workload = config_.workloadName;
+  // A generated workload has no lines: its requests are numbered instead.
+  const bool generated = std::all_of(config_.workload.begin(), config_.workload.end(),
+                                     [](const Request& r) { return r.line == 0; });
+  if (generated) {
+    report_.lineWord = "request";
+    for (size_t i = 0; i < config_.workload.size(); ++i) config_.workload[i].line = static_cast<U32>(i + 1);
+  }
+  for (const Request& r : config_.workload) {
+    ++(r.kind == RequestKind::sleep ? report_.workloadPauses : report_.workloadRequests);
+  }
   report_.manualClock = config_.manualClock;
   report_.tableBound = manager_->getNextHopTableBound();
   report_.swapIndex = manager_->getNextHopTableSwapIndex();
@@ -244,6 +306,7 @@ AgentSimulation::~AgentSimulation() {
   Kiln::ActivityLockGuard activity;
   server_.reset();
   FmSim::writeObserverIs({});
+  FmSim::timingIs({});
   retrier_->agent_ = nullptr;
   replayer_->agent_ = nullptr;
   replayer_->notifierIs(nullptr);
@@ -304,9 +367,16 @@ Report AgentSimulation::run() {
   }
   report_.end = snapshot("end");
   report_.defragRuns = manager_->defragManager()->defragCount();
-  report_.longestStop = watch_->longest();
-  report_.longestStopWhat = watch_->longestWhat();
+  report_.longestStop = watch_->longestInAgentTime().took;
+  report_.longestStopWhat = watch_->longestInAgentTime().what;
+  report_.longestDefragRun = watch_->longestDefragRun().took;
+  report_.longestDefragRunWhat = watch_->longestDefragRun().what;
+  report_.longestWallStop = watch_->longestInWallTime().took;
+  report_.longestWallStopWhat = watch_->longestInWallTime().what;
   report_.agentTime = agentTime();
+  report_.defragBudget = manager_->defragManager()->defragTime();
+  report_.chipCallTime = FmSim::timing().perCall;
+  report_.chipWordTime = FmSim::timing().perWord;
   report_.wallTime = wallNow() - wallStart;
   report_.groupsAtEnd = placedGroups_;
   showProgress(true);
@@ -344,7 +414,8 @@ void AgentSimulation::drive() {
       continue;
     }
     if (next == Kiln::Clock::never) return;  // nothing left that could happen
-    manualClock_->timeIs(next);
+    // Expiries that fell due while the chip's calls took time run now.
+    manualClock_->timeIs(std::max(next, clock_->now()));
     handlerDone();
   }
 }
@@ -380,8 +451,11 @@ void AgentSimulation::showProgress(bool last) {
   const double now = wallNow();
   if (!last && now - lastProgress_ < 0.25) return;
   lastProgress_ = now;
-  fprintf(stderr, "\rbrevant-agent: t = %.0f s, %zu of %zu requests, %zu groups, %u defragmentation runs, %zu waiting  ",
-          agentTime(), next_, config_.workload.size(), static_cast<size_t>(placedGroups_),
+  U64 requested = 0;
+  for (const auto& [kind, counts] : report_.requests) requested += counts.requested;
+  fprintf(stderr, "\rbrevant-agent: t = %.0f s, %llu of %llu requests, %zu groups, %u defragmentation runs, %zu waiting  ",
+          agentTime(), static_cast<unsigned long long>(requested),
+          static_cast<unsigned long long>(report_.workloadRequests), static_cast<size_t>(placedGroups_),
           manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u, retryQueue_.size());
   if (last) fprintf(stderr, "\n");
 }
@@ -434,7 +508,28 @@ void AgentSimulation::execute(const Request& request) {
   sample();
 }
 
-void AgentSimulation::refused(S32 code) { ++report_.refusals[code]; }
+void AgentSimulation::refused(S32 code, const Request& request, bool retry, U16 groupSize) {
+  ++report_.refusals[code];
+  if (retry) {
+    ++report_.retryRefusals[code];
+  } else {
+    ++report_.requests[request.kind].refused;
+  }
+  if (report_.refusalList.size() == listedProblems) return;
+  Refusal refusal;
+  refusal.line = request.line;
+  refusal.label = request.label;
+  refusal.kind = request.kind;
+  refusal.code = code;
+  refusal.meaning = refusalMeaning(code, request, groupSize);
+  refusal.retry = retry;
+  report_.refusalList.push_back(std::move(refusal));
+}
+
+void AgentSimulation::skipped(const Request& request) {
+  ++report_.skipped;
+  ++report_.requests[request.kind].skipped;
+}
 
 U64 AgentSimulation::word(const std::string& label, U32 version, U16 position, bool wide) {
   // FNV-1a over the label, then a splitmix64 finish over the rest: distinct
@@ -464,8 +559,9 @@ void AgentSimulation::create(const Request& request, bool retry) {
   const S32 rc = manager_->createECMPGroup(0, request.wide, request.fixedSize, request.size, data,
                                            wideData, featureType(request.feature), request.mcast);
   if (rc < 0) {
-    refused(rc);
+    refused(rc, request, retry);
     if (rc != -2) {
+      if (retry) ++report_.retriesDropped;
       label.state = Label::State::refused;
     } else if (!retry) {
       // As a feature would: keep the request and try again after the next
@@ -501,24 +597,25 @@ void AgentSimulation::create(const Request& request, bool retry) {
 void AgentSimulation::remove(const Request& request) {
   const auto found = labels_.find(request.label);
   if (found == labels_.end()) {
-    ++report_.skipped;
+    skipped(request);
     return;
   }
   Label& label = found->second;
   if (label.state == Label::State::waiting) {
     retryQueue_.erase(std::find(retryQueue_.begin(), retryQueue_.end(), request.label));
     ++report_.cancelled;
+    ++report_.requests[RequestKind::remove].withdrawn;
     labels_.erase(found);
     return;
   }
   if (label.state == Label::State::refused) {
-    ++report_.skipped;
+    skipped(request);
     labels_.erase(found);
     return;
   }
   const S32 rc = manager_->deleteECMPGroup(0, label.id);
   if (rc != 0) {
-    refused(rc);
+    refused(rc, request);
     return;
   }
   ++report_.requests[RequestKind::remove].succeeded;
@@ -531,7 +628,7 @@ void AgentSimulation::remove(const Request& request) {
 void AgentSimulation::update(const Request& request) {
   const auto found = labels_.find(request.label);
   if (found == labels_.end() || found->second.state != Label::State::placed) {
-    ++report_.skipped;
+    skipped(request);
     return;
   }
   Label& label = found->second;
@@ -561,7 +658,7 @@ void AgentSimulation::update(const Request& request) {
     rc = manager_->updateNextHop(id, request.position, rewrite(request.position));
   }
   if (rc != 0) {
-    refused(rc);
+    refused(rc, request, false, before.size());
     // Nothing was written (the group is placed, so only a bad position is
     // refused): the owners keep their words.
     for (U16 p = 0; p < before.size(); ++p) {
@@ -575,7 +672,7 @@ void AgentSimulation::update(const Request& request) {
 void AgentSimulation::read(const Request& request) {
   const auto found = labels_.find(request.label);
   if (found == labels_.end() || found->second.state != Label::State::placed) {
-    ++report_.skipped;
+    skipped(request);
     return;
   }
   const U16 id = found->second.id;
@@ -583,7 +680,7 @@ void AgentSimulation::read(const Request& request) {
   const Brevant::NextHopEntry entry = manager_->readNextHop(id, request.position);
   if (request.position >= g.size()) {
     // Refused by the manager with an all-zero entry.
-    refused(-1);
+    refused(-1, request, false, g.size());
     return;
   }
   ++report_.requests[RequestKind::read].succeeded;
@@ -606,13 +703,13 @@ void AgentSimulation::read(const Request& request) {
 void AgentSimulation::addFeature(const Request& request) {
   const auto found = labels_.find(request.label);
   if (found == labels_.end() || found->second.state != Label::State::placed) {
-    ++report_.skipped;
+    skipped(request);
     return;
   }
   const U16 id = found->second.id;
   const S32 rc = manager_->addFeatureToGroup(id, featureType(request.feature));
   if (rc != 0) {
-    refused(rc);
+    refused(rc, request);
     return;
   }
   ++report_.requests[RequestKind::addFeature].succeeded;
@@ -703,6 +800,12 @@ void AgentSimulation::chipWritten(U32 address, S32 count, const U64* data) {
 }
 
 void AgentSimulation::checkViews() {
+  std::set<U16> groupsWithFeatures;
+  struct CountGroups {
+    Report& report;
+    std::set<U16>& groups;
+    ~CountGroups() { report.viewDistinctGroups = groups.size(); }
+  } countGroups{report_, groupsWithFeatures};
   for (int f = 0; f < featureCount; ++f) {
     const Feature feature = static_cast<Feature>(f);
     std::map<U16, Placement> records;
@@ -712,6 +815,7 @@ void AgentSimulation::checkViews() {
       records[member.key()] = Placement{group->hwStartIndex(), group->size()};
     }
     report_.viewGroupsChecked += records.size();
+    for (const auto& [id, placement] : records) groupsWithFeatures.insert(id);
     const std::map<U16, Placement>& view = callbacks_[f]->view_;
     auto describe = [](const std::map<U16, Placement>& m, U16 id) {
       const auto at = m.find(id);
@@ -773,7 +877,7 @@ Occupancy AgentSimulation::snapshot(const std::string& title) {
 // --- Diagnostic requests ---
 
 void AgentSimulation::answer(const std::string& request, int fd) {
-  watch_->begin(agentTime(), "diagnostic request '" + request + "'");
+  watch_->begin("diagnostic request '" + request + "'");
   struct EndWatch {
     StopWatch& watch;
     ~EndWatch() { watch.end(); }

@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -17,6 +18,7 @@
 #include "Brevant/BrevantCommonSmData.h"
 #include "Brevant/HitlessChecker.h"
 #include "Brevant/NextHopManager.h"
+#include "FmSim/FmSim.h"
 #include "HitlessCheck.h"
 #include "Kiln/Clock.h"
 #include "Report.h"
@@ -33,6 +35,10 @@ struct AgentConfig {
   // A manual clock jumps from one timer to the next, so hours of agent time
   // pass in seconds; otherwise the monotonic clock runs the timers.
   bool manualClock = false;
+  // The time each chip call takes; charged to the manual clock only (the
+  // real clock's path is unchanged). On the manual clock it is what makes a
+  // defragmentation run take agent time and meet its budget.
+  FmSim::Timing chipTiming = FmSim::Timing::busEstimate();
   // Serve the diagnostic socket here while the agent runs.
   std::optional<std::string> socketPath;
   // After the workload, keep serving until quit (request or signal).
@@ -61,6 +67,22 @@ struct AgentConfig {
   U32 tableCheckEveryWriteUpTo = 8192;
 };
 
+// The entries of the swap area of the table the agent runs on: 256 on the
+// full table, 8 on a simulated one.
+U32 swapAreaEntries(std::optional<U16> simBound);
+
+// A workload that cannot run on the chosen table (see unfitRequests); thrown
+// before anything is set up.
+class UnfitWorkload : public std::runtime_error {
+ public:
+  explicit UnfitWorkload(std::vector<WorkloadError> problems);
+  // The requests that cannot run, in workload order.
+  const std::vector<WorkloadError>& problems() const { return problems_; }
+
+ private:
+  std::vector<WorkloadError> problems_;
+};
+
 class DiagnosticServer;
 class FeatureCallback;
 class StopWatch;
@@ -70,7 +92,8 @@ class AgentSimulation {
   // Sets up the run: a fresh simulated chip, the clock, the agent's state
   // and its next-hop manager (in simulation mode when asked), the feature
   // callbacks, the chip-write check, and the diagnostic socket. Throws
-  // SocketError when the socket cannot be served.
+  // UnfitWorkload, before anything else, when the workload cannot run on
+  // the table, and SocketError when the socket cannot be served.
   explicit AgentSimulation(AgentConfig config);
   ~AgentSimulation();
   AgentSimulation(const AgentSimulation&) = delete;
@@ -123,8 +146,11 @@ class AgentSimulation {
   void update(const Request& request);
   void read(const Request& request);
   void addFeature(const Request& request);
-  // Counts a refused manager call.
-  void refused(S32 code);
+  // Counts a refused manager call and lists the first ones; groupSize is
+  // the next hops of the request's group where a position was refused.
+  void refused(S32 code, const Request& request, bool retry = false, U16 groupSize = 0);
+  // Counts a request not made because its label's group is not placed.
+  void skipped(const Request& request);
   // The data words of a label's group at a version.
   static U64 word(const std::string& label, U32 version, U16 position, bool wide);
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iostream>
+#include <memory>
 
 #include "Agent.h"
 #include "CommandLine.h"
@@ -15,10 +16,12 @@
 
 namespace {
 
-// Exit codes: a run whose checks failed, and a command line or workload
-// that could not be run at all.
-constexpr int checksFailed = 1;
-constexpr int cannotRun = 2;
+// Exit codes (Report.h): 0 every check passed and the run was complete, 1 a
+// check failed (or the picture could not be written), 2 nothing could be
+// run, 3 the run was incomplete (interrupted before the end of the
+// workload, or creates still waiting at the end).
+using Agent::exitCannotRun;
+using Agent::exitCheckFailed;
 
 void onStopSignal(int) { Agent::AgentSimulation::interrupt(); }
 
@@ -49,13 +52,12 @@ Agent::AgentConfig configFor(const Agent::RunOptions& options) {
     // The entries the workload may plan for: the table less the reserved
     // entries and the swap area.
     const U32 bound = options.simBound ? *options.simBound : 65534;
-    const U32 swapArea = options.simBound ? 8 : 256;
+    const U32 swapArea = Agent::swapAreaEntries(options.simBound);
     builtIn.capacity = bound - swapArea - 3;
     builtIn.maxEntries = swapArea;
     config.workload = Agent::builtInWorkload(builtIn);
     config.workloadName = "built-in, seed " + std::to_string(options.seed);
   }
-  config.workloadName += " (" + std::to_string(config.workload.size()) + " requests)";
   config.simBound = options.simBound;
   config.manualClock = options.manualClock;
   config.socketPath = options.socketPath;
@@ -67,14 +69,26 @@ Agent::AgentConfig configFor(const Agent::RunOptions& options) {
 }
 
 int run(const Agent::RunOptions& options) {
-  Agent::AgentSimulation agent(configFor(options));
+  const Agent::AgentConfig config = configFor(options);
+  std::unique_ptr<Agent::AgentSimulation> made;
+  try {
+    made = std::make_unique<Agent::AgentSimulation>(config);
+  } catch (const Agent::UnfitWorkload& e) {
+    const std::string where = options.workloadFile ? *options.workloadFile + ":" : "request ";
+    for (const Agent::WorkloadError& problem : e.problems()) {
+      std::cerr << "brevant-agent: " << where << problem.line() << ": " << problem.message() << '\n';
+    }
+    std::cerr << "brevant-agent: the workload cannot run on this table; nothing was run\n";
+    return exitCannotRun;
+  }
+  Agent::AgentSimulation& agent = *made;
   installStopSignals();
   const Agent::Report report = agent.run();
   if (options.svgFile) {
     std::string error;
     if (!Agent::writeOccupancySvgFile(*options.svgFile, {report.start, report.worst, report.end}, error)) {
       std::cerr << "brevant-agent: " << error << '\n';
-      return checksFailed;
+      return exitCheckFailed;
     }
   }
   Agent::printReport(std::cout, report);
@@ -85,13 +99,13 @@ int run(const Agent::RunOptions& options) {
     Kiln::ActivityLockGuard activity;
     agent.manager().showFreeEntrySummary(STDOUT_FILENO);
   }
-  return report.passed() ? 0 : checksFailed;
+  return Agent::exitStatusOf(report);
 }
 
 int client(const Agent::ClientOptions& options) {
   const std::string answer = Agent::diagnosticRequest(options.socketPath, options.request);
   std::cout << answer;
-  return answer.rfind("error: ", 0) == 0 ? checksFailed : 0;
+  return answer.rfind("error: ", 0) == 0 ? exitCheckFailed : 0;
 }
 
 }  // namespace
@@ -106,10 +120,10 @@ int main(int argc, char** argv) {
     }
   } catch (const Agent::UsageError& e) {
     std::cerr << "brevant-agent: " << e.what() << "\n(brevant-agent help lists the commands)\n";
-    return cannotRun;
+    return exitCannotRun;
   } catch (const std::exception& e) {
     std::cerr << "brevant-agent: " << e.what() << '\n';
-    return cannotRun;
+    return exitCannotRun;
   }
-  return cannotRun;
+  return exitCannotRun;
 }

@@ -111,11 +111,12 @@ TEST_F(ProgramTest, RunsAWorkloadAndPrintsTheReportAndTheSummary) {
   const Outcome o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", workload, "--svg", svg,
                          "--no-progress"});
   EXPECT_EQ(o.status, 0) << o.err;
-  EXPECT_THAT(o.out, StartsWith("Agent run\n  workload                " + workload + " (4 requests)\n"));
+  EXPECT_THAT(o.out, StartsWith("Agent run\n  workload                " + workload +
+                                ": 3 requests and 1 pause (sleep)\n"));
   EXPECT_THAT(o.out, HasSubstr("  clock                   manual, agent time 1.0 s"));
-  EXPECT_THAT(o.out, HasSubstr("  create                  2 requested, 2 succeeded\n"));
+  EXPECT_THAT(o.out, HasSubstr("  create                  2 requested: 2 succeeded at the first attempt\n"));
   EXPECT_THAT(o.out, HasSubstr("  hitless                 passed: 2 chip writes checked, 0 violations\n"));
-  EXPECT_THAT(o.out, HasSubstr("  feature views           passed: 2 groups checked"));
+  EXPECT_THAT(o.out, HasSubstr("  feature views           passed: 2 (group, feature) pairs of 2 groups checked"));
   EXPECT_THAT(o.out, HasSubstr("  occupancy picture       " + svg + "\n"));
   EXPECT_THAT(o.out, HasSubstr("Free-entry summary\n"
                                "NextHopTable Defragmentation Scheduled : no\n"
@@ -137,7 +138,7 @@ TEST_F(ProgramTest, ShowsProgressOnlyWhenAsked) {
   o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", workload, "--progress"});
   EXPECT_EQ(o.status, 0);
   EXPECT_THAT(o.err, StartsWith("\rbrevant-agent: t = "));
-  EXPECT_THAT(o.err, HasSubstr("4 of 4 requests, 2 groups, 0 defragmentation runs, 0 waiting"));
+  EXPECT_THAT(o.err, HasSubstr("3 of 3 requests, 2 groups, 0 defragmentation runs, 0 waiting"));
 }
 
 TEST_F(ProgramTest, ABadWorkloadLineStopsBeforeAnythingRuns) {
@@ -146,6 +147,26 @@ TEST_F(ProgramTest, ABadWorkloadLineStopsBeforeAnythingRuns) {
   EXPECT_EQ(o.status, 2);
   EXPECT_THAT(o.err, StartsWith("brevant-agent: " + workload + ":3: unknown request 'crate'"));
   EXPECT_EQ(o.out, "");
+}
+
+TEST_F(ProgramTest, AWorkloadTooLargeForTheTableIsRefusedWithItsLines) {
+  const std::string workload =
+      file("big.txt", "create a narrow 4 unicast\ncreate b narrow 16 unicast\ncreate c wide 8 vxlan-tunnel\n");
+  const Outcome o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", workload});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_THAT(o.err, StartsWith("brevant-agent: " + workload + ":2: group 'b' takes 16 entries"));
+  EXPECT_THAT(o.err, HasSubstr("\nbrevant-agent: " + workload + ":3: group 'c' takes 16 entries"));
+  EXPECT_EQ(o.out, "");
+}
+
+TEST_F(ProgramTest, CreatesStillWaitingAtTheEndExitWithThree) {
+  std::string text;
+  for (int g = 0; g < 6; ++g) text += "create a" + std::to_string(g) + " narrow 8 unicast\n";
+  text += "create a6 narrow 5 unicast\ncreate c narrow 8 nat\n";
+  const Outcome o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", file("w.txt", text)});
+  EXPECT_EQ(o.status, 3) << o.err;
+  EXPECT_THAT(o.out, HasSubstr("  ended by                settle limit\n"));
+  EXPECT_THAT(o.out, HasSubstr("line 8 (c): create refused, -2 no room: no block of 8 free entries in a row\n"));
 }
 
 TEST_F(ProgramTest, UsageErrorsExitWithTwo) {
