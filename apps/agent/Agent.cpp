@@ -449,15 +449,15 @@ void AgentSimulation::handlerDone() {
 void AgentSimulation::showProgress(bool last) {
   if (!config_.progress) return;
   const double now = wallNow();
-  if (!last && now - lastProgress_ < 0.25) return;
+  if (!last && now - lastProgress_ < config_.progressEvery) return;
   lastProgress_ = now;
   U64 requested = 0;
   for (const auto& [kind, counts] : report_.requests) requested += counts.requested;
-  fprintf(stderr, "\rbrevant-agent: t = %.0f s, %llu of %llu requests, %zu groups, %u defragmentation runs, %zu waiting  ",
-          agentTime(), static_cast<unsigned long long>(requested),
+  fprintf(stderr, "%sbrevant-agent: t = %.0f s, requests %llu of %llu, groups %zu, defragmentation runs %u, waiting %zu%s",
+          config_.progressInPlace ? "\r" : "", agentTime(), static_cast<unsigned long long>(requested),
           static_cast<unsigned long long>(report_.workloadRequests), static_cast<size_t>(placedGroups_),
-          manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u, retryQueue_.size());
-  if (last) fprintf(stderr, "\n");
+          manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u, retryQueue_.size(),
+          config_.progressInPlace ? (last ? "  \n" : "  ") : "\n");
 }
 
 // --- Replaying requests ---

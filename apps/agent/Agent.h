@@ -43,8 +43,11 @@ struct AgentConfig {
   std::optional<std::string> socketPath;
   // After the workload, keep serving until quit (request or signal).
   bool serve = false;
-  // A progress line on stderr.
+  // A progress line on stderr, every progressEvery seconds of wall time:
+  // redrawn in place (a terminal), or one line each time (a log).
   bool progress = false;
+  bool progressInPlace = true;
+  double progressEvery = 0.25;
   // Delay before the first retry of a create refused with -2 when no
   // defragmentation is scheduled; it doubles (up to maxRetryDelay) while
   // retries make no progress.

@@ -37,6 +37,10 @@ struct RunOptions {
   // Run the library's whole-table check at every defragmenter write even
   // on a large table (slow).
   bool checkEveryWrite = false;
+  // The simulated chip's time per call and per 64-bit word (the manual
+  // clock's figures; absent: the bus estimate).
+  std::optional<Kiln::Seconds> chipCallTime;
+  std::optional<Kiln::Seconds> chipWordTime;
 };
 
 struct ClientOptions {
@@ -48,6 +52,9 @@ struct ClientOptions {
 struct CommandLine {
   enum class Command { run, client, help };
   Command command = Command::run;
+  // help: the subcommand asked about ("run", "serve", "client"), or empty
+  // for the whole usage.
+  std::string helpTopic;
   RunOptions run;
   ClientOptions client;
 };
@@ -55,7 +62,8 @@ struct CommandLine {
 // Parses the arguments after the program name. Throws UsageError.
 CommandLine parseCommandLine(const std::vector<std::string>& args);
 
-// The text printed by `brevant-agent help`.
-std::string usageText();
+// The text printed by `brevant-agent help`, or by `brevant-agent TOPIC
+// --help` for one subcommand (an empty topic: every subcommand).
+std::string usageText(const std::string& topic = {});
 
 }  // namespace Agent

@@ -1,7 +1,11 @@
 // brevant-agent: the agent simulation on the simulated chip, and the client
 // of its diagnostic socket.
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include <cstdio>
 #include <fstream>
@@ -62,13 +66,43 @@ Agent::AgentConfig configFor(const Agent::RunOptions& options) {
   config.manualClock = options.manualClock;
   config.socketPath = options.socketPath;
   config.serve = options.serve;
-  config.progress = options.progress.value_or(isatty(STDERR_FILENO) == 1);
+  // On a terminal the progress line is redrawn in place; otherwise (a log)
+  // a run on the real clock writes one line a minute, and a manual-clock
+  // run, over in seconds, none.
+  const bool terminal = isatty(STDERR_FILENO) == 1;
+  config.progress = options.progress.value_or(terminal || !options.manualClock);
+  config.progressInPlace = options.progress.value_or(terminal);
+  if (!config.progressInPlace) config.progressEvery = 60;
+  if (options.chipCallTime) config.chipTiming.perCall = *options.chipCallTime;
+  if (options.chipWordTime) config.chipTiming.perWord = *options.chipWordTime;
   if (options.checkEveryWrite) config.tableCheckEveryWriteUpTo = 65534;
   if (!config.manualClock) config.settleLimit = 30;
   return config;
 }
 
+// Fails unless path can be written: an existing regular file that may be
+// written, or a new name in a folder that may be written.
+void checkWritable(const std::string& path, const char* what) {
+  struct stat info {};
+  std::string problem;
+  if (stat(path.c_str(), &info) == 0) {
+    if (!S_ISREG(info.st_mode)) {
+      problem = "not a regular file";
+    } else if (access(path.c_str(), W_OK) != 0) {
+      problem = strerror(errno);
+    }
+  } else {
+    const size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    if (access(folder.c_str(), W_OK | X_OK) != 0) problem = strerror(errno);
+  }
+  if (!problem.empty()) throw Agent::UsageError(std::string("cannot write ") + what + " " + path + ": " + problem);
+}
+
 int run(const Agent::RunOptions& options) {
+  // Outputs are checked before anything runs, so that a long run is never
+  // lost for want of a place to write its picture.
+  if (options.svgFile) checkWritable(*options.svgFile, "the picture");
   const Agent::AgentConfig config = configFor(options);
   std::unique_ptr<Agent::AgentSimulation> made;
   try {
@@ -114,7 +148,7 @@ int main(int argc, char** argv) {
   try {
     const Agent::CommandLine line = Agent::parseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
     switch (line.command) {
-      case Agent::CommandLine::Command::help: std::cout << Agent::usageText(); return 0;
+      case Agent::CommandLine::Command::help: std::cout << Agent::usageText(line.helpTopic); return 0;
       case Agent::CommandLine::Command::client: return client(line.client);
       case Agent::CommandLine::Command::run: return run(line.run);
     }

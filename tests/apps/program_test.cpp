@@ -138,7 +138,7 @@ TEST_F(ProgramTest, ShowsProgressOnlyWhenAsked) {
   o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", workload, "--progress"});
   EXPECT_EQ(o.status, 0);
   EXPECT_THAT(o.err, StartsWith("\rbrevant-agent: t = "));
-  EXPECT_THAT(o.err, HasSubstr("3 of 3 requests, 2 groups, 0 defragmentation runs, 0 waiting"));
+  EXPECT_THAT(o.err, HasSubstr("requests 3 of 3, groups 2, defragmentation runs 0, waiting 0"));
 }
 
 TEST_F(ProgramTest, ABadWorkloadLineStopsBeforeAnythingRuns) {
@@ -167,6 +167,36 @@ TEST_F(ProgramTest, CreatesStillWaitingAtTheEndExitWithThree) {
   EXPECT_EQ(o.status, 3) << o.err;
   EXPECT_THAT(o.out, HasSubstr("  ended by                settle limit\n"));
   EXPECT_THAT(o.out, HasSubstr("line 8 (c): create refused, -2 no room: no block of 8 free entries in a row\n"));
+}
+
+TEST_F(ProgramTest, AnUnwritablePictureIsRefusedBeforeTheRun) {
+  const std::string workload = file("w.txt", goodWorkload);
+  Outcome o = run({"run", "--manual-clock", "--workload", workload, "--svg", dir_ + "/missing/t.svg"});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_THAT(o.err, HasSubstr("cannot write the picture " + dir_ + "/missing/t.svg: No such file or directory"));
+  EXPECT_EQ(o.out, "");
+  o = run({"run", "--manual-clock", "--workload", workload, "--svg", dir_});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_THAT(o.err, HasSubstr("not a regular file"));
+}
+
+TEST_F(ProgramTest, ARealClockRunWithoutATerminalLogsItsProgress) {
+  const Outcome o = run({"run", "--sim-bound", "64", "--workload", file("w.txt", "create a narrow 1 nat\n")});
+  EXPECT_EQ(o.status, 0) << o.err;
+  EXPECT_THAT(o.err, StartsWith("brevant-agent: t = 0 s, "));
+  EXPECT_THAT(o.err, HasSubstr("requests 1 of 1, groups 1, defragmentation runs 0, waiting 0\n"));
+  EXPECT_EQ(o.err.find('\r'), std::string::npos);
+}
+
+TEST_F(ProgramTest, EverySubcommandAnswersHelp) {
+  for (const char* command : {"run", "serve", "client"}) {
+    const Outcome o = run({command, "--help"});
+    EXPECT_EQ(o.status, 0) << command;
+    EXPECT_THAT(o.out, StartsWith("usage: brevant-agent ")) << command;
+  }
+  const Outcome o = run({"serv"});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_THAT(o.err, HasSubstr("unknown command 'serv'"));
 }
 
 TEST_F(ProgramTest, UsageErrorsExitWithTwo) {
