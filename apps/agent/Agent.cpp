@@ -876,6 +876,105 @@ Occupancy AgentSimulation::snapshot(const std::string& title) {
 
 // --- Diagnostic requests ---
 
+namespace {
+
+// "2.5" for a number of seconds that a request takes; throws RequestError.
+double secondsArgument(const std::string& text) {
+  char* end = nullptr;
+  const double value = strtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0' || !(value >= 0) || !(value <= 1)) {
+    throw RequestError("'" + text + "' is not a time from 0 to 1 s");
+  }
+  return value;
+}
+
+std::string withNewline(std::string text) {
+  if (text.empty() || text.back() != '\n') text += '\n';
+  return text;
+}
+
+}  // namespace
+
+// One request of the socket: its leading words, and its handler, given the
+// rest of the line (empty when there is none).
+struct AgentSimulation::RequestHandler {
+  const char* words;
+  bool takesArguments;
+  void (*answer)(AgentSimulation& agent, const std::string& rest, int fd);
+};
+
+const std::vector<AgentSimulation::RequestHandler>& AgentSimulation::requestHandlers() {
+  static const std::vector<RequestHandler> handlers = {
+      {"show free-entries", false,
+       [](AgentSimulation& a, const std::string&, int fd) {
+         a.manager_->showFreeEntrySummary(static_cast<U32>(fd));
+       }},
+      {"show group", true,
+       [](AgentSimulation& a, const std::string& rest, int fd) {
+         char* end = nullptr;
+         const unsigned long id = strtoul(rest.c_str(), &end, 10);
+         if (*end != '\0' || id > 65535 || rest[0] == '-') throw RequestError("'" + rest + "' is not a group id");
+         writeAll(fd, groupText(*a.manager_, static_cast<U16>(id)));
+       }},
+      {"get", true,
+       [](AgentSimulation& a, const std::string& rest, int fd) {
+         if (rest.find(' ') != std::string::npos) throw RequestError("get takes one path");
+         writeAll(fd, withNewline(pathGet(*a.state_, rest)));
+       }},
+      {"set", true,
+       [](AgentSimulation& a, const std::string& rest, int fd) {
+         const size_t blank = rest.find(' ');
+         if (blank == std::string::npos) throw RequestError("set takes a path and a value");
+         const std::string path = rest.substr(0, blank);
+         pathSet(*a.state_, path, rest.substr(rest.find_first_not_of(' ', blank)));
+         writeAll(fd, withNewline(pathGet(*a.state_, path)));
+       }},
+      {"status", false, [](AgentSimulation& a, const std::string&, int fd) { writeAll(fd, a.statusText()); }},
+      {"chip-timing", false,
+       [](AgentSimulation&, const std::string&, int fd) { writeAll(fd, chipTimingText()); }},
+      {"chip-timing", true,
+       [](AgentSimulation&, const std::string& rest, int fd) {
+         const size_t blank = rest.find(' ');
+         if (blank == std::string::npos) throw RequestError("chip-timing takes two times: per call and per word");
+         const double perCall = secondsArgument(rest.substr(0, blank));
+         const double perWord = secondsArgument(rest.substr(rest.find_first_not_of(' ', blank)));
+         FmSim::timingIs({perCall, perWord});
+         writeAll(fd, chipTimingText());
+       }},
+      {"help", false, [](AgentSimulation&, const std::string&, int fd) { writeAll(fd, requestHelp()); }},
+      {"quit", false,
+       [](AgentSimulation& a, const std::string&, int fd) {
+         writeAll(fd, "ok: stopping\n");
+         a.quit();
+       }},
+  };
+  return handlers;
+}
+
+std::string AgentSimulation::chipTimingText() {
+  char text[128];
+  snprintf(text, sizeof(text), "chip timing: %g s per call, %g s per word\n", FmSim::timing().perCall,
+           FmSim::timing().perWord);
+  return text;
+}
+
+std::string AgentSimulation::statusText() const {
+  U64 requested = 0;
+  for (const auto& [kind, counts] : report_.requests) requested += counts.requested;
+  const char* replay = !workloadDone_ ? "running" : settled() ? "done" : "settling";
+  char text[512];
+  snprintf(text, sizeof(text),
+           "replay: %s\n"
+           "agent time: %.3f s\n"
+           "requests: %llu of %llu\n"
+           "pending retries: %zu\n"
+           "defragmentation runs: %u\n",
+           replay, agentTime(), static_cast<unsigned long long>(requested),
+           static_cast<unsigned long long>(report_.workloadRequests), retryQueue_.size(),
+           manager_->defragManager()->defragCount());
+  return text;
+}
+
 void AgentSimulation::answer(const std::string& request, int fd) {
   watch_->begin("diagnostic request '" + request + "'");
   struct EndWatch {
@@ -883,36 +982,21 @@ void AgentSimulation::answer(const std::string& request, int fd) {
     ~EndWatch() { watch.end(); }
   } endWatch{*watch_};
 
-  std::istringstream in(request);
-  std::string verb;
-  std::string what;
-  in >> verb >> what;
-  std::string rest;
-  std::getline(in >> std::ws, rest);
-  if (verb == "show" && what == "free-entries" && rest.empty()) {
-    manager_->showFreeEntrySummary(static_cast<U32>(fd));
-  } else if (verb == "show" && what == "group" && !rest.empty()) {
-    char* end = nullptr;
-    const unsigned long id = strtoul(rest.c_str(), &end, 10);
-    if (*end != '\0' || id > 65535 || rest[0] == '-') throw RequestError("'" + rest + "' is not a group id");
-    writeAll(fd, groupText(*manager_, static_cast<U16>(id)));
-  } else if (verb == "get" && !what.empty() && rest.empty()) {
-    std::string text = pathGet(*state_, what);
-    if (text.empty() || text.back() != '\n') text += '\n';
-    writeAll(fd, text);
-  } else if (verb == "set" && !what.empty() && !rest.empty()) {
-    pathSet(*state_, what, rest);
-    std::string text = pathGet(*state_, what);
-    if (text.empty() || text.back() != '\n') text += '\n';
-    writeAll(fd, text);
-  } else if (verb == "help" && what.empty()) {
-    writeAll(fd, requestHelp());
-  } else if (verb == "quit" && what.empty()) {
-    writeAll(fd, "ok: stopping\n");
-    quit();
-  } else {
-    throw RequestError("unknown request '" + request + "' (try help)");
+  for (const RequestHandler& handler : requestHandlers()) {
+    // The request's leading words must be the handler's; the rest of the
+    // line, as sent, is its argument text.
+    std::istringstream in(request);
+    std::istringstream expected(handler.words);
+    bool matches = true;
+    for (std::string want, got; expected >> want;) matches = matches && in >> got && got == want;
+    if (!matches) continue;
+    std::string rest;
+    std::getline(in >> std::ws, rest);
+    while (!rest.empty() && (rest.back() == ' ' || rest.back() == '\t')) rest.pop_back();
+    if (rest.empty() != !handler.takesArguments) continue;
+    return handler.answer(*this, rest, fd);
   }
+  throw RequestError("unknown request '" + request + "' (try help)");
 }
 
 }  // namespace Agent

@@ -112,6 +112,11 @@ class AgentSimulation {
   // Ends the run after the current handler (the quit request).
   void quit();
 
+  // The answer to the status request: whether the replay is running,
+  // settling (every request made, retries or a defragmentation pending) or
+  // done, agent time, requests so far, pending retries, runs made.
+  std::string statusText() const;
+
   // Ends a running simulation from a signal handler (async-signal-safe).
   static void interrupt();
 
@@ -130,6 +135,10 @@ class AgentSimulation {
  private:
   friend class FeatureCallback;
   class Replayer;
+  struct RequestHandler;
+  // The requests of the diagnostic socket.
+  static const std::vector<RequestHandler>& requestHandlers();
+  static std::string chipTimingText();
   class Retrier;
 
   // A workload label: waiting for a retry, placed as a group, or refused.

@@ -148,6 +148,8 @@ std::string requestHelp() {
          "show group ID            a group and its next hops read back from the chip\n"
          "get PATH                 an attribute by path, e.g. nextHopManager.simMode\n"
          "set PATH VALUE           store an attribute, e.g. nextHopManager.defragManager.defragDelay 2.5\n"
+         "status                   replay running, settling or done; agent time, requests, pending retries\n"
+         "chip-timing [CALL WORD]  the simulated chip's time per call and per 64-bit word, in seconds\n"
          "help                     this list\n"
          "quit                     stop the agent\n";
 }

@@ -8,7 +8,9 @@
 
 #include <fstream>
 #include <sstream>
+#include <chrono>
 #include <future>
+#include <thread>
 
 #include "Brevant/DefragManager.h"
 #include "DiagnosticSocket.h"
@@ -615,4 +617,28 @@ TEST(AgentTiming, AnInstantChipNeverRunsOutOfBudget) {
   EXPECT_EQ(r.defragRuns, 1u);
   EXPECT_EQ(r.longestStop, 0.0);
   EXPECT_EQ(r.longestDefragRun, 0.0);
+}
+
+TEST_F(AgentSocketTest, StatusSaysWhenTheReplayIsDone) {
+  std::string running;
+  std::string done;
+  std::string timing;
+  std::string badTiming;
+  const Report report = serve("create a narrow 4 unicast\nsleep 5\ncreate b narrow 2 nat\n", [&] {
+    running = ask("status");
+    // What the README's example does: ask until the replay is done.
+    for (int i = 0; i < 500 && done.rfind("replay: done\n", 0) != 0; ++i) {
+      done = ask("status");
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    timing = ask("chip-timing 0.001 0");
+    badTiming = ask("chip-timing -1 0");
+    ask("quit");
+  });
+  EXPECT_THAT(running, testing::MatchesRegex("replay: (running|done)\n.*"));
+  EXPECT_THAT(done, StartsWith("replay: done\nagent time: "));
+  EXPECT_THAT(done, HasSubstr("\nrequests: 2 of 2\npending retries: 0\ndefragmentation runs: 0\n"));
+  EXPECT_EQ(timing, "chip timing: 0.001 s per call, 0 s per word\n");
+  EXPECT_EQ(badTiming, "error: '-1' is not a time from 0 to 1 s\n");
+  EXPECT_TRUE(report.passed());
 }
