@@ -253,6 +253,7 @@ AgentSimulation::AgentSimulation(AgentConfig config)
   // Before every timer's handler (a defragmentation run among them): the
   // free space is measured, and the stop watch starts.
   auto handlerStarts = [this](Kiln::Seconds) {
+    noteDefragRuns();
     sample(true);
     watch_->begin();
   };
@@ -366,6 +367,8 @@ Report AgentSimulation::run() {
     report_.tableProblems.push_back("check " + std::to_string(v.check) + ": " + v.text);
   }
   report_.end = snapshot("end");
+  report_.timeline.points.push_back({report_.end.time, report_.end.freeSpace()});
+  report_.timeline.end = report_.end.time;
   report_.defragRuns = manager_->defragManager()->defragCount();
   report_.longestStop = watch_->longestInAgentTime().took;
   report_.longestStopWhat = watch_->longestInAgentTime().what;
@@ -434,7 +437,23 @@ bool AgentSimulation::finished() const {
   return settled() || clock_->now() > workloadEnd_ + config_.settleLimit;
 }
 
+void AgentSimulation::noteDefragRuns() {
+  if (!manager_ || !manager_->defragManager()) return;
+  const U32 runs = manager_->defragManager()->defragCount();
+  if (runs == defragRunsNoted_) return;
+  defragRunsNoted_ = runs;
+  report_.timeline.defragRuns.push_back(agentTime());
+  const U64 moves = report_.groupsMoved - groupsMovedAtLastRun_;
+  groupsMovedAtLastRun_ = report_.groupsMoved;
+  if (moves > report_.largestRunMoves) {
+    report_.largestRunMoves = moves;
+    report_.afterLargestRun = snapshot("after the largest defragmentation run (" + std::to_string(moves) +
+                                       (moves == 1 ? " group moved)" : " groups moved)"));
+  }
+}
+
 void AgentSimulation::handlerDone() {
+  noteDefragRuns();
   watch_->end();
   check_.settle();
   // Between runs every owner holds the base its group's record holds.
@@ -510,6 +529,7 @@ void AgentSimulation::execute(const Request& request) {
 
 void AgentSimulation::refused(S32 code, const Request& request, bool retry, U16 groupSize) {
   ++report_.refusals[code];
+  if (request.kind == RequestKind::create) report_.timeline.refusedCreates.push_back(agentTime());
   if (retry) {
     ++report_.retryRefusals[code];
   } else {
@@ -847,6 +867,7 @@ void AgentSimulation::sample(bool now) {
   if (!manager_ || (!now && requestsSinceSample_ < config_.sampleEvery)) return;
   requestsSinceSample_ = 0;
   const FreeSpace space = freeSpaceOf(*manager_);
+  report_.timeline.points.push_back({agentTime(), space});
   if (!moreFragmented(space, worstSpace_)) return;
   worstSpace_ = space;
   report_.worst = snapshot("worst fragmentation");

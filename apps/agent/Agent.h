@@ -188,6 +188,9 @@ class AgentSimulation {
   bool settled() const;
   bool finished() const;
   void handlerDone();
+  // Notes the defragmentation runs made since the last look: their time,
+  // and the picture after the run that moved the most groups.
+  void noteDefragRuns();
   void showProgress(bool last);
 
   // End-of-run check of the feature views against the manager's records.
@@ -205,6 +208,8 @@ class AgentSimulation {
   // chip write the defragmenter makes and after every defragmentation run.
   std::unique_ptr<Brevant::HitlessChecker> checker_;
   U32 defragRunsChecked_ = 0;
+  U32 defragRunsNoted_ = 0;
+  U64 groupsMovedAtLastRun_ = 0;
   Kiln::Ptr<Replayer> replayer_;
   Kiln::Ptr<Retrier> retrier_;
   std::unique_ptr<DiagnosticServer> server_;

@@ -59,6 +59,13 @@ std::string codeMeaning(S32 code) {
   }
 }
 
+std::vector<Occupancy> Report::pictures() const {
+  std::vector<Occupancy> list = {start, worst};
+  if (!afterLargestRun.cells.empty()) list.push_back(afterLargestRun);
+  list.push_back(end);
+  return list;
+}
+
 int exitStatusOf(const Report& report) {
   if (!report.passed()) return exitCheckFailed;
   if (!report.complete()) return exitIncomplete;

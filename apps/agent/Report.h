@@ -145,10 +145,20 @@ struct Report {
   U64 viewDistinctGroups = 0;
   std::vector<std::string> viewMismatches;
 
-  // The table at the start, at its most fragmented, and at the end.
+  // The table at the start, at its most fragmented, right after the
+  // defragmentation run that moved the most groups (empty cells when no run
+  // moved any), and at the end.
   Occupancy start;
   Occupancy worst;
+  Occupancy afterLargestRun;
+  U64 largestRunMoves = 0;
   Occupancy end;
+  // The free space over agent time, the runs and the refused creates.
+  Timeline timeline;
+
+  // The pictures of the table in time order: start, worst fragmentation,
+  // after the largest run (when there was one), end.
+  std::vector<Occupancy> pictures() const;
 
   // Groups live at the end.
   U64 groupsAtEnd = 0;

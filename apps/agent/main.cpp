@@ -120,7 +120,7 @@ int run(const Agent::RunOptions& options) {
   const Agent::Report report = agent.run();
   if (options.svgFile) {
     std::string error;
-    if (!Agent::writeOccupancySvgFile(*options.svgFile, {report.start, report.worst, report.end}, error)) {
+    if (!Agent::writeOccupancySvgFile(*options.svgFile, report.pictures(), &report.timeline, error)) {
       std::cerr << "brevant-agent: " << error << '\n';
       return exitCheckFailed;
     }
