@@ -234,7 +234,7 @@ UnfitWorkload::UnfitWorkload(std::vector<WorkloadError> problems)
       problems_(std::move(problems)) {}
 
 AgentSimulation::AgentSimulation(AgentConfig config)
-    : config_(std::move(config)), check_([](U32 index) { return FmSim::tableWord(index); }) {
+    : config_(std::move(config)) {
   std::vector<WorkloadError> unfit = unfitRequests(config_.workload, swapAreaEntries(config_.simBound));
   if (!unfit.empty()) throw UnfitWorkload(std::move(unfit));
   // The socket first: if it cannot be served, nothing else has changed.
@@ -352,19 +352,19 @@ Report AgentSimulation::run() {
                     : settled() ? "workload done"
                                 : "settle limit";
   report_.abandoned = retryQueue_.size();
-  check_.settle();
-  check_.checkAll("at the end");
+  checker_->settle();
+  checker_->checkOwnedGroups("at the end");
   checkViews();
-  report_.hitlessWritesChecked = check_.writesChecked();
-  report_.hitlessViolations = check_.violations();
-  report_.hitlessProblems = check_.problems();
+  report_.hitlessWritesChecked = checker_->writesChecked();
+  report_.hitlessViolations = checker_->violationCount(Brevant::HitlessChecker::Mode::incremental);
   checker_->checkSettled();
   report_.tableCheckedEveryWrite = report_.tableBound <= config_.tableCheckEveryWriteUpTo;
   report_.tableChecks = checker_->checks();
-  report_.tableViolations = checker_->violationCount();
+  report_.tableViolations = checker_->violationCount(Brevant::HitlessChecker::Mode::wholeTable);
   for (const Brevant::HitlessChecker::Violation& v : checker_->violations()) {
-    if (report_.tableProblems.size() == listedProblems) break;
-    report_.tableProblems.push_back("check " + std::to_string(v.check) + ": " + v.text);
+    const bool whole = v.mode == Brevant::HitlessChecker::Mode::wholeTable;
+    std::vector<std::string>& list = whole ? report_.tableProblems : report_.hitlessProblems;
+    if (list.size() < listedProblems) list.push_back(whole ? "check " + std::to_string(v.check) + ": " + v.text : v.text);
   }
   report_.end = snapshot("end");
   report_.timeline.points.push_back({report_.end.time, report_.end.freeSpace()});
@@ -443,6 +443,8 @@ void AgentSimulation::noteDefragRuns() {
   if (runs == defragRunsNoted_) return;
   defragRunsNoted_ = runs;
   report_.timeline.defragRuns.push_back(agentTime());
+  // A run that ran out of its budget leaves the next one wanted.
+  if (manager_->defragManager()->scheduleDefragment()) ++report_.defragRunsCut;
   const U64 moves = report_.groupsMoved - groupsMovedAtLastRun_;
   groupsMovedAtLastRun_ = report_.groupsMoved;
   if (moves > report_.largestRunMoves) {
@@ -455,7 +457,7 @@ void AgentSimulation::noteDefragRuns() {
 void AgentSimulation::handlerDone() {
   noteDefragRuns();
   watch_->end();
-  check_.settle();
+  checker_->settle();
   // Between runs every owner holds the base its group's record holds.
   const U32 runs = manager_->defragManager()->defragCount();
   if (runs != defragRunsChecked_) {
@@ -594,7 +596,7 @@ void AgentSimulation::create(const Request& request, bool retry) {
     return;
   }
   const U16 id = static_cast<U16>(rc);
-  HitlessCheck::Group placed;
+  Brevant::HitlessChecker::OwnedGroup placed;
   placed.label = request.label;
   placed.base = manager_->ecmpGroups(id)->hwStartIndex();
   placed.wide = request.wide;
@@ -605,7 +607,8 @@ void AgentSimulation::create(const Request& request, bool retry) {
   label.state = Label::State::placed;
   label.id = id;
   callbacks_[static_cast<int>(request.feature)]->view_[id] = Placement{placed.base, request.size};
-  check_.groupIs(id, std::move(placed));
+  toldBase_[id] = placed.base;
+  checker_->ownedGroupIs(id, std::move(placed));
   ++placedGroups_;
   if (retry) {
     ++report_.retriesSucceeded;
@@ -639,7 +642,8 @@ void AgentSimulation::remove(const Request& request) {
     return;
   }
   ++report_.requests[RequestKind::remove].succeeded;
-  check_.groupDel(label.id);
+  checker_->ownedGroupDel(label.id);
+  toldBase_.erase(label.id);
   for (const Kiln::Ptr<FeatureCallback>& callback : callbacks_) callback->view_.erase(label.id);
   --placedGroups_;
   labels_.erase(found);
@@ -653,14 +657,14 @@ void AgentSimulation::update(const Request& request) {
   }
   Label& label = found->second;
   const U16 id = label.id;
-  const HitlessCheck::Group before = *check_.group(id);
+  const Brevant::HitlessChecker::OwnedGroup before = *checker_->ownedGroup(id);
   ++label.version;
   // The words the group will hold are told to the check before the chip is
   // written, so that the rewrite is expected.
   auto rewrite = [&](U16 p) {
     const U64 data = word(request.label, label.version, p, false);
     const U64 wideData = before.wide ? word(request.label, label.version, p, true) : 0;
-    check_.wordsIs(id, p, data, wideData);
+    checker_->ownedWordsIs(id, p, data, wideData);
     return Brevant::NextHopEntry(static_cast<U16>(before.base + (before.wide ? 2 : 1) * p), before.wide,
                                  data, wideData);
   };
@@ -682,7 +686,7 @@ void AgentSimulation::update(const Request& request) {
     // Nothing was written (the group is placed, so only a bad position is
     // refused): the owners keep their words.
     for (U16 p = 0; p < before.size(); ++p) {
-      check_.wordsIs(id, p, before.data[p], before.wide ? before.wideData[p] : 0);
+      checker_->ownedWordsIs(id, p, before.data[p], before.wide ? before.wideData[p] : 0);
     }
     return;
   }
@@ -696,7 +700,7 @@ void AgentSimulation::read(const Request& request) {
     return;
   }
   const U16 id = found->second.id;
-  const HitlessCheck::Group& g = *check_.group(id);
+  const Brevant::HitlessChecker::OwnedGroup& g = *checker_->ownedGroup(id);
   const Brevant::NextHopEntry entry = manager_->readNextHop(id, request.position);
   if (request.position >= g.size()) {
     // Refused by the manager with an all-zero entry.
@@ -733,7 +737,7 @@ void AgentSimulation::addFeature(const Request& request) {
     return;
   }
   ++report_.requests[RequestKind::addFeature].succeeded;
-  const HitlessCheck::Group& g = *check_.group(id);
+  const Brevant::HitlessChecker::OwnedGroup& g = *checker_->ownedGroup(id);
   callbacks_[static_cast<int>(request.feature)]->view_[id] = Placement{g.base, g.size()};
 }
 
@@ -794,23 +798,26 @@ void AgentSimulation::retryQueued() {
 // --- The hitless check ---
 
 void AgentSimulation::moved(Feature, U16 id, U16 base, U16 size) {
-  const HitlessCheck::Group* g = check_.group(id);
+  // The checker hears the move through its own owner callbacks; this one
+  // counts it, once for all the features that share the group.
+  const Brevant::HitlessChecker::OwnedGroup* g = checker_->ownedGroup(id);
   if (g && size != g->size()) {
     report_.viewMismatches.push_back("owners of group " + std::to_string(id) + " told of " +
                                      std::to_string(size) + " next hops, not " +
                                      std::to_string(g->size()));
   }
-  if (g && g->base != base) {
+  const auto told = toldBase_.find(id);
+  if (g && told != toldBase_.end() && told->second != base) {
+    told->second = base;
     ++report_.groupsMoved;
     report_.entriesMoved += g->entries();
   }
-  check_.movedTo(id, base);
 }
 
 void AgentSimulation::chipWritten(U32 address, S32 count, const U64* data) {
   if (address < FmSim::nextHopTableBase || (address - FmSim::nextHopTableBase) % 2 != 0) return;
   const double started = wallNow();
-  check_.written((address - FmSim::nextHopTableBase) / 2, static_cast<U32>(count), data);
+  checker_->written((address - FmSim::nextHopTableBase) / 2, static_cast<U32>(count), data);
   if (!inRequest_) {
     // A write of the defragmenter: a group is moving.
     report_.defragEntriesWritten += static_cast<U64>(count);

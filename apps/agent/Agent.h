@@ -19,7 +19,6 @@
 #include "Brevant/HitlessChecker.h"
 #include "Brevant/NextHopManager.h"
 #include "FmSim/FmSim.h"
-#include "HitlessCheck.h"
 #include "Kiln/Clock.h"
 #include "Report.h"
 #include "Workload.h"
@@ -204,8 +203,10 @@ class AgentSimulation {
   Kiln::Ptr<Brevant::BrevantCommonSmData> state_;
   Kiln::Ptr<Brevant::NextHopManager> manager_;
   std::vector<Kiln::Ptr<FeatureCallback>> callbacks_;
-  // The library's table check: records, owners and chip compared at every
-  // chip write the defragmenter makes and after every defragmentation run.
+  // The library's hitless checker in both modes: incremental at every chip
+  // write (the features' groups and words, handed over as they create and
+  // rewrite them), whole-table at every chip write the defragmenter makes
+  // (on tables up to tableCheckEveryWriteUpTo) and after every run.
   std::unique_ptr<Brevant::HitlessChecker> checker_;
   U32 defragRunsChecked_ = 0;
   U32 defragRunsNoted_ = 0;
@@ -228,7 +229,9 @@ class AgentSimulation {
   Kiln::Seconds retryBackoff_ = 0;
   U32 defragRunsAtLastRetry_ = 0;
 
-  HitlessCheck check_;
+  // The base the features were last told of each placed group, to count
+  // each move once.
+  std::unordered_map<U16, U16> toldBase_;
 
   U64 requestsSinceSample_ = 0;
   FreeSpace worstSpace_;

@@ -130,7 +130,8 @@ void printReport(std::ostream& out, const Report& r) {
   for (const std::string& problem : r.readProblems) line(out, "", problem);
 
   out << "Defragmentation\n";
-  line(out, "runs", std::to_string(r.defragRuns) + " (budget " + seconds(r.defragBudget, "%g") +
+  line(out, "runs", std::to_string(r.defragRuns) + " (" + std::to_string(r.defragRunsCut) +
+                        " cut by the budget and rescheduled; budget " + seconds(r.defragBudget, "%g") +
                         " of agent time per pass)");
   line(out, "groups moved", std::to_string(r.groupsMoved));
   line(out, "entries moved", std::to_string(r.entriesMoved) + " (" +

@@ -98,6 +98,8 @@ struct Report {
   // Defragmentation runs made (the defragmenter's counter), moves of groups
   // told to their owners, and the table entries those groups hold.
   U32 defragRuns = 0;
+  // Runs that ran out of their time budget and were rescheduled.
+  U32 defragRunsCut = 0;
   U64 groupsMoved = 0;
   U64 entriesMoved = 0;
   // Table entries written by the defragmenter (both legs of a move through

@@ -252,6 +252,14 @@ TEST(AgentRun, ARefusedCreateSucceedsRightAfterTheDefragmentationRun) {
   EXPECT_TRUE(r.passed());
   // The worst moment was the one with the two holes.
   EXPECT_EQ(r.worst.freeSpace(), (FreeSpace{12, 2, 6}));
+  // The pictures: the run is marked at t = 5, the refused create at 0, and
+  // the table is pictured right after the run, before the retry placed x.
+  EXPECT_EQ(r.timeline.defragRuns, (std::vector<Kiln::Seconds>{5.0}));
+  EXPECT_EQ(r.timeline.refusedCreates, (std::vector<Kiln::Seconds>{0.0}));
+  EXPECT_FALSE(r.timeline.points.empty());
+  ASSERT_EQ(r.pictures().size(), 4u);
+  EXPECT_EQ(r.pictures()[2].title, "after the largest defragmentation run (6 groups moved)");
+  EXPECT_EQ(r.afterLargestRun.freeSpace(), (FreeSpace{12, 1, 12}));
 }
 
 TEST(AgentRun, MovesThroughTheSwapAreaAreHitless) {
@@ -501,7 +509,7 @@ TEST(AgentReport, ListsEachRefusalWithItsLineLabelAndMeaning) {
   EXPECT_THAT(text.str(), HasSubstr("line 4 (big): create refused, -1 invalid request: 257 next hops, at most 256\n"));
   EXPECT_THAT(text.str(), HasSubstr("  skipped                 1 (the label's group not in the table)\n"));
   EXPECT_THAT(text.str(), HasSubstr("  delete                  2 requested: 1 succeeded at the first attempt, 1 skipped\n"));
-  EXPECT_THAT(text.str(), HasSubstr("  runs                    0 (budget 0.1 s of agent time per pass)\n"));
+  EXPECT_THAT(text.str(), HasSubstr("  runs                    0 (0 cut by the budget and rescheduled; budget 0.1 s of agent time per pass)\n"));
   EXPECT_THAT(text.str(), HasSubstr("1 run, largest 53"));
   EXPECT_THAT(text.str(), HasSubstr("  summary's free count    "));
 }
@@ -597,6 +605,8 @@ TEST(AgentTiming, TheTimedChipMakesDefragmentationRunsMeetTheirBudget) {
   EXPECT_TRUE(r.passed()) << (r.hitlessProblems.empty() ? "" : r.hitlessProblems[0])
                           << (r.tableProblems.empty() ? "" : r.tableProblems[0]);
   EXPECT_GT(r.defragRuns, 1u);
+  EXPECT_EQ(r.defragRunsCut, r.defragRuns - 1);
+  EXPECT_EQ(r.timeline.defragRuns.size(), r.defragRuns);
   EXPECT_EQ(r.retriesSucceeded, 1u);
   EXPECT_EQ(r.endedBy, "workload done");
   EXPECT_EQ(r.chipCallTime, 0.01);
@@ -615,6 +625,7 @@ TEST(AgentTiming, AnInstantChipNeverRunsOutOfBudget) {
   AgentSimulation agent(configOf(workload, 1024));
   const Report r = agent.run();
   EXPECT_EQ(r.defragRuns, 1u);
+  EXPECT_EQ(r.defragRunsCut, 0u);
   EXPECT_EQ(r.longestStop, 0.0);
   EXPECT_EQ(r.longestDefragRun, 0.0);
 }
