@@ -653,3 +653,25 @@ TEST_F(AgentSocketTest, StatusSaysWhenTheReplayIsDone) {
   EXPECT_EQ(badTiming, "error: '-1' is not a time from 0 to 1 s\n");
   EXPECT_TRUE(report.passed());
 }
+
+TEST(AgentTiming, TheMainJobsRunsAreCutByTheBudgetAndRescheduled) {
+  // The main job's table and workload, over its first 700 s of churn.
+  BuiltInOptions builtIn;
+  builtIn.capacity = 65534 - 256 - 3;
+  builtIn.maxEntries = 256;
+  builtIn.duration = 700;
+  AgentConfig config = configOf("", std::nullopt);
+  config.workload = builtInWorkload(builtIn);
+  config.chipTiming = FmSim::Timing::busEstimate();
+  AgentSimulation agent(config);
+  const Report r = agent.run();
+  EXPECT_TRUE(r.passed());
+  EXPECT_EQ(r.endedBy, "workload done");
+  EXPECT_GE(r.defragRuns, 2u);
+  EXPECT_GE(r.defragRunsCut, 1u);
+  EXPECT_EQ(r.timeline.defragRuns.size(), r.defragRuns);
+  // A pass stops between moves once its budget is spent: a run takes at
+  // most the budget per pass plus the move in progress.
+  EXPECT_GE(r.longestDefragRun, r.defragBudget);
+  EXPECT_LE(r.longestDefragRun, 2 * r.defragBudget + 0.001);
+}
