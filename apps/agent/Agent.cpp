@@ -449,7 +449,7 @@ void AgentSimulation::noteDefragRuns() {
   groupsMovedAtLastRun_ = report_.groupsMoved;
   if (moves > report_.largestRunMoves) {
     report_.largestRunMoves = moves;
-    report_.afterLargestRun = snapshot("after the largest defragmentation run (" + std::to_string(moves) +
+    report_.afterLargestRun = snapshot("after the largest run (" + std::to_string(moves) +
                                        (moves == 1 ? " group moved)" : " groups moved)"));
   }
 }

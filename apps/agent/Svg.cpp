@@ -154,22 +154,31 @@ constexpr const char* refusedColour = "#000000";
 
 void writeTimeline(std::ostream& out, const Timeline& timeline, U32 x, U32 y, U32 width) {
   Kiln::Seconds end = timeline.end;
-  U32 most = 1;
-  for (const Timeline::Point& p : timeline.points) {
-    end = std::max(end, p.time);
-    most = std::max(most, p.space.free);
-  }
+  for (const Timeline::Point& p : timeline.points) end = std::max(end, p.time);
   if (!(end > 0)) end = 1;
+  // The scale fits the values after the first hundredth of the time, so
+  // that an empty table at the start does not flatten the rest; earlier
+  // values above it are drawn at the top, and the plot says so.
+  U32 most = 1;
+  U32 mostOverall = 1;
+  for (const Timeline::Point& p : timeline.points) {
+    mostOverall = std::max(mostOverall, p.space.free);
+    if (p.time >= end / 100) most = std::max(most, p.space.free);
+  }
   const U32 left = x + plotAxisWidth;
   const U32 right = x + width;
   const U32 top = y + plotHead;
   const U32 bottom = top + plotBody;
   auto px = [&](Kiln::Seconds t) { return fixed1(left + (right - left) * (t / end)); };
-  auto py = [&](U32 v) { return fixed1(bottom - double(plotBody) * v / most); };
+  auto py = [&](U32 v) { return fixed1(bottom - double(plotBody) * std::min(v, most) / most); };
 
   out << "<g id=\"timeline\">\n";
   out << "<text x=\"" << x << "\" y=\"" << y + 16 << "\" class=\"title\">Free space over agent time"
       << "</text>\n";
+  if (mostOverall > most) {
+    out << "<text x=\"" << x + 220 << "\" y=\"" << y + 16 << "\" class=\"note\">(values above " << most
+        << " in the first hundredth of the time, up to " << mostOverall << ", are drawn at the top)</text>\n";
+  }
   // The key, on one line under the title.
   U32 keyX = x;
   auto key = [&](const char* colour, const std::string& name, bool dashed) {

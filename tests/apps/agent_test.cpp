@@ -258,7 +258,7 @@ TEST(AgentRun, ARefusedCreateSucceedsRightAfterTheDefragmentationRun) {
   EXPECT_EQ(r.timeline.refusedCreates, (std::vector<Kiln::Seconds>{0.0}));
   EXPECT_FALSE(r.timeline.points.empty());
   ASSERT_EQ(r.pictures().size(), 4u);
-  EXPECT_EQ(r.pictures()[2].title, "after the largest defragmentation run (6 groups moved)");
+  EXPECT_EQ(r.pictures()[2].title, "after the largest run (6 groups moved)");
   EXPECT_EQ(r.afterLargestRun.freeSpace(), (FreeSpace{12, 1, 12}));
 }
 

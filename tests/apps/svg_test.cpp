@@ -215,6 +215,20 @@ TEST(OccupancySvg, PlotsFreeSpaceOverTimeWithRunsAndRefusalsMarked) {
   EXPECT_EQ(svgOf({smallTable("start")}).find("timeline"), std::string::npos);
 }
 
+TEST(OccupancySvg, AnEmptyTableAtTheStartDoesNotFlattenThePlot) {
+  Timeline timeline = sampleTimeline();
+  FreeSpace empty;
+  addFreeRun(empty, 1000);
+  timeline.points.insert(timeline.points.begin(), {0.0, empty});
+  std::ostringstream out;
+  writeOccupancySvg(out, {smallTable("start")}, &timeline);
+  const std::string plot = out.str().substr(out.str().find("<g id=\"timeline\">"));
+  // The scale's top is the largest later value (41), not 1000.
+  EXPECT_THAT(plot, HasSubstr(">41</text>"));
+  EXPECT_THAT(plot, HasSubstr("(values above 41 in the first hundredth of the time, up to 1000, are drawn at the top)"));
+  EXPECT_EQ(AgentTest::xmlProblem(out.str()), "");
+}
+
 TEST(OccupancySvg, RendersToAWellFormedPictureThatIsNotBlank) {
 #ifndef BREVANT_RSVG_CONVERT
   GTEST_SKIP() << "rsvg-convert was not found when the build was configured (Debian package librsvg2-bin)";
