@@ -281,7 +281,7 @@ void writeOccupancySvg(std::ostream& out, const std::vector<Occupancy>& panels, 
       << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << width << "\" height=\"" << height
       << "\" viewBox=\"0 0 " << width << ' ' << height << "\">\n"
       << "<title>Next-hop table occupancy</title>\n"
-      << "<style>text { font-family: sans-serif; } .title { font-size: 14px; font-weight: bold; }"
+      << "<style>text { font-family: sans-serif; } rect { shape-rendering: crispEdges; } .title { font-size: 14px; font-weight: bold; }"
          " .key { font-size: 11px; font-weight: bold; } .note { font-size: 11px; } .small { font-size: 9px; }"
          "</style>\n"
       << "<rect x=\"0\" y=\"0\" width=\"" << width << "\" height=\"" << height
