@@ -272,6 +272,7 @@ AgentSimulation::AgentSimulation(AgentConfig config)
   state_ = Brevant::BrevantCommonSmData::BrevantCommonSmDataIs("agent");
   manager_ = state_->nextHopManagerIs();
   if (config_.simBound) manager_->setSimulationMode(true, *config_.simBound);
+  manager_->hardenedIs(!config_.referenceBehaviour);
   for (int f = 0; f < featureCount; ++f) {
     Kiln::Ptr<FeatureCallback> callback = new FeatureCallback(*this, static_cast<Feature>(f));
     manager_->featuresIs(callback);
@@ -299,6 +300,7 @@ AgentSimulation::AgentSimulation(AgentConfig config)
     ++(r.kind == RequestKind::sleep ? report_.workloadPauses : report_.workloadRequests);
   }
   report_.manualClock = config_.manualClock;
+  report_.hardened = manager_->hardened();
   report_.tableBound = manager_->getNextHopTableBound();
   report_.swapIndex = manager_->getNextHopTableSwapIndex();
 }

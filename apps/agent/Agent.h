@@ -38,6 +38,10 @@ struct AgentConfig {
   // real clock's path is unchanged). On the manual clock it is what makes a
   // defragmentation run take agent time and meet its budget.
   FmSim::Timing chipTiming = FmSim::Timing::busEstimate();
+  // The manager's hardened switch off: the reference behaviour, under which
+  // some valid request sequences stop the process on an assertion. The
+  // agent runs hardened by default.
+  bool referenceBehaviour = false;
   // Serve the diagnostic socket here while the agent runs.
   std::optional<std::string> socketPath;
   // After the workload, keep serving until quit (request or signal).

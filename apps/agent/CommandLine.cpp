@@ -98,6 +98,8 @@ const std::vector<RunOption>& runOptions() {
        [](ArgumentReader&, const std::string&, RunOptions& run) { run.progress = true; }},
       {"--no-progress", "", "no progress line",
        [](ArgumentReader&, const std::string&, RunOptions& run) { run.progress = false; }},
+      {"--reference-behaviour", "", "the manager's reference behaviour, whose hazards the default avoids (docs/next-hop-table.md)",
+       [](ArgumentReader&, const std::string&, RunOptions& run) { run.referenceBehaviour = true; }},
       {"--check-every-write", "", "the library's whole-table check at every defragmenter write also above 8192 entries (slow)",
        [](ArgumentReader&, const std::string&, RunOptions& run) { run.checkEveryWrite = true; }},
   };

@@ -37,6 +37,8 @@ struct RunOptions {
   // Run the library's whole-table check at every defragmenter write even
   // on a large table (slow).
   bool checkEveryWrite = false;
+  // Run the manager with its hardened switch off (the reference behaviour).
+  bool referenceBehaviour = false;
   // The simulated chip's time per call and per 64-bit word (the manual
   // clock's figures; absent: the bus estimate).
   std::optional<Kiln::Seconds> chipCallTime;

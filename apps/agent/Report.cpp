@@ -82,6 +82,8 @@ void printReport(std::ostream& out, const Report& r) {
     clock += "; chip calls take " + micro(r.chipCallTime) + " + " + micro(r.chipWordTime) + " per word";
   }
   line(out, "clock", clock);
+  line(out, "behaviour", r.hardened ? "hardened (no valid request can stop the agent)"
+                                     : "reference (--reference-behaviour)");
   line(out, "ended by", r.endedBy + (r.workloadCompleted ? "" : ", before the end of the workload"));
   line(out, "table", "bound " + std::to_string(r.tableBound) + ", swap index " +
                          std::to_string(r.swapIndex) + " (swap area " +

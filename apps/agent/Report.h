@@ -51,6 +51,8 @@ struct Report {
   // Where the requests came from ("built-in, seed 1" or the file name).
   std::string workload;
   bool manualClock = false;
+  // The manager's hardened switch during the run.
+  bool hardened = true;
   U32 tableBound = 0;
   U32 swapIndex = 0;
   // Agent time at the end of the run, and real time the run took.

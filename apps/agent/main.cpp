@@ -76,6 +76,7 @@ Agent::AgentConfig configFor(const Agent::RunOptions& options) {
   if (options.chipCallTime) config.chipTiming.perCall = *options.chipCallTime;
   if (options.chipWordTime) config.chipTiming.perWord = *options.chipWordTime;
   if (options.checkEveryWrite) config.tableCheckEveryWriteUpTo = 65534;
+  config.referenceBehaviour = options.referenceBehaviour;
   if (!config.manualClock) config.settleLimit = 30;
   return config;
 }

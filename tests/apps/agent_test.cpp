@@ -294,17 +294,34 @@ TEST(AgentRun, MovesThroughTheSwapAreaAreHitless) {
   EXPECT_EQ(agent.view(Feature::vxlan).at(10).base, 45);
 }
 
-TEST(AgentRun, TheBuiltInWorkloadOnASmallTablePassesEveryCheck) {
+// The churn tests run in both settings of the manager's hardened switch.
+class AgentChurn : public ::testing::TestWithParam<bool> {
+ protected:
+  // configOf() with the setting of this test's parameter.
+  static AgentConfig churnConfig(const BuiltInOptions& builtIn) {
+    AgentConfig config = configOf("", static_cast<U16>(builtIn.capacity + 8 + 3));
+    config.workload = builtInWorkload(builtIn);
+    config.referenceBehaviour = GetParam();
+    return config;
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(BothSettings, AgentChurn, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return info.param ? "reference" : "hardened";
+                         });
+
+TEST_P(AgentChurn, TheBuiltInWorkloadOnASmallTablePassesEveryCheck) {
   BuiltInOptions builtIn;
   builtIn.seed = 3;
   builtIn.capacity = 1024 - 8 - 3;
   builtIn.maxEntries = 8;
   builtIn.duration = 1800;
-  AgentConfig config = configOf("", 1024);
-  config.workload = builtInWorkload(builtIn);
+  AgentConfig config = churnConfig(builtIn);
   config.chipTiming = FmSim::Timing::busEstimate();
   AgentSimulation agent(config);
   const Report r = agent.run();
+  EXPECT_EQ(r.hardened, !GetParam());
   EXPECT_TRUE(r.passed()) << (r.hitlessProblems.empty() ? "" : r.hitlessProblems[0])
                           << (r.tableProblems.empty() ? "" : r.tableProblems[0])
                           << (r.viewMismatches.empty() ? "" : r.viewMismatches[0]);
@@ -458,14 +475,13 @@ TEST_F(AgentSocketTest, TheSocketGoesWithTheAgent) {
   EXPECT_NE(access(path_.c_str(), F_OK), 0);
 }
 
-TEST(AgentReport, EveryRequestAndEveryQueuedCreateIsAccountedFor) {
+TEST_P(AgentChurn, EveryRequestAndEveryQueuedCreateIsAccountedFor) {
   BuiltInOptions builtIn;
   builtIn.seed = 5;
   builtIn.capacity = 1024 - 8 - 3;
   builtIn.maxEntries = 8;
   builtIn.duration = 900;
-  AgentConfig config = configOf("", 1024);
-  config.workload = builtInWorkload(builtIn);
+  const AgentConfig config = churnConfig(builtIn);
   AgentSimulation agent(config);
   const Report r = agent.run();
   U64 requested = 0;
@@ -480,6 +496,7 @@ TEST(AgentReport, EveryRequestAndEveryQueuedCreateIsAccountedFor) {
   U64 retryRefusals = 0;
   for (const auto& [code, n] : r.retryRefusals) retryRefusals += n;
   EXPECT_EQ(r.retryAttempts, r.retriesSucceeded + retryRefusals);
+  EXPECT_TRUE(r.passed());
   // Every group a feature holds is counted once among the groups checked.
   EXPECT_EQ(r.viewDistinctGroups, r.groupsAtEnd);
   EXPECT_GE(r.viewGroupsChecked, r.viewDistinctGroups);

@@ -115,6 +115,12 @@ TEST(CommandLine, AnUnknownSubcommandIsNamedAsSuch) {
   EXPECT_EQ(usageErrorOf({"--fast"}), "unknown option '--fast'");
 }
 
+TEST(CommandLine, RunsHardenedUnlessTheReferenceBehaviourIsAsked) {
+  EXPECT_FALSE(parseCommandLine({}).run.referenceBehaviour);
+  EXPECT_TRUE(parseCommandLine({"--reference-behaviour"}).run.referenceBehaviour);
+  EXPECT_THAT(usageText("run"), HasSubstr("--reference-behaviour"));
+}
+
 TEST(CommandLine, TakesTheChipTiming) {
   const CommandLine line = parseCommandLine({"--chip-call-time", "2e-6", "--chip-word-time", "0"});
   EXPECT_EQ(line.run.chipCallTime, 2e-6);

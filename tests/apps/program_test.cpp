@@ -199,6 +199,49 @@ TEST_F(ProgramTest, EverySubcommandAnswersHelp) {
   EXPECT_THAT(o.err, HasSubstr("unknown command 'serv'"));
 }
 
+// Seven valid requests after which the reference's narrow boundary scan
+// wraps and the next compaction run stops the process (an assertion).
+const char* const sevenRequests =
+    "create w1 wide 2 vxlan-tunnel\n"
+    "create n1 narrow 1 unicast\n"
+    "create w2 wide 2 vxlan-tunnel\n"
+    "delete w1\n"
+    "delete n1      # the only narrow group, at index 3\n"
+    "create w3 wide 1 vxlan-tunnel\n"
+    "create w4 wide 4 vxlan-tunnel\n";
+
+TEST_F(ProgramTest, SevenValidRequestsNeverStopTheHardenedAgent) {
+  const std::string workload = file("seven.txt", sevenRequests);
+  for (const std::vector<std::string>& table : {std::vector<std::string>{}, std::vector<std::string>{"--sim-bound", "64"}}) {
+    std::vector<std::string> args = {"run", "--manual-clock", "--workload", workload};
+    args.insert(args.end(), table.begin(), table.end());
+    const Outcome o = run(args);
+    EXPECT_EQ(o.status, 0) << o.err;
+    EXPECT_THAT(o.out, HasSubstr("  behaviour               hardened"));
+    EXPECT_THAT(o.out, HasSubstr("  ended by                workload done\n"));
+    EXPECT_THAT(o.out, HasSubstr("  create                  5 requested:"));
+    EXPECT_THAT(o.out, HasSubstr("Free-entry summary\n"));
+  }
+}
+
+TEST_F(ProgramTest, SevenValidRequestsRunAsTheLibraryDoesInTheReferenceBehaviour) {
+  // Whatever the library's reference does (its own tests pin it), the agent
+  // either ends with its report or the library stops it on an assertion
+  // with the expression text; nothing else.
+  const std::string workload = file("seven.txt", sevenRequests);
+  for (const std::vector<std::string>& table : {std::vector<std::string>{}, std::vector<std::string>{"--sim-bound", "64"}}) {
+    std::vector<std::string> args = {"run", "--manual-clock", "--reference-behaviour", "--workload", workload};
+    args.insert(args.end(), table.begin(), table.end());
+    const Outcome o = run(args);
+    if (o.status == -1) {
+      EXPECT_THAT(o.err, HasSubstr("Assertion `")) << o.err;
+    } else {
+      EXPECT_THAT(o.out, HasSubstr("  behaviour               reference")) << o.err;
+      EXPECT_THAT(o.out, HasSubstr("Free-entry summary\n"));
+    }
+  }
+}
+
 TEST_F(ProgramTest, UsageErrorsExitWithTwo) {
   Outcome o = run({"run", "--fast"});
   EXPECT_EQ(o.status, 2);
