@@ -76,6 +76,11 @@ void ManualClock::timeIs(Seconds time) {
   if (time_ < time) time_ = time;
 }
 
+void ManualClock::elapse(Seconds delta) {
+  if (!(delta >= 0)) throw RangeException("ManualClock time may not go backwards");
+  time_ += delta;
+}
+
 void ManualClock::expiryReached(Seconds time) {
   // An expiry armed in the past fires at the current time: time never goes
   // back.

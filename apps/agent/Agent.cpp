@@ -50,6 +50,29 @@ std::string secondsText(Kiln::Seconds t) {
   return text;
 }
 
+// What a refusal means for the request refused; groupSize is the next hops
+// of the request's group where a position was refused.
+std::string refusalMeaning(S32 code, const Request& r, U16 groupSize) {
+  std::string meaning = codeMeaning(code);
+  if (r.kind == RequestKind::create && code == -2) {
+    const U32 entries = (r.wide ? 2u : 1u) * r.size;
+    return meaning + ": no block of " + std::to_string(entries) + " free entries in a row";
+  }
+  if (r.kind == RequestKind::create && code == -1) {
+    if (r.size == 0) return meaning + ": a group of no next hops";
+    if (r.size > 256) return meaning + ": " + std::to_string(r.size) + " next hops, at most 256";
+    if (r.wide && r.size > 128) {
+      return meaning + ": a wide group of " + std::to_string(r.size) + " next hops, at most 128";
+    }
+  }
+  if ((r.kind == RequestKind::update || r.kind == RequestKind::read) && r.hasPosition &&
+      code == -1 && r.position >= groupSize) {
+    return meaning + ": next hop " + std::to_string(r.position) + " of a group of " +
+           std::to_string(groupSize);
+  }
+  return meaning;
+}
+
 // The free-space figures straight from the manager's free map, without
 // building a picture.
 FreeSpace freeSpaceOf(Brevant::NextHopManager& manager) {
@@ -74,19 +97,28 @@ FreeSpace freeSpaceOf(Brevant::NextHopManager& manager) {
 
 }  // namespace
 
-// Times the handlers that the activity thread runs, on the real clock, and
-// keeps the longest: the longest time the agent did nothing else.
+// Times the handlers that the activity thread runs and keeps the longest:
+// the longest time the agent did nothing else. Each handler is timed twice:
+// in agent time (the clock's; on the manual clock, the time the simulated
+// chip's calls took) and in wall time without the agent's own checks.
 class StopWatch {
  public:
-  explicit StopWatch(std::function<U32()> defragRuns) : defragRuns_(std::move(defragRuns)) {}
+  // One handler's time and what it was.
+  struct Longest {
+    Kiln::Seconds took = 0;
+    std::string what;
+  };
+
+  StopWatch(std::function<Kiln::Seconds()> agentTime, std::function<U32()> defragRuns)
+      : agentTime_(std::move(agentTime)), defragRuns_(std::move(defragRuns)) {}
 
   // A handler starts; one still open has ended.
-  void begin(Kiln::Seconds agentTime, std::string what = {}) {
+  void begin(std::string what = {}) {
     end();
     open_ = true;
-    started_ = wallNow();
+    wallStarted_ = wallNow();
     excluded_ = 0;
-    agentTime_ = agentTime;
+    agentStarted_ = agentTime_();
     what_ = std::move(what);
     runsAtBegin_ = defragRuns_();
   }
@@ -94,8 +126,8 @@ class StopWatch {
   void label(std::string what) {
     if (open_) what_ = std::move(what);
   }
-  // Leaves out of the open handler's time work that is not the agent's own
-  // (the checks run at each chip write).
+  // Leaves out of the open handler's wall time work that is not the
+  // agent's own (the checks run at each chip write).
   void exclude(double seconds) {
     if (open_) excluded_ += seconds;
   }
@@ -103,29 +135,40 @@ class StopWatch {
   void end() {
     if (!open_) return;
     open_ = false;
-    const double took = wallNow() - started_ - excluded_;
-    if (took <= longest_) return;
-    longest_ = took;
+    const Kiln::Seconds agentTook = agentTime_() - agentStarted_;
+    const double wallTook = wallNow() - wallStarted_ - excluded_;
+    const bool defragRan = defragRuns_() != runsAtBegin_;
+    if (agentTook <= agent_.took && wallTook <= wall_.took &&
+        (!defragRan || agentTook <= defrag_.took)) {
+      return;
+    }
     std::string what = what_;
-    if (defragRuns_() != runsAtBegin_) {
+    if (defragRan) {
       what = what.empty() ? "defragmentation run" : what + " and a defragmentation run";
     }
-    longestWhat_ = (what.empty() ? "timer" : what) + " at t = " + secondsText(agentTime_);
+    what = (what.empty() ? "timer" : what) + " at t = " + secondsText(agentStarted_);
+    if (agentTook > agent_.took) agent_ = {agentTook, what};
+    if (wallTook > wall_.took) wall_ = {wallTook, what};
+    if (defragRan && agentTook > defrag_.took) defrag_ = {agentTook, what};
   }
 
-  Kiln::Seconds longest() const { return longest_; }
-  const std::string& longestWhat() const { return longestWhat_; }
+  const Longest& longestInAgentTime() const { return agent_; }
+  const Longest& longestInWallTime() const { return wall_; }
+  // The longest handler in agent time that made a defragmentation run.
+  const Longest& longestDefragRun() const { return defrag_; }
 
  private:
+  std::function<Kiln::Seconds()> agentTime_;
   std::function<U32()> defragRuns_;
   bool open_ = false;
-  double started_ = 0;
+  double wallStarted_ = 0;
   double excluded_ = 0;
-  Kiln::Seconds agentTime_ = 0;
+  Kiln::Seconds agentStarted_ = 0;
   std::string what_;
   U32 runsAtBegin_ = 0;
-  double longest_ = 0;
-  std::string longestWhat_;
+  Longest agent_;
+  Longest wall_;
+  Longest defrag_;
 };
 
 namespace {
@@ -200,16 +243,23 @@ class AgentSimulation::Restarter : public Kiln::Clock::Notifiee {
   }
   AgentSimulation* agent_;
 };
+U32 swapAreaEntries(std::optional<U16> simBound) { return simBound ? 8 : 256; }
+
+UnfitWorkload::UnfitWorkload(std::vector<WorkloadError> problems)
+    : std::runtime_error(problems.empty() ? "workload fits" : problems.front().what()),
+      problems_(std::move(problems)) {}
 
 AgentSimulation::AgentSimulation(AgentConfig config)
-    : config_(std::move(config)), check_([](U32 index) { return FmSim::tableWord(index); }) {
+    : config_(std::move(config)) {
+  std::vector<WorkloadError> unfit = unfitRequests(config_.workload, swapAreaEntries(config_.simBound));
+  if (!unfit.empty()) throw UnfitWorkload(std::move(unfit));
   // The socket first: if it cannot be served, nothing else has changed.
   if (config_.socketPath) {
     server_ = std::make_unique<DiagnosticServer>(
         *config_.socketPath, [this](const std::string& request, int fd) { answer(request, fd); });
   }
   interrupted = false;
-  watch_ = std::make_shared<StopWatch>([this] {
+  watch_ = std::make_shared<StopWatch>([this] { return agentTime(); }, [this] {
     return manager_ && manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u;
   });
   Kiln::ActivityManager& loop = Kiln::ActivityManager::instance();
@@ -218,9 +268,10 @@ AgentSimulation::AgentSimulation(AgentConfig config)
   previousClock_ = loop.clock();
   // Before every timer's handler (a defragmentation run among them): the
   // free space is measured, and the stop watch starts.
-  auto handlerStarts = [this](Kiln::Seconds time) {
+  auto handlerStarts = [this](Kiln::Seconds) {
+    noteDefragRuns();
     sample(true);
-    watch_->begin(time - startTime_);
+    watch_->begin();
   };
   if (config_.manualClock) {
     auto* manual = new WatchedClock<Kiln::ManualClock>(handlerStarts, 0.0);
@@ -232,15 +283,13 @@ AgentSimulation::AgentSimulation(AgentConfig config)
   loop.clockIs(clock_);
 
   FmSim::reset();
+  FmSim::timingIs(config_.chipTiming);
   Kiln::ActivityLockGuard activity;
   state_ = Brevant::BrevantCommonSmData::BrevantCommonSmDataIs("agent");
   manager_ = state_->nextHopManagerIs();
   if (config_.simBound) manager_->setSimulationMode(true, *config_.simBound);
-  Brevant::NextHopResources& resources = *manager_->resources();
-  resources.usedHighWatermarkIs(config_.watermarks.usedHigh);
-  resources.usedLowWatermarkIs(config_.watermarks.usedLow);
-  resources.fragmentationHighWatermarkIs(config_.watermarks.fragmentationHigh);
-  resources.fragmentationLowWatermarkIs(config_.watermarks.fragmentationLow);
+  watermarksIs();
+  manager_->hardenedIs(!config_.referenceBehaviour);
   for (int f = 0; f < featureCount; ++f) {
     Kiln::Ptr<FeatureCallback> callback = new FeatureCallback(*this, static_cast<Feature>(f));
     manager_->featuresIs(callback);
@@ -262,7 +311,18 @@ AgentSimulation::AgentSimulation(AgentConfig config)
   }
   retryBackoff_ = config_.retryDelay;
   report_.workload = config_.workloadName;
+  // A generated workload has no lines: its requests are numbered instead.
+  const bool generated = std::all_of(config_.workload.begin(), config_.workload.end(),
+                                     [](const Request& r) { return r.line == 0; });
+  if (generated) {
+    report_.lineWord = "request";
+    for (size_t i = 0; i < config_.workload.size(); ++i) config_.workload[i].line = static_cast<U32>(i + 1);
+  }
+  for (const Request& r : config_.workload) {
+    ++(r.kind == RequestKind::sleep ? report_.workloadPauses : report_.workloadRequests);
+  }
   report_.manualClock = config_.manualClock;
+  report_.hardened = manager_->hardened();
   report_.tableBound = manager_->getNextHopTableBound();
   report_.swapIndex = manager_->getNextHopTableSwapIndex();
 }
@@ -271,6 +331,7 @@ AgentSimulation::~AgentSimulation() {
   Kiln::ActivityLockGuard activity;
   server_.reset();
   FmSim::writeObserverIs({});
+  FmSim::timingIs({});
   retrier_->agent_ = nullptr;
   replayer_->agent_ = nullptr;
   restarter_->agent_ = nullptr;
@@ -318,26 +379,37 @@ Report AgentSimulation::run() {
                     : settled() ? "workload done"
                                 : "settle limit";
   report_.abandoned = retryQueue_.size();
-  check_.settle();
-  check_.checkAll("at the end");
+  checker_->settle();
+  checker_->checkOwnedGroups("at the end");
   checkViews();
-  report_.hitlessWritesChecked = check_.writesChecked();
-  report_.hitlessViolations = check_.violations();
-  report_.hitlessProblems = check_.problems();
+  report_.hitlessWritesChecked = hitlessWritesBefore_ + checker_->writesChecked();
+  report_.hitlessViolations =
+      hitlessViolationsBefore_ + checker_->violationCount(Brevant::HitlessChecker::Mode::incremental);
   checker_->checkSettled();
   report_.tableCheckedEveryWrite = report_.tableBound <= config_.tableCheckEveryWriteUpTo;
   report_.tableChecks = tableChecksBefore_ + checker_->checks();
-  report_.tableViolations = tableViolationsBefore_ + checker_->violationCount();
+  report_.tableViolations =
+      tableViolationsBefore_ + checker_->violationCount(Brevant::HitlessChecker::Mode::wholeTable);
   for (const Brevant::HitlessChecker::Violation& v : checker_->violations()) {
-    if (report_.tableProblems.size() == listedProblems) break;
-    report_.tableProblems.push_back("check " + std::to_string(v.check) + ": " + v.text);
+    const bool whole = v.mode == Brevant::HitlessChecker::Mode::wholeTable;
+    std::vector<std::string>& list = whole ? report_.tableProblems : report_.hitlessProblems;
+    if (list.size() < listedProblems) list.push_back(whole ? "check " + std::to_string(v.check) + ": " + v.text : v.text);
   }
   report_.end = snapshot("end");
   report_.resources = resourcesText(*manager_->resources());
+  report_.timeline.points.push_back({report_.end.time, report_.end.freeSpace()});
+  report_.timeline.end = report_.end.time;
   report_.defragRuns = manager_->defragManager()->defragCount();
-  report_.longestStop = watch_->longest();
-  report_.longestStopWhat = watch_->longestWhat();
+  report_.longestStop = watch_->longestInAgentTime().took;
+  report_.longestStopWhat = watch_->longestInAgentTime().what;
+  report_.longestDefragRun = watch_->longestDefragRun().took;
+  report_.longestDefragRunWhat = watch_->longestDefragRun().what;
+  report_.longestWallStop = watch_->longestInWallTime().took;
+  report_.longestWallStopWhat = watch_->longestInWallTime().what;
   report_.agentTime = agentTime();
+  report_.defragBudget = manager_->defragManager()->defragTime();
+  report_.chipCallTime = FmSim::timing().perCall;
+  report_.chipWordTime = FmSim::timing().perWord;
   report_.wallTime = wallNow() - wallStart;
   report_.groupsAtEnd = placedGroups_;
   showProgress(true);
@@ -375,7 +447,8 @@ void AgentSimulation::drive() {
       continue;
     }
     if (next == Kiln::Clock::never) return;  // nothing left that could happen
-    manualClock_->timeIs(next);
+    // Expiries that fell due while the chip's calls took time run now.
+    manualClock_->timeIs(std::max(next, clock_->now()));
     handlerDone();
   }
 }
@@ -394,9 +467,27 @@ bool AgentSimulation::finished() const {
   return settled() || clock_->now() > workloadEnd_ + config_.settleLimit;
 }
 
+void AgentSimulation::noteDefragRuns() {
+  if (!manager_ || !manager_->defragManager()) return;
+  const U32 runs = manager_->defragManager()->defragCount();
+  if (runs == defragRunsNoted_) return;
+  defragRunsNoted_ = runs;
+  report_.timeline.defragRuns.push_back(agentTime());
+  // A run that ran out of its budget leaves the next one wanted.
+  if (manager_->defragManager()->scheduleDefragment()) ++report_.defragRunsCut;
+  const U64 moves = report_.groupsMoved - groupsMovedAtLastRun_;
+  groupsMovedAtLastRun_ = report_.groupsMoved;
+  if (moves > report_.largestRunMoves) {
+    report_.largestRunMoves = moves;
+    report_.afterLargestRun = snapshot("after the largest run (" + std::to_string(moves) +
+                                       (moves == 1 ? " group moved)" : " groups moved)"));
+  }
+}
+
 void AgentSimulation::handlerDone() {
+  noteDefragRuns();
   watch_->end();
-  check_.settle();
+  checker_->settle();
   // Between runs every owner holds the base its group's record holds.
   const U32 runs = manager_->defragManager()->defragCount();
   if (runs != defragRunsChecked_) {
@@ -409,12 +500,15 @@ void AgentSimulation::handlerDone() {
 void AgentSimulation::showProgress(bool last) {
   if (!config_.progress) return;
   const double now = wallNow();
-  if (!last && now - lastProgress_ < 0.25) return;
+  if (!last && now - lastProgress_ < config_.progressEvery) return;
   lastProgress_ = now;
-  fprintf(stderr, "\rbrevant-agent: t = %.0f s, %zu of %zu requests, %zu groups, %u defragmentation runs, %zu waiting  ",
-          agentTime(), next_, config_.workload.size(), static_cast<size_t>(placedGroups_),
-          manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u, retryQueue_.size());
-  if (last) fprintf(stderr, "\n");
+  U64 requested = 0;
+  for (const auto& [kind, counts] : report_.requests) requested += counts.requested;
+  fprintf(stderr, "%sbrevant-agent: t = %.0f s, requests %llu of %llu, groups %zu, defragmentation runs %u, waiting %zu%s",
+          config_.progressInPlace ? "\r" : "", agentTime(), static_cast<unsigned long long>(requested),
+          static_cast<unsigned long long>(report_.workloadRequests), static_cast<size_t>(placedGroups_),
+          manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u, retryQueue_.size(),
+          config_.progressInPlace ? (last ? "  \n" : "  ") : "\n");
 }
 
 // --- Replaying requests ---
@@ -469,7 +563,29 @@ void AgentSimulation::execute(const Request& request) {
   sample();
 }
 
-void AgentSimulation::refused(S32 code) { ++report_.refusals[code]; }
+void AgentSimulation::refused(S32 code, const Request& request, bool retry, U16 groupSize) {
+  ++report_.refusals[code];
+  if (request.kind == RequestKind::create) report_.timeline.refusedCreates.push_back(agentTime());
+  if (retry) {
+    ++report_.retryRefusals[code];
+  } else {
+    ++report_.requests[request.kind].refused;
+  }
+  if (report_.refusalList.size() == listedProblems) return;
+  Refusal refusal;
+  refusal.line = request.line;
+  refusal.label = request.label;
+  refusal.kind = request.kind;
+  refusal.code = code;
+  refusal.meaning = refusalMeaning(code, request, groupSize);
+  refusal.retry = retry;
+  report_.refusalList.push_back(std::move(refusal));
+}
+
+void AgentSimulation::skipped(const Request& request) {
+  ++report_.skipped;
+  ++report_.requests[request.kind].skipped;
+}
 
 U64 AgentSimulation::word(const std::string& label, U32 version, U16 position, bool wide) {
   // FNV-1a over the label, then a splitmix64 finish over the rest: distinct
@@ -499,8 +615,9 @@ void AgentSimulation::create(const Request& request, bool retry) {
   const S32 rc = manager_->createECMPGroup(0, request.wide, request.fixedSize, request.size, data,
                                            wideData, featureType(request.feature), request.mcast);
   if (rc < 0) {
-    refused(rc);
+    refused(rc, request, retry);
     if (rc != -2) {
+      if (retry) ++report_.retriesDropped;
       label.state = Label::State::refused;
     } else if (!retry) {
       // As a feature would: keep the request and try again after the next
@@ -513,7 +630,7 @@ void AgentSimulation::create(const Request& request, bool retry) {
     return;
   }
   const U16 id = static_cast<U16>(rc);
-  HitlessCheck::Group placed;
+  Brevant::HitlessChecker::OwnedGroup placed;
   placed.label = request.label;
   placed.base = manager_->ecmpGroups(id)->hwStartIndex();
   placed.wide = request.wide;
@@ -524,7 +641,8 @@ void AgentSimulation::create(const Request& request, bool retry) {
   label.state = Label::State::placed;
   label.id = id;
   callbacks_[static_cast<int>(request.feature)]->view_[id] = Placement{placed.base, request.size};
-  check_.groupIs(id, std::move(placed));
+  toldBase_[id] = placed.base;
+  checker_->ownedGroupIs(id, std::move(placed));
   ++placedGroups_;
   if (retry) {
     ++report_.retriesSucceeded;
@@ -536,28 +654,30 @@ void AgentSimulation::create(const Request& request, bool retry) {
 void AgentSimulation::remove(const Request& request) {
   const auto found = labels_.find(request.label);
   if (found == labels_.end()) {
-    ++report_.skipped;
+    skipped(request);
     return;
   }
   Label& label = found->second;
   if (label.state == Label::State::waiting) {
     retryQueue_.erase(std::find(retryQueue_.begin(), retryQueue_.end(), request.label));
     ++report_.cancelled;
+    ++report_.requests[RequestKind::remove].withdrawn;
     labels_.erase(found);
     return;
   }
   if (label.state == Label::State::refused) {
-    ++report_.skipped;
+    skipped(request);
     labels_.erase(found);
     return;
   }
   const S32 rc = manager_->deleteECMPGroup(0, label.id);
   if (rc != 0) {
-    refused(rc);
+    refused(rc, request);
     return;
   }
   ++report_.requests[RequestKind::remove].succeeded;
-  check_.groupDel(label.id);
+  checker_->ownedGroupDel(label.id);
+  toldBase_.erase(label.id);
   for (const Kiln::Ptr<FeatureCallback>& callback : callbacks_) callback->view_.erase(label.id);
   --placedGroups_;
   labels_.erase(found);
@@ -566,19 +686,19 @@ void AgentSimulation::remove(const Request& request) {
 void AgentSimulation::update(const Request& request) {
   const auto found = labels_.find(request.label);
   if (found == labels_.end() || found->second.state != Label::State::placed) {
-    ++report_.skipped;
+    skipped(request);
     return;
   }
   Label& label = found->second;
   const U16 id = label.id;
-  const HitlessCheck::Group before = *check_.group(id);
+  const Brevant::HitlessChecker::OwnedGroup before = *checker_->ownedGroup(id);
   ++label.version;
   // The words the group will hold are told to the check before the chip is
   // written, so that the rewrite is expected.
   auto rewrite = [&](U16 p) {
     const U64 data = word(request.label, label.version, p, false);
     const U64 wideData = before.wide ? word(request.label, label.version, p, true) : 0;
-    check_.wordsIs(id, p, data, wideData);
+    checker_->ownedWordsIs(id, p, data, wideData);
     return Brevant::NextHopEntry(static_cast<U16>(before.base + (before.wide ? 2 : 1) * p), before.wide,
                                  data, wideData);
   };
@@ -596,11 +716,11 @@ void AgentSimulation::update(const Request& request) {
     rc = manager_->updateNextHop(id, request.position, rewrite(request.position));
   }
   if (rc != 0) {
-    refused(rc);
+    refused(rc, request, false, before.size());
     // Nothing was written (the group is placed, so only a bad position is
     // refused): the owners keep their words.
     for (U16 p = 0; p < before.size(); ++p) {
-      check_.wordsIs(id, p, before.data[p], before.wide ? before.wideData[p] : 0);
+      checker_->ownedWordsIs(id, p, before.data[p], before.wide ? before.wideData[p] : 0);
     }
     return;
   }
@@ -610,15 +730,15 @@ void AgentSimulation::update(const Request& request) {
 void AgentSimulation::read(const Request& request) {
   const auto found = labels_.find(request.label);
   if (found == labels_.end() || found->second.state != Label::State::placed) {
-    ++report_.skipped;
+    skipped(request);
     return;
   }
   const U16 id = found->second.id;
-  const HitlessCheck::Group& g = *check_.group(id);
+  const Brevant::HitlessChecker::OwnedGroup& g = *checker_->ownedGroup(id);
   const Brevant::NextHopEntry entry = manager_->readNextHop(id, request.position);
   if (request.position >= g.size()) {
     // Refused by the manager with an all-zero entry.
-    refused(-1);
+    refused(-1, request, false, g.size());
     return;
   }
   ++report_.requests[RequestKind::read].succeeded;
@@ -641,17 +761,17 @@ void AgentSimulation::read(const Request& request) {
 void AgentSimulation::addFeature(const Request& request) {
   const auto found = labels_.find(request.label);
   if (found == labels_.end() || found->second.state != Label::State::placed) {
-    ++report_.skipped;
+    skipped(request);
     return;
   }
   const U16 id = found->second.id;
   const S32 rc = manager_->addFeatureToGroup(id, featureType(request.feature));
   if (rc != 0) {
-    refused(rc);
+    refused(rc, request);
     return;
   }
   ++report_.requests[RequestKind::addFeature].succeeded;
-  const HitlessCheck::Group& g = *check_.group(id);
+  const Brevant::HitlessChecker::OwnedGroup& g = *checker_->ownedGroup(id);
   callbacks_[static_cast<int>(request.feature)]->view_[id] = Placement{g.base, g.size()};
 }
 
@@ -712,23 +832,26 @@ void AgentSimulation::retryQueued() {
 // --- The hitless check ---
 
 void AgentSimulation::moved(Feature, U16 id, U16 base, U16 size) {
-  const HitlessCheck::Group* g = check_.group(id);
+  // The checker hears the move through its own owner callbacks; this one
+  // counts it, once for all the features that share the group.
+  const Brevant::HitlessChecker::OwnedGroup* g = checker_->ownedGroup(id);
   if (g && size != g->size()) {
     report_.viewMismatches.push_back("owners of group " + std::to_string(id) + " told of " +
                                      std::to_string(size) + " next hops, not " +
                                      std::to_string(g->size()));
   }
-  if (g && g->base != base) {
+  const auto told = toldBase_.find(id);
+  if (g && told != toldBase_.end() && told->second != base) {
+    told->second = base;
     ++report_.groupsMoved;
     report_.entriesMoved += g->entries();
   }
-  check_.movedTo(id, base);
 }
 
 void AgentSimulation::chipWritten(U32 address, S32 count, const U64* data) {
   if (address < FmSim::nextHopTableBase || (address - FmSim::nextHopTableBase) % 2 != 0) return;
   const double started = wallNow();
-  check_.written((address - FmSim::nextHopTableBase) / 2, static_cast<U32>(count), data);
+  checker_->written((address - FmSim::nextHopTableBase) / 2, static_cast<U32>(count), data);
   if (!inRequest_) {
     // A write of the defragmenter: a group is moving.
     report_.defragEntriesWritten += static_cast<U64>(count);
@@ -738,6 +861,12 @@ void AgentSimulation::chipWritten(U32 address, S32 count, const U64* data) {
 }
 
 void AgentSimulation::checkViews() {
+  std::set<U16> groupsWithFeatures;
+  struct CountGroups {
+    Report& report;
+    std::set<U16>& groups;
+    ~CountGroups() { report.viewDistinctGroups = groups.size(); }
+  } countGroups{report_, groupsWithFeatures};
   for (int f = 0; f < featureCount; ++f) {
     const Feature feature = static_cast<Feature>(f);
     std::map<U16, Placement> records;
@@ -747,6 +876,7 @@ void AgentSimulation::checkViews() {
       records[member.key()] = Placement{group->hwStartIndex(), group->size()};
     }
     report_.viewGroupsChecked += records.size();
+    for (const auto& [id, placement] : records) groupsWithFeatures.insert(id);
     const std::map<U16, Placement>& view = callbacks_[f]->view_;
     auto describe = [](const std::map<U16, Placement>& m, U16 id) {
       const auto at = m.find(id);
@@ -778,6 +908,7 @@ void AgentSimulation::sample(bool now) {
   if (!manager_ || (!now && requestsSinceSample_ < config_.sampleEvery)) return;
   requestsSinceSample_ = 0;
   const FreeSpace space = freeSpaceOf(*manager_);
+  report_.timeline.points.push_back({agentTime(), space});
   if (!moreFragmented(space, worstSpace_)) return;
   worstSpace_ = space;
   report_.worst = snapshot("worst fragmentation");
@@ -807,11 +938,23 @@ Occupancy AgentSimulation::snapshot(const std::string& title) {
 
 // --- Warm restart ---
 
+void AgentSimulation::watermarksIs() {
+  Brevant::NextHopResources& resources = *manager_->resources();
+  resources.usedHighWatermarkIs(config_.watermarks.usedHigh);
+  resources.usedLowWatermarkIs(config_.watermarks.usedLow);
+  resources.fragmentationHighWatermarkIs(config_.watermarks.fragmentationHigh);
+  resources.fragmentationLowWatermarkIs(config_.watermarks.fragmentationLow);
+}
+
 void AgentSimulation::restart(const std::string& cause) {
   Brevant::saveSnapshot(*manager_, config_.snapshotPath);
   // The library checker's figures carry over to the next one.
   tableChecksBefore_ += checker_->checks();
-  tableViolationsBefore_ += checker_->violationCount();
+  tableViolationsBefore_ += checker_->violationCount(Brevant::HitlessChecker::Mode::wholeTable);
+  hitlessWritesBefore_ += checker_->writesChecked();
+  hitlessViolationsBefore_ += checker_->violationCount(Brevant::HitlessChecker::Mode::incremental);
+  // The owners' view of their groups outlives the process's state.
+  const std::map<U16, Brevant::HitlessChecker::OwnedGroup> owned = checker_->ownedGroups();
   for (const Brevant::HitlessChecker::Violation& v : checker_->violations()) {
     if (report_.tableProblems.size() == listedProblems) break;
     report_.tableProblems.push_back("check " + std::to_string(v.check) + ": " + v.text);
@@ -830,11 +973,15 @@ void AgentSimulation::restart(const std::string& cause) {
   options.expectedTableBound = report_.tableBound;
   const Brevant::RestoreResult result = Brevant::restoreNextHopManager(*state_, config_.snapshotPath, options);
   manager_ = state_->nextHopManager();
+  // The watermarks are the agent's settings, not the table's state.
+  watermarksIs();
   // The features come back and register their callbacks again.
   for (const Kiln::Ptr<FeatureCallback>& callback : callbacks_) manager_->featuresIs(callback);
   const double took = wallNow() - started;
   checker_ = std::make_unique<Brevant::HitlessChecker>(
       *manager_, [](U16 index) { return FmSim::tableWord(index); });
+  // The owners' groups must be on the chip where they left them.
+  for (const auto& [id, group] : owned) checker_->ownedGroupIs(id, group);
   checker_->checkSettled();
 
   Report::Restart r;
@@ -850,53 +997,143 @@ void AgentSimulation::restart(const std::string& cause) {
 
 // --- Diagnostic requests ---
 
+namespace {
+
+// "2.5" for a number of seconds that a request takes; throws RequestError.
+double secondsArgument(const std::string& text) {
+  char* end = nullptr;
+  const double value = strtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0' || !(value >= 0) || !(value <= 1)) {
+    throw RequestError("'" + text + "' is not a time from 0 to 1 s");
+  }
+  return value;
+}
+
+std::string withNewline(std::string text) {
+  if (text.empty() || text.back() != '\n') text += '\n';
+  return text;
+}
+
+}  // namespace
+
+// One request of the socket: its leading words, and its handler, given the
+// rest of the line (empty when there is none).
+struct AgentSimulation::RequestHandler {
+  const char* words;
+  bool takesArguments;
+  void (*answer)(AgentSimulation& agent, const std::string& rest, int fd);
+};
+
+const std::vector<AgentSimulation::RequestHandler>& AgentSimulation::requestHandlers() {
+  static const std::vector<RequestHandler> handlers = {
+      {"show free-entries", false,
+       [](AgentSimulation& a, const std::string&, int fd) {
+         a.manager_->showFreeEntrySummary(static_cast<U32>(fd));
+       }},
+      {"show group", true,
+       [](AgentSimulation& a, const std::string& rest, int fd) {
+         char* end = nullptr;
+         const unsigned long id = strtoul(rest.c_str(), &end, 10);
+         if (*end != '\0' || id > 65535 || rest[0] == '-') throw RequestError("'" + rest + "' is not a group id");
+         writeAll(fd, groupText(*a.manager_, static_cast<U16>(id)));
+       }},
+      {"get", true,
+       [](AgentSimulation& a, const std::string& rest, int fd) {
+         if (rest.find(' ') != std::string::npos) throw RequestError("get takes one path");
+         writeAll(fd, withNewline(pathGet(*a.state_, rest)));
+       }},
+      {"set", true,
+       [](AgentSimulation& a, const std::string& rest, int fd) {
+         const size_t blank = rest.find(' ');
+         if (blank == std::string::npos) throw RequestError("set takes a path and a value");
+         const std::string path = rest.substr(0, blank);
+         pathSet(*a.state_, path, rest.substr(rest.find_first_not_of(' ', blank)));
+         writeAll(fd, withNewline(pathGet(*a.state_, path)));
+       }},
+      {"show resources", false,
+       [](AgentSimulation& a, const std::string&, int fd) {
+         writeAll(fd, resourcesText(*a.manager_->resources()));
+       }},
+      {"show restart", false,
+       [](AgentSimulation& a, const std::string&, int fd) {
+         writeAll(fd, a.report_.restarts.empty() ? std::string("no restart yet\n")
+                                                 : std::to_string(a.report_.restarts.size()) +
+                                                       " restarts, last at " +
+                                                       restartText(a.report_.restarts.back()) + "\n");
+       }},
+      {"save", false,
+       [](AgentSimulation& a, const std::string&, int fd) {
+         Brevant::saveSnapshot(*a.manager_, a.config_.snapshotPath);
+         writeAll(fd, "ok: snapshot saved to " + a.config_.snapshotPath + "\n");
+       }},
+      {"status", false, [](AgentSimulation& a, const std::string&, int fd) { writeAll(fd, a.statusText()); }},
+      {"chip-timing", false,
+       [](AgentSimulation&, const std::string&, int fd) { writeAll(fd, chipTimingText()); }},
+      {"chip-timing", true,
+       [](AgentSimulation&, const std::string& rest, int fd) {
+         const size_t blank = rest.find(' ');
+         if (blank == std::string::npos) throw RequestError("chip-timing takes two times: per call and per word");
+         const double perCall = secondsArgument(rest.substr(0, blank));
+         const double perWord = secondsArgument(rest.substr(rest.find_first_not_of(' ', blank)));
+         FmSim::timingIs({perCall, perWord});
+         writeAll(fd, chipTimingText());
+       }},
+      {"help", false, [](AgentSimulation&, const std::string&, int fd) { writeAll(fd, requestHelp()); }},
+      {"quit", false,
+       [](AgentSimulation& a, const std::string&, int fd) {
+         writeAll(fd, "ok: stopping\n");
+         a.quit();
+       }},
+  };
+  return handlers;
+}
+
+std::string AgentSimulation::chipTimingText() {
+  char text[128];
+  snprintf(text, sizeof(text), "chip timing: %g s per call, %g s per word\n", FmSim::timing().perCall,
+           FmSim::timing().perWord);
+  return text;
+}
+
+std::string AgentSimulation::statusText() const {
+  U64 requested = 0;
+  for (const auto& [kind, counts] : report_.requests) requested += counts.requested;
+  const char* replay = !workloadDone_ ? "running" : settled() ? "done" : "settling";
+  char text[512];
+  snprintf(text, sizeof(text),
+           "replay: %s\n"
+           "agent time: %.3f s\n"
+           "requests: %llu of %llu\n"
+           "pending retries: %zu\n"
+           "defragmentation runs: %u\n",
+           replay, agentTime(), static_cast<unsigned long long>(requested),
+           static_cast<unsigned long long>(report_.workloadRequests), retryQueue_.size(),
+           manager_->defragManager()->defragCount());
+  return text;
+}
+
 void AgentSimulation::answer(const std::string& request, int fd) {
-  watch_->begin(agentTime(), "diagnostic request '" + request + "'");
+  watch_->begin("diagnostic request '" + request + "'");
   struct EndWatch {
     StopWatch& watch;
     ~EndWatch() { watch.end(); }
   } endWatch{*watch_};
 
-  std::istringstream in(request);
-  std::string verb;
-  std::string what;
-  in >> verb >> what;
-  std::string rest;
-  std::getline(in >> std::ws, rest);
-  if (verb == "show" && what == "free-entries" && rest.empty()) {
-    manager_->showFreeEntrySummary(static_cast<U32>(fd));
-  } else if (verb == "show" && what == "resources" && rest.empty()) {
-    writeAll(fd, resourcesText(*manager_->resources()));
-  } else if (verb == "show" && what == "group" && !rest.empty()) {
-    char* end = nullptr;
-    const unsigned long id = strtoul(rest.c_str(), &end, 10);
-    if (*end != '\0' || id > 65535 || rest[0] == '-') throw RequestError("'" + rest + "' is not a group id");
-    writeAll(fd, groupText(*manager_, static_cast<U16>(id)));
-  } else if (verb == "get" && !what.empty() && rest.empty()) {
-    std::string text = pathGet(*state_, what);
-    if (text.empty() || text.back() != '\n') text += '\n';
-    writeAll(fd, text);
-  } else if (verb == "set" && !what.empty() && !rest.empty()) {
-    pathSet(*state_, what, rest);
-    std::string text = pathGet(*state_, what);
-    if (text.empty() || text.back() != '\n') text += '\n';
-    writeAll(fd, text);
-  } else if (verb == "save" && what.empty()) {
-    Brevant::saveSnapshot(*manager_, config_.snapshotPath);
-    writeAll(fd, "ok: snapshot saved to " + config_.snapshotPath + "\n");
-  } else if (verb == "show" && what == "restart" && rest.empty()) {
-    writeAll(fd, report_.restarts.empty()
-                     ? std::string("no restart yet\n")
-                     : std::to_string(report_.restarts.size()) + " restarts, last at " +
-                           restartText(report_.restarts.back()) + "\n");
-  } else if (verb == "help" && what.empty()) {
-    writeAll(fd, requestHelp());
-  } else if (verb == "quit" && what.empty()) {
-    writeAll(fd, "ok: stopping\n");
-    quit();
-  } else {
-    throw RequestError("unknown request '" + request + "' (try help)");
+  for (const RequestHandler& handler : requestHandlers()) {
+    // The request's leading words must be the handler's; the rest of the
+    // line, as sent, is its argument text.
+    std::istringstream in(request);
+    std::istringstream expected(handler.words);
+    bool matches = true;
+    for (std::string want, got; expected >> want;) matches = matches && in >> got && got == want;
+    if (!matches) continue;
+    std::string rest;
+    std::getline(in >> std::ws, rest);
+    while (!rest.empty() && (rest.back() == ' ' || rest.back() == '\t')) rest.pop_back();
+    if (rest.empty() != !handler.takesArguments) continue;
+    return handler.answer(*this, rest, fd);
   }
+  throw RequestError("unknown request '" + request + "' (try help)");
 }
 
 }  // namespace Agent

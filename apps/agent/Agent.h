@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -18,7 +19,7 @@
 #include "Brevant/HitlessChecker.h"
 #include "Brevant/NextHopManager.h"
 #include "CommandLine.h"
-#include "HitlessCheck.h"
+#include "FmSim/FmSim.h"
 #include "Kiln/Clock.h"
 #include "Report.h"
 #include "Workload.h"
@@ -36,12 +37,23 @@ struct AgentConfig {
   // A manual clock jumps from one timer to the next, so hours of agent time
   // pass in seconds; otherwise the monotonic clock runs the timers.
   bool manualClock = false;
+  // The time each chip call takes; charged to the manual clock only (the
+  // real clock's path is unchanged). On the manual clock it is what makes a
+  // defragmentation run take agent time and meet its budget.
+  FmSim::Timing chipTiming = FmSim::Timing::busEstimate();
+  // The manager's hardened switch off: the reference behaviour, under which
+  // some valid request sequences stop the process on an assertion. The
+  // agent runs hardened by default.
+  bool referenceBehaviour = false;
   // Serve the diagnostic socket here while the agent runs.
   std::optional<std::string> socketPath;
   // After the workload, keep serving until quit (request or signal).
   bool serve = false;
-  // A progress line on stderr.
+  // A progress line on stderr, every progressEvery seconds of wall time:
+  // redrawn in place (a terminal), or one line each time (a log).
   bool progress = false;
+  bool progressInPlace = true;
+  double progressEvery = 0.25;
   // Delay before the first retry of a create refused with -2 when no
   // defragmentation is scheduled; it doubles (up to maxRetryDelay) while
   // retries make no progress.
@@ -69,6 +81,22 @@ struct AgentConfig {
   std::string snapshotPath;
 };
 
+// The entries of the swap area of the table the agent runs on: 256 on the
+// full table, 8 on a simulated one.
+U32 swapAreaEntries(std::optional<U16> simBound);
+
+// A workload that cannot run on the chosen table (see unfitRequests); thrown
+// before anything is set up.
+class UnfitWorkload : public std::runtime_error {
+ public:
+  explicit UnfitWorkload(std::vector<WorkloadError> problems);
+  // The requests that cannot run, in workload order.
+  const std::vector<WorkloadError>& problems() const { return problems_; }
+
+ private:
+  std::vector<WorkloadError> problems_;
+};
+
 class DiagnosticServer;
 class FeatureCallback;
 class StopWatch;
@@ -78,7 +106,8 @@ class AgentSimulation {
   // Sets up the run: a fresh simulated chip, the clock, the agent's state
   // and its next-hop manager (in simulation mode when asked), the feature
   // callbacks, the chip-write check, and the diagnostic socket. Throws
-  // SocketError when the socket cannot be served.
+  // UnfitWorkload, before anything else, when the workload cannot run on
+  // the table, and SocketError when the socket cannot be served.
   explicit AgentSimulation(AgentConfig config);
   ~AgentSimulation();
   AgentSimulation(const AgentSimulation&) = delete;
@@ -99,6 +128,11 @@ class AgentSimulation {
   // Ends the run after the current handler (the quit request).
   void quit();
 
+  // The answer to the status request: whether the replay is running,
+  // settling (every request made, retries or a defragmentation pending) or
+  // done, agent time, requests so far, pending retries, runs made.
+  std::string statusText() const;
+
   // Ends a running simulation from a signal handler (async-signal-safe).
   static void interrupt();
 
@@ -117,8 +151,14 @@ class AgentSimulation {
  private:
   friend class FeatureCallback;
   class Replayer;
+  struct RequestHandler;
+  // The requests of the diagnostic socket.
+  static const std::vector<RequestHandler>& requestHandlers();
+  static std::string chipTimingText();
   class Retrier;
   class Restarter;
+  // Sets the resource watermarks of the options on the manager.
+  void watermarksIs();
 
   // A workload label: waiting for a retry, placed as a group, or refused.
   struct Label {
@@ -137,8 +177,11 @@ class AgentSimulation {
   void update(const Request& request);
   void read(const Request& request);
   void addFeature(const Request& request);
-  // Counts a refused manager call.
-  void refused(S32 code);
+  // Counts a refused manager call and lists the first ones; groupSize is
+  // the next hops of the request's group where a position was refused.
+  void refused(S32 code, const Request& request, bool retry = false, U16 groupSize = 0);
+  // Counts a request not made because its label's group is not placed.
+  void skipped(const Request& request);
   // The data words of a label's group at a version.
   static U64 word(const std::string& label, U32 version, U16 position, bool wide);
 
@@ -164,6 +207,9 @@ class AgentSimulation {
   bool settled() const;
   bool finished() const;
   void handlerDone();
+  // Notes the defragmentation runs made since the last look: their time,
+  // and the picture after the run that moved the most groups.
+  void noteDefragRuns();
   void showProgress(bool last);
 
   // End-of-run check of the feature views against the manager's records.
@@ -177,16 +223,22 @@ class AgentSimulation {
   Kiln::Ptr<Brevant::BrevantCommonSmData> state_;
   Kiln::Ptr<Brevant::NextHopManager> manager_;
   std::vector<Kiln::Ptr<FeatureCallback>> callbacks_;
-  // The library's table check: records, owners and chip compared at every
-  // chip write the defragmenter makes and after every defragmentation run.
+  // The library's hitless checker in both modes: incremental at every chip
+  // write (the features' groups and words, handed over as they create and
+  // rewrite them), whole-table at every chip write the defragmenter makes
+  // (on tables up to tableCheckEveryWriteUpTo) and after every run.
   std::unique_ptr<Brevant::HitlessChecker> checker_;
   U32 defragRunsChecked_ = 0;
+  U32 defragRunsNoted_ = 0;
+  U64 groupsMovedAtLastRun_ = 0;
   Kiln::Ptr<Replayer> replayer_;
   Kiln::Ptr<Retrier> retrier_;
   Kiln::Ptr<Restarter> restarter_;
   // The library checker's figures from before the last restart.
   U64 tableChecksBefore_ = 0;
   U64 tableViolationsBefore_ = 0;
+  U64 hitlessWritesBefore_ = 0;
+  U64 hitlessViolationsBefore_ = 0;
   std::unique_ptr<DiagnosticServer> server_;
 
   Kiln::Seconds startTime_ = 0;
@@ -203,7 +255,9 @@ class AgentSimulation {
   Kiln::Seconds retryBackoff_ = 0;
   U32 defragRunsAtLastRetry_ = 0;
 
-  HitlessCheck check_;
+  // The base the features were last told of each placed group, to count
+  // each move once.
+  std::unordered_map<U16, U16> toldBase_;
 
   U64 requestsSinceSample_ = 0;
   FreeSpace worstSpace_;

@@ -49,6 +49,12 @@ struct RunOptions {
   bool checkEveryWrite = false;
   // Restart warm every this many seconds of agent time (0: never).
   Kiln::Seconds restartEvery = 0;
+  // Run the manager with its hardened switch off (the reference behaviour).
+  bool referenceBehaviour = false;
+  // The simulated chip's time per call and per 64-bit word (the manual
+  // clock's figures; absent: the bus estimate).
+  std::optional<Kiln::Seconds> chipCallTime;
+  std::optional<Kiln::Seconds> chipWordTime;
 };
 
 struct ClientOptions {
@@ -60,6 +66,9 @@ struct ClientOptions {
 struct CommandLine {
   enum class Command { run, client, help, version };
   Command command = Command::run;
+  // help: the subcommand asked about ("run", "serve", "client"), or empty
+  // for the whole usage.
+  std::string helpTopic;
   RunOptions run;
   ClientOptions client;
 };
@@ -67,7 +76,8 @@ struct CommandLine {
 // Parses the arguments after the program name. Throws UsageError.
 CommandLine parseCommandLine(const std::vector<std::string>& args);
 
-// The text printed by `brevant-agent help`.
-std::string usageText();
+// The text printed by `brevant-agent help`, or by `brevant-agent TOPIC
+// --help` for one subcommand (an empty topic: every subcommand).
+std::string usageText(const std::string& topic = {});
 
 }  // namespace Agent

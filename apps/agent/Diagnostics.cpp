@@ -173,6 +173,8 @@ std::string requestHelp() {
          "set PATH VALUE           store an attribute, e.g. nextHopManager.defragManager.defragDelay 2.5\n"
          "show restart             the last warm restart: outcome, restore time, words read and changed\n"
          "save                     write the next-hop table's snapshot\n"
+         "status                   replay running, settling or done; agent time, requests, pending retries\n"
+         "chip-timing [CALL WORD]  the simulated chip's time per call and per 64-bit word, in seconds\n"
          "help                     this list\n"
          "quit                     stop the agent\n";
 }

@@ -44,7 +44,8 @@ U32 Occupancy::count(Cell cell) const {
 }
 
 std::string freeSpaceText(const FreeSpace& space) {
-  return std::to_string(space.free) + " free in " + std::to_string(space.runs) + " runs, largest " +
+  return std::to_string(space.free) + " usable free in " + std::to_string(space.runs) +
+         (space.runs == 1 ? " run" : " runs") + ", largest " +
          std::to_string(space.largestRun) + ", stranded " + std::to_string(space.stranded());
 }
 

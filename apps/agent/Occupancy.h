@@ -62,8 +62,26 @@ struct Occupancy {
   U32 count(Cell cell) const;
 };
 
-// Returns "<free> free in <runs> runs, largest <largestRun>, stranded <n>".
+// Returns "<free> usable free in <runs> runs, largest <largestRun>,
+// stranded <n>" ("1 run" for one).
 std::string freeSpaceText(const FreeSpace& space);
+
+// The free space over agent time, with the moments that changed it.
+struct Timeline {
+  struct Point {
+    Kiln::Seconds time = 0;
+    FreeSpace space;
+  };
+  // Measurements in time order (the agent's samples: every 16 requests,
+  // after each workload step, before every timer's handler).
+  std::vector<Point> points;
+  // Agent times at which a defragmentation run ended.
+  std::vector<Kiln::Seconds> defragRuns;
+  // Agent times of refused creates (first attempts and retries).
+  std::vector<Kiln::Seconds> refusedCreates;
+  // The agent time the timeline covers, from 0.
+  Kiln::Seconds end = 0;
+};
 
 // True when `candidate` is more fragmented than `worst`: more stranded free
 // entries, then more runs. Ties keep the earlier picture.

@@ -489,4 +489,21 @@ class ChurnGenerator {
 
 Workload builtInWorkload(const BuiltInOptions& options) { return ChurnGenerator(options).generate(); }
 
+std::vector<WorkloadError> unfitRequests(const Workload& workload, U32 swapAreaEntries) {
+  std::vector<WorkloadError> problems;
+  for (const Request& r : workload) {
+    if (r.kind != RequestKind::create || r.size == 0 || r.size > 256) continue;
+    const U32 entries = (r.wide ? 2u : 1u) * r.size;
+    if (r.wide && r.size > 128) {
+      problems.emplace_back(r.line, "wide group '" + r.label + "' of " + std::to_string(r.size) +
+                                        " next hops: a wide group holds at most 128");
+    } else if (entries > swapAreaEntries) {
+      problems.emplace_back(r.line, "group '" + r.label + "' takes " + std::to_string(entries) +
+                                        " entries, more than the " + std::to_string(swapAreaEntries) +
+                                        "-entry swap area through which the defragmenter moves groups");
+    }
+  }
+  return problems;
+}
+
 }  // namespace Agent

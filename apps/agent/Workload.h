@@ -96,6 +96,14 @@ constexpr size_t maxLabelLength = 64;
 Workload parseWorkload(std::istream& in);
 Workload parseWorkload(std::string_view text);
 
+// The requests of a workload that cannot run on a table whose swap area
+// holds swapAreaEntries entries, one error per request with its line: a
+// create of a wide group of more than 128 next hops (it can never be
+// placed), and a create of a group the manager would place but whose block
+// is longer than the swap area (the defragmenter could not move it). Sizes
+// the manager refuses at once (0, over 256) are left to it.
+std::vector<WorkloadError> unfitRequests(const Workload& workload, U32 swapAreaEntries);
+
 // Shape of the built-in workload.
 struct BuiltInOptions {
   // Seed of its random choices: equal options give equal workloads.

@@ -2,6 +2,7 @@
 // compared at one moment.
 #include "Brevant/HitlessChecker.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <sstream>
@@ -11,6 +12,24 @@
 #include "Brevant/NextHopManager.h"
 
 namespace Brevant {
+namespace {
+
+// No owned group at an index.
+constexpr U16 noOwner = 65535;
+constexpr U32 tableEntries = 65536;
+
+std::string hex(U64 word) {
+  char text[24];
+  std::snprintf(text, sizeof(text), "0x%" PRIx64, word);
+  return text;
+}
+
+std::string named(U16 id, const HitlessChecker::OwnedGroup& g) {
+  return "group " + std::to_string(id) + (g.label.empty() ? "" : " (" + g.label + ")") + " at " +
+         std::to_string(g.base);
+}
+
+}  // namespace
 
 // The owner of every group of one feature, as the checker models owners:
 // it keeps the base it is told.
@@ -47,6 +66,8 @@ HitlessChecker::~HitlessChecker() {
 
 void HitlessChecker::ownerToldIs(U16 groupId, U16 baseIndex) {
   ownerViews_[groupId] = OwnerView{manager_.ecmpGroups(groupId), baseIndex};
+  // The incremental mode is in use once a group has been handed to it.
+  if (!ownerOfIndex_.empty()) ownedMovedTo(groupId, baseIndex);
 }
 
 U16 HitlessChecker::ownerBaseOf(const Kiln::Ptr<ECMPGroup>& group) {
@@ -132,18 +153,142 @@ void HitlessChecker::checkBlock(const ECMPGroup& group, U16 base, const char* vi
   }
 }
 
-void HitlessChecker::violationIs(U16 groupId, std::string text) {
+void HitlessChecker::violationIs(U16 groupId, std::string text, Mode mode) {
   ++violationCount_;
-  ++violationsOfThisCheck_;
+  if (mode == Mode::incremental) {
+    ++incrementalViolationCount_;
+  } else {
+    ++violationsOfThisCheck_;
+  }
   if (violations_.size() < violationsKept) {
-    violations_.push_back(
-        Violation{checks_, groupId, "group " + std::to_string(groupId) + ": " + std::move(text)});
+    // Whole-table texts name their group first; incremental ones say it.
+    violations_.push_back(Violation{mode == Mode::wholeTable ? checks_ : writesChecked_, groupId,
+                                    mode == Mode::wholeTable
+                                        ? "group " + std::to_string(groupId) + ": " + std::move(text)
+                                        : std::move(text),
+                                    mode});
+  }
+}
+
+// --- Incremental mode ---
+
+U64 HitlessChecker::OwnedGroup::word(U32 index) const {
+  const U32 offset = index - base;
+  if (!wide) return data[offset];
+  return offset % 2 ? wideData[offset / 2] : data[offset / 2];
+}
+
+void HitlessChecker::ownedGroupIs(U16 groupId, OwnedGroup group) {
+  if (ownerOfIndex_.empty()) ownerOfIndex_.assign(tableEntries, noOwner);
+  if (group.wide) group.wideData.resize(group.data.size());
+  ownedGroupDel(groupId);
+  const OwnedGroup& g = owned_.emplace(groupId, std::move(group)).first->second;
+  own(groupId, g, true);
+  checkProgrammed(groupId, g, "after its create");
+}
+
+void HitlessChecker::ownedGroupDel(U16 groupId) {
+  const auto found = owned_.find(groupId);
+  if (found == owned_.end()) return;
+  own(groupId, found->second, false);
+  movedSinceWrite_.erase(std::remove(movedSinceWrite_.begin(), movedSinceWrite_.end(), groupId),
+                         movedSinceWrite_.end());
+  owned_.erase(found);
+}
+
+const HitlessChecker::OwnedGroup* HitlessChecker::ownedGroup(U16 groupId) const {
+  const auto found = owned_.find(groupId);
+  return found == owned_.end() ? nullptr : &found->second;
+}
+
+void HitlessChecker::ownedWordsIs(U16 groupId, U16 position, U64 data, U64 wideData) {
+  const auto found = owned_.find(groupId);
+  if (found == owned_.end() || position >= found->second.size()) return;
+  found->second.data[position] = data;
+  if (found->second.wide) found->second.wideData[position] = wideData;
+}
+
+void HitlessChecker::ownedMovedTo(U16 groupId, U16 base) {
+  if (ownerOfIndex_.empty()) ownerOfIndex_.assign(tableEntries, noOwner);
+  const auto found = owned_.find(groupId);
+  if (found == owned_.end()) {
+    violationIs(groupId,
+                "owners told that group " + std::to_string(groupId) + ", which nobody created, moved to " +
+                    std::to_string(base),
+                Mode::incremental);
+    return;
+  }
+  OwnedGroup& g = found->second;
+  if (g.base == base) return;
+  own(groupId, g, false);
+  g.base = base;
+  own(groupId, g, true);
+  // An owner may be told the final base before the last leg of a move
+  // through the swap area has written it: the check waits for the next write.
+  if (std::find(movedSinceWrite_.begin(), movedSinceWrite_.end(), groupId) == movedSinceWrite_.end()) {
+    movedSinceWrite_.push_back(groupId);
+  }
+}
+
+U32 HitlessChecker::written(U32 first, U32 count, const U64* data) {
+  const U64 before = incrementalViolationCount_;
+  ++writesChecked_;
+  for (U32 k = 0; k < count && !ownerOfIndex_.empty(); ++k) {
+    const U32 index = first + k;
+    if (index >= tableEntries || ownerOfIndex_[index] == noOwner) continue;
+    const U16 id = ownerOfIndex_[index];
+    const OwnedGroup& g = owned_.at(id);
+    const U64 expected = g.word(index);
+    if (data[k] != expected) {
+      violationIs(id,
+                  "write of " + hex(data[k]) + " at " + std::to_string(index) + " inside " + named(id, g) +
+                      ", whose owners expect " + hex(expected),
+                  Mode::incremental);
+    }
+  }
+  settle();
+  return static_cast<U32>(incrementalViolationCount_ - before);
+}
+
+void HitlessChecker::settle() {
+  for (U16 id : movedSinceWrite_) checkProgrammed(id, owned_.at(id), "when its owners were told it moved");
+  movedSinceWrite_.clear();
+}
+
+void HitlessChecker::checkOwnedGroups(const char* when) {
+  for (const auto& [id, g] : owned_) checkProgrammed(id, g, when);
+}
+
+void HitlessChecker::own(U16 groupId, const OwnedGroup& group, bool owned) {
+  const U32 end = std::min<U32>(U32(group.base) + group.entries(), tableEntries);
+  for (U32 i = group.base; i < end; ++i) {
+    if (owned && ownerOfIndex_[i] != noOwner && ownerOfIndex_[i] != groupId) {
+      violationIs(groupId,
+                  "group " + std::to_string(groupId) + " placed at " + std::to_string(group.base) +
+                      " over entry " + std::to_string(i) + " of group " + std::to_string(ownerOfIndex_[i]),
+                  Mode::incremental);
+    }
+    if (owned || ownerOfIndex_[i] == groupId) ownerOfIndex_[i] = owned ? groupId : noOwner;
+  }
+}
+
+void HitlessChecker::checkProgrammed(U16 groupId, const OwnedGroup& g, const std::string& when) {
+  for (U32 i = g.base; i < g.base + g.entries(); ++i) {
+    const U64 chip = reader_(static_cast<U16>(i));
+    if (chip != g.word(i)) {
+      violationIs(groupId,
+                  named(groupId, g) + ": entry " + std::to_string(i) + " holds " + hex(chip) + ", not " +
+                      hex(g.word(i)) + ", " + when,
+                  Mode::incremental);
+      return;
+    }
   }
 }
 
 void HitlessChecker::violationsDelAll() {
   violations_.clear();
   violationCount_ = 0;
+  incrementalViolationCount_ = 0;
 }
 
 std::string HitlessChecker::report() const {

@@ -1,9 +1,12 @@
 #include "FmSim/FmSim.h"
 
+#include <cmath>
 #include <map>
 #include <mutex>
+#include <stdexcept>
 #include <unordered_map>
 
+#include "Kiln/ActivityManager.h"
 #include "Kiln/Assert.h"
 #include "Kiln/Lock.h"
 
@@ -26,6 +29,8 @@ struct Chip {
   WriteObserver writeObserver;
   U64 lockViolations = 0;
   bool strict = false;
+  Timing timing;
+  Kiln::Seconds timeCharged = 0;
 };
 
 Chip& chip() {
@@ -75,6 +80,30 @@ Call admitted(Chip& state, Call call, bool argumentsValid) {
   return call;
 }
 
+// Charges a call's time to the activity manager's manual clock when the
+// call returns, after the simulator's lock is released (declare it before
+// the lock is taken).
+class TimeCharge {
+ public:
+  TimeCharge() = default;
+  TimeCharge(const TimeCharge&) = delete;
+  TimeCharge& operator=(const TimeCharge&) = delete;
+  ~TimeCharge() {
+    if (seconds_ <= 0) return;
+    const Kiln::Ptr<Kiln::Clock>& clock = Kiln::ActivityManager::instance().clock();
+    if (auto* manual = dynamic_cast<Kiln::ManualClock*>(clock.ptr())) manual->elapse(seconds_);
+  }
+  // The call, as logged, took the time of `words` words (with the chip's
+  // lock held).
+  void callIs(Chip& state, S32 words) {
+    seconds_ = state.timing.callTime(words);
+    state.timeCharged += seconds_;
+  }
+
+ private:
+  Kiln::Seconds seconds_ = 0;
+};
+
 Call registerCall(Function function, S32 sw, U32 address, S32 count) {
   return {0, function, sw, address, count, 0, FmApi::statusOk, false};
 }
@@ -109,6 +138,30 @@ void reset() {
   state.writeObserver = nullptr;
   state.lockViolations = 0;
   state.strict = false;
+  state.timing = Timing{};
+  state.timeCharged = 0;
+}
+
+void timingIs(Timing timing) {
+  auto valid = [](Kiln::Seconds t) { return std::isfinite(t) && t >= 0; };
+  if (!valid(timing.perCall) || !valid(timing.perWord)) {
+    throw std::invalid_argument("chip timing must be finite and not negative");
+  }
+  Chip& state = chip();
+  std::lock_guard<std::mutex> hold(state.mutex);
+  state.timing = timing;
+}
+
+Timing timing() {
+  Chip& state = chip();
+  std::lock_guard<std::mutex> hold(state.mutex);
+  return state.timing;
+}
+
+Kiln::Seconds timeCharged() {
+  Chip& state = chip();
+  std::lock_guard<std::mutex> hold(state.mutex);
+  return state.timeCharged;
 }
 
 U64 registerWord(S32 sw, U32 address) {
@@ -196,12 +249,14 @@ extern "C" {
 
 S32 fmWriteUINT64Mult(S32 sw, U32 address, S32 count, U64* data) {
   FmSim::Chip& state = FmSim::chip();
+  FmSim::TimeCharge charge;
   Call call{};
   FmSim::WriteObserver observer;
   {
     std::lock_guard<std::mutex> hold(state.mutex);
     call = FmSim::admitted(state, FmSim::registerCall(Function::writeUINT64Mult, sw, address, count),
                            FmSim::validAccess(sw, address, count, data));
+    charge.callIs(state, call.status == FmApi::statusOk ? count : 0);
     if (call.status != FmApi::statusOk) return call.status;
     for (S32 k = 0; k < count; ++k) state.registers[sw][address + 2 * U32(k)] = data[k];
     observer = state.writeObserver;
@@ -213,10 +268,12 @@ S32 fmWriteUINT64Mult(S32 sw, U32 address, S32 count, U64* data) {
 
 S32 fmReadUINT64Mult(S32 sw, U32 address, S32 count, U64* data) {
   FmSim::Chip& state = FmSim::chip();
+  FmSim::TimeCharge charge;
   std::lock_guard<std::mutex> hold(state.mutex);
   const Call call =
       FmSim::admitted(state, FmSim::registerCall(Function::readUINT64Mult, sw, address, count),
                       FmSim::validAccess(sw, address, count, data));
+  charge.callIs(state, call.status == FmApi::statusOk ? count : 0);
   if (call.status != FmApi::statusOk) return call.status;
   for (S32 k = 0; k < count; ++k) {
     auto found = state.registers[sw].find(address + 2 * U32(k));
@@ -227,10 +284,12 @@ S32 fmReadUINT64Mult(S32 sw, U32 address, S32 count, U64* data) {
 
 S32 fmGetLogicalPortGlort(S32 sw, S32 logicalPort, U32* glort) {
   FmSim::Chip& state = FmSim::chip();
+  FmSim::TimeCharge charge;
   std::lock_guard<std::mutex> hold(state.mutex);
   Call request{0, Function::getLogicalPortGlort, sw, 0, 0, logicalPort, FmApi::statusOk, false};
   const Call call = FmSim::admitted(
       state, request, FmSim::validSwitch(sw) && logicalPort >= 0 && glort != nullptr);
+  charge.callIs(state, 0);
   if (call.status != FmApi::statusOk) return call.status;
   auto found = state.glorts.find({sw, logicalPort});
   *glort = found != state.glorts.end() ? found->second : FmSim::defaultGlort(logicalPort);

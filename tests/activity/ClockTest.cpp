@@ -73,6 +73,21 @@ TEST_F(ManualClockTest, RefusesToGoBackwards) {
   EXPECT_EQ(clock->now(), 10);
 }
 
+TEST_F(ManualClockTest, ElapsingWorkPassesExpiriesWithoutRunningThem) {
+  Ptr<Timer> t = timer("t");
+  t->timeMinIs(1);
+  clock->elapse(2.5);
+  EXPECT_EQ(clock->now(), 2.5);
+  EXPECT_TRUE(log.empty());
+  // The expiry that fell due while the work went on runs at the next move,
+  // at the current time: time never goes back.
+  clock->timeIs(clock->now());
+  ASSERT_EQ(log, (FiringLog{{"t", 2.5}}));
+  EXPECT_THROW(clock->elapse(-1), Kiln::RangeException);
+  EXPECT_THROW(clock->elapse(NAN), Kiln::RangeException);
+  EXPECT_EQ(clock->now(), 2.5);
+}
+
 TEST_F(ManualClockTest, ArmsReArmsAndDisarmsOneTimer) {
   Ptr<Timer> t = timer("t");
   EXPECT_EQ(t->timeMin(), Clock::never);

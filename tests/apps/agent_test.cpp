@@ -9,7 +9,9 @@
 #include <cstdio>
 #include <fstream>
 #include <sstream>
+#include <chrono>
 #include <future>
+#include <thread>
 
 #include "Brevant/DefragManager.h"
 #include "DiagnosticSocket.h"
@@ -27,6 +29,9 @@ AgentConfig configOf(const std::string& workload, std::optional<U16> simBound = 
   config.workloadName = "test";
   config.simBound = simBound;
   config.manualClock = true;
+  // An instant chip: these runs' agent times are the workload's sleeps and
+  // the defragmenter's delays alone. The timed chip has tests of its own.
+  config.chipTiming = {};
   return config;
 }
 
@@ -164,13 +169,25 @@ TEST(AgentRun, RestoresTheLoopsClock) {
   EXPECT_EQ(Kiln::ActivityManager::instance().clock(), before);
 }
 
+namespace {
+
+// Fills 3..55 of a table of 64 (swap area 56..63) with groups of at most
+// 8 entries: six of 8 and one of 5.
+const char* const fullSmallTable =
+    "create a1 narrow 8 unicast\n"
+    "create a2 narrow 8 unicast\n"
+    "create a3 narrow 8 unicast\n"
+    "create a4 narrow 8 unicast\n"
+    "create a5 narrow 8 unicast\n"
+    "create a6 narrow 8 unicast\n"
+    "create a7 narrow 5 unicast\n";
+
+}  // namespace
+
 TEST(AgentRun, ARefusedCreateThatNeverFitsIsAbandonedAfterTheSettleLimit) {
-  // 40 + 13 fills 3..55; a third group of 20 can never fit, though the swap
-  // area's free entries make the total look sufficient.
-  AgentConfig config = configOf(
-      "create a narrow 40 unicast\n"
-      "create b narrow 13 unicast\n"
-      "create c narrow 8 nat\n");
+  // A group of 8 can never fit, though the swap area's free entries make
+  // the total look sufficient.
+  AgentConfig config = configOf(std::string(fullSmallTable) + "create c narrow 8 nat\n");
   config.settleLimit = 100;
   AgentSimulation agent(config);
   const Report r = agent.run();
@@ -182,22 +199,26 @@ TEST(AgentRun, ARefusedCreateThatNeverFitsIsAbandonedAfterTheSettleLimit) {
   EXPECT_EQ(r.endedBy, "settle limit");
   EXPECT_GT(r.agentTime, 100.0);
   EXPECT_TRUE(r.passed());
+  EXPECT_FALSE(r.complete());
 }
 
 TEST(AgentRun, ARefusedCreateSucceedsRightAfterTheDefragmentationRun) {
-  // Six groups of 8 fill 3..50; b and d go, leaving two holes of 8 and 5
-  // entries at the top: a group of 12 finds no block although 29 entries
-  // (the swap area's included) are free.
+  // a 3..10, b 11..16, c 17..20, d 21..24, e 25..30, f 31..34, g 35..42,
+  // h 43..50, i 51..55; b and e go, leaving two holes of 6: a group of 8
+  // finds no block although 12 entries (20 with the swap area) are free.
   AgentSimulation agent(configOf(
       "create a narrow 8 unicast\n"
-      "create b narrow 8 unicast\n"
-      "create c narrow 8 nat\n"
-      "create d narrow 8 vxlan\n"
-      "create e narrow 8 unicast\n"
-      "create f narrow 8 unicast\n"
+      "create b narrow 6 unicast\n"
+      "create c narrow 4 nat\n"
+      "create d narrow 4 unicast\n"
+      "create e narrow 6 vxlan\n"
+      "create f narrow 4 unicast\n"
+      "create g narrow 8 unicast\n"
+      "create h narrow 8 unicast\n"
+      "create i narrow 5 unicast\n"
       "delete b\n"
-      "delete d\n"
-      "create g narrow 12 unicast\n"));
+      "delete e\n"
+      "create x narrow 8 unicast\n"));
   const Report r = agent.run();
   EXPECT_EQ(r.refusals, (std::map<S32, U64>{{-2, 1}}));
   EXPECT_EQ(r.queuedForRetry, 1u);
@@ -208,24 +229,38 @@ TEST(AgentRun, ARefusedCreateSucceedsRightAfterTheDefragmentationRun) {
   EXPECT_EQ(r.defragRuns, 1u);
   EXPECT_EQ(r.agentTime, 5.0);
   EXPECT_EQ(r.endedBy, "workload done");
-  // c, e and f slide down by 8, 16 and 16 entries, none overlapping its old
-  // place: one write each.
-  EXPECT_EQ(r.groupsMoved, 3u);
-  EXPECT_EQ(r.entriesMoved, 24u);
-  EXPECT_EQ(r.defragEntriesWritten, 24u);
+  // c, d, f, g, h and i slide down by 6 or 12 entries, none overlapping its
+  // old place: one write each.
+  EXPECT_EQ(r.groupsMoved, 6u);
+  EXPECT_EQ(r.entriesMoved, 4u + 4u + 4u + 8u + 8u + 5u);
+  EXPECT_EQ(r.defragEntriesWritten, r.entriesMoved);
   EXPECT_EQ(r.hitlessViolations, 0u);
   EXPECT_EQ(r.tableViolations, 0u);
   EXPECT_TRUE(r.tableCheckedEveryWrite);
   EXPECT_GT(r.tableChecks, 3u);
   EXPECT_TRUE(r.viewMismatches.empty());
   using Placements = std::map<U16, AgentSimulation::Placement>;
-  EXPECT_EQ(agent.view(Feature::nat), (Placements{{5, {11, 8}}}));
-  // g took the id b left (4) and the block after f.
-  EXPECT_EQ(agent.view(Feature::unicast), (Placements{{3, {3, 8}}, {4, {35, 12}}, {7, {19, 8}}, {8, {27, 8}}}));
+  EXPECT_EQ(agent.view(Feature::nat), (Placements{{5, {11, 4}}}));
+  // x took the id b left (4) and the block after i.
+  EXPECT_EQ(agent.view(Feature::unicast), (Placements{{3, {3, 8}},
+                                                       {4, {44, 8}},
+                                                       {6, {15, 4}},
+                                                       {8, {19, 4}},
+                                                       {9, {23, 8}},
+                                                       {10, {31, 8}},
+                                                       {11, {39, 5}}}));
   EXPECT_TRUE(agent.view(Feature::vxlan).empty());
   EXPECT_TRUE(r.passed());
   // The worst moment was the one with the two holes.
-  EXPECT_EQ(r.worst.freeSpace(), (FreeSpace{21, 3, 8}));
+  EXPECT_EQ(r.worst.freeSpace(), (FreeSpace{12, 2, 6}));
+  // The pictures: the run is marked at t = 5, the refused create at 0, and
+  // the table is pictured right after the run, before the retry placed x.
+  EXPECT_EQ(r.timeline.defragRuns, (std::vector<Kiln::Seconds>{5.0}));
+  EXPECT_EQ(r.timeline.refusedCreates, (std::vector<Kiln::Seconds>{0.0}));
+  EXPECT_FALSE(r.timeline.points.empty());
+  ASSERT_EQ(r.pictures().size(), 4u);
+  EXPECT_EQ(r.pictures()[2].title, "after the largest run (6 groups moved)");
+  EXPECT_EQ(r.afterLargestRun.freeSpace(), (FreeSpace{12, 1, 12}));
 }
 
 TEST(AgentRun, MovesThroughTheSwapAreaAreHitless) {
@@ -260,16 +295,34 @@ TEST(AgentRun, MovesThroughTheSwapAreaAreHitless) {
   EXPECT_EQ(agent.view(Feature::vxlan).at(10).base, 45);
 }
 
-TEST(AgentRun, TheBuiltInWorkloadOnASmallTablePassesEveryCheck) {
+// The churn tests run in both settings of the manager's hardened switch.
+class AgentChurn : public ::testing::TestWithParam<bool> {
+ protected:
+  // configOf() with the setting of this test's parameter.
+  static AgentConfig churnConfig(const BuiltInOptions& builtIn) {
+    AgentConfig config = configOf("", static_cast<U16>(builtIn.capacity + 8 + 3));
+    config.workload = builtInWorkload(builtIn);
+    config.referenceBehaviour = GetParam();
+    return config;
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(BothSettings, AgentChurn, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return info.param ? "reference" : "hardened";
+                         });
+
+TEST_P(AgentChurn, TheBuiltInWorkloadOnASmallTablePassesEveryCheck) {
   BuiltInOptions builtIn;
   builtIn.seed = 3;
   builtIn.capacity = 1024 - 8 - 3;
   builtIn.maxEntries = 8;
   builtIn.duration = 1800;
-  AgentConfig config = configOf("", 1024);
-  config.workload = builtInWorkload(builtIn);
+  AgentConfig config = churnConfig(builtIn);
+  config.chipTiming = FmSim::Timing::busEstimate();
   AgentSimulation agent(config);
   const Report r = agent.run();
+  EXPECT_EQ(r.hardened, !GetParam());
   EXPECT_TRUE(r.passed()) << (r.hitlessProblems.empty() ? "" : r.hitlessProblems[0])
                           << (r.tableProblems.empty() ? "" : r.tableProblems[0])
                           << (r.viewMismatches.empty() ? "" : r.viewMismatches[0]);
@@ -466,6 +519,7 @@ TEST(AgentRun, ARestartRequestKeepsEveryGroupAndChangesNoTableWord) {
 }
 
 TEST(AgentRun, RestartsEveryFewMinutesOfChurnStayHitless) {
+TEST_P(AgentChurn, EveryRequestAndEveryQueuedCreateIsAccountedFor) {
   BuiltInOptions builtIn;
   builtIn.seed = 5;
   builtIn.capacity = 1024 - 8 - 3;
@@ -513,4 +567,215 @@ TEST_F(AgentSocketTest, SavesTheSnapshotAndShowsTheLastRestart) {
   EXPECT_THAT(after, StartsWith("1 restarts, last at t = 0.0 s (workload request): warm, restore "));
   EXPECT_THAT(after, HasSubstr(", 64 chip words read, 0 changed\n"));
   std::remove(snapshot.c_str());
+  builtIn.duration = 900;
+  const AgentConfig config = churnConfig(builtIn);
+  AgentSimulation agent(config);
+  const Report r = agent.run();
+  U64 requested = 0;
+  for (const auto& [kind, c] : r.requests) {
+    EXPECT_EQ(c.requested, c.succeeded + c.refused + c.skipped + c.withdrawn) << requestKindName(kind);
+    requested += c.requested;
+  }
+  EXPECT_EQ(requested, r.workloadRequests);
+  EXPECT_EQ(r.workloadRequests + r.workloadPauses, config.workload.size());
+  EXPECT_GT(r.queuedForRetry, 0u);
+  EXPECT_EQ(r.queuedForRetry, r.retriesSucceeded + r.retriesDropped + r.cancelled + r.abandoned);
+  U64 retryRefusals = 0;
+  for (const auto& [code, n] : r.retryRefusals) retryRefusals += n;
+  EXPECT_EQ(r.retryAttempts, r.retriesSucceeded + retryRefusals);
+  EXPECT_TRUE(r.passed());
+  // Every group a feature holds is counted once among the groups checked.
+  EXPECT_EQ(r.viewDistinctGroups, r.groupsAtEnd);
+  EXPECT_GE(r.viewGroupsChecked, r.viewDistinctGroups);
+  // A generated workload numbers its requests.
+  EXPECT_EQ(r.lineWord, "request");
+  ASSERT_FALSE(r.refusalList.empty());
+  EXPECT_GT(r.refusalList[0].line, 0u);
+}
+
+TEST(AgentReport, ListsEachRefusalWithItsLineLabelAndMeaning) {
+  AgentSimulation agent(configOf(smallWorkload));
+  const Report r = agent.run();
+  ASSERT_EQ(r.refusalList.size(), 3u);
+  EXPECT_EQ(r.lineWord, "line");
+  EXPECT_EQ(r.refusalList[0].line, 4u);
+  EXPECT_EQ(r.refusalList[0].label, "big");
+  EXPECT_EQ(r.refusalList[0].code, -1);
+  EXPECT_EQ(r.refusalList[0].meaning, "invalid request: 257 next hops, at most 256");
+  EXPECT_EQ(r.refusalList[1].line, 7u);
+  EXPECT_EQ(r.refusalList[1].kind, RequestKind::update);
+  EXPECT_EQ(r.refusalList[1].meaning, "invalid request: next hop 9 of a group of 4");
+  EXPECT_EQ(r.refusalList[2].line, 10u);
+  EXPECT_EQ(r.refusalList[2].kind, RequestKind::read);
+  std::ostringstream text;
+  printReport(text, r);
+  EXPECT_THAT(text.str(), HasSubstr("  refused by code         -1 invalid request: 3 (3 first, 0 retries)\n"));
+  EXPECT_THAT(text.str(), HasSubstr("line 4 (big): create refused, -1 invalid request: 257 next hops, at most 256\n"));
+  EXPECT_THAT(text.str(), HasSubstr("  skipped                 1 (the label's group not in the table)\n"));
+  EXPECT_THAT(text.str(), HasSubstr("  delete                  2 requested: 1 succeeded at the first attempt, 1 skipped\n"));
+  EXPECT_THAT(text.str(), HasSubstr("  runs                    0 (0 cut by the budget and rescheduled; budget 0.1 s of agent time per pass)\n"));
+  EXPECT_THAT(text.str(), HasSubstr("1 run, largest 53"));
+  EXPECT_THAT(text.str(), HasSubstr("  summary's free count    "));
+}
+
+TEST(AgentReport, ANoRoomRefusalNamesTheBlockItWanted) {
+  AgentConfig config = configOf(std::string(fullSmallTable) + "create c wide 4 vxlan-tunnel\n");
+  config.settleLimit = 20;
+  AgentSimulation agent(config);
+  const Report r = agent.run();
+  ASSERT_FALSE(r.refusalList.empty());
+  EXPECT_EQ(r.refusalList[0].line, 8u);
+  EXPECT_EQ(r.refusalList[0].meaning, "no room: no block of 8 free entries in a row");
+  EXPECT_FALSE(r.complete());
+  EXPECT_TRUE(r.passed());
+  EXPECT_EQ(exitStatusOf(r), exitIncomplete);
+}
+
+TEST(AgentReport, ExitStatusSaysWhetherChecksPassedAndTheRunWasComplete) {
+  Report r;
+  r.workloadCompleted = true;
+  EXPECT_EQ(exitStatusOf(r), exitPassed);
+  r.abandoned = 1;
+  EXPECT_EQ(exitStatusOf(r), exitIncomplete);
+  r.abandoned = 0;
+  r.workloadCompleted = false;
+  EXPECT_EQ(exitStatusOf(r), exitIncomplete);
+  r.hitlessViolations = 1;
+  EXPECT_EQ(exitStatusOf(r), exitCheckFailed);
+}
+
+TEST(AgentWorkload, AWorkloadThatCannotRunOnTheTableIsRefusedWithItsLinesBeforeAnythingRuns) {
+  const char* const workload =
+      "create a narrow 8 unicast\n"
+      "create b narrow 16 unicast\n"
+      "create c wide 4 vxlan-tunnel\n"
+      "create d wide 5 vxlan-tunnel\n"
+      "create e narrow 300 nat\n";
+  const Kiln::Ptr<Kiln::Clock> before = Kiln::ActivityManager::instance().clock();
+  try {
+    AgentSimulation agent(configOf(workload, 64));
+    FAIL() << "the workload ran";
+  } catch (const UnfitWorkload& e) {
+    ASSERT_EQ(e.problems().size(), 2u);
+    EXPECT_EQ(e.problems()[0].line(), 2u);
+    EXPECT_EQ(e.problems()[0].message(),
+              "group 'b' takes 16 entries, more than the 8-entry swap area through which the "
+              "defragmenter moves groups");
+    EXPECT_EQ(e.problems()[1].line(), 4u);
+  }
+  EXPECT_EQ(Kiln::ActivityManager::instance().clock(), before);
+  // On the full table only a wide group of more than 128 next hops is unfit.
+  try {
+    AgentSimulation agent(configOf("create w wide 129 vxlan-tunnel\ncreate n narrow 256 nat\n", std::nullopt));
+    FAIL() << "the workload ran";
+  } catch (const UnfitWorkload& e) {
+    ASSERT_EQ(e.problems().size(), 1u);
+    EXPECT_EQ(e.problems()[0].line(), 1u);
+    EXPECT_EQ(e.problems()[0].message(), "wide group 'w' of 129 next hops: a wide group holds at most 128");
+  }
+}
+
+TEST(AgentWorkload, TheSwapAreaIsTheTablesOwn) {
+  for (const std::optional<U16> bound : {std::optional<U16>(), std::optional<U16>(64), std::optional<U16>(1024)}) {
+    AgentSimulation agent(configOf("", bound));
+    const Report r = agent.run();
+    EXPECT_EQ(r.tableBound - r.swapIndex, swapAreaEntries(bound));
+  }
+}
+
+namespace {
+
+// A table of 1024 (1013 usable entries) filled with groups of 4 and one of
+// 1, every other group of 4 deleted: a group of 8 finds no block, and the
+// defragmenter has about 126 groups to move.
+std::string holedTable() {
+  std::string workload;
+  for (int g = 0; g < 253; ++g) workload += "create g" + std::to_string(g) + " narrow 4 unicast\n";
+  workload += "create one narrow 1 unicast\n";
+  for (int g = 0; g < 253; g += 2) workload += "delete g" + std::to_string(g) + "\n";
+  return workload + "create big narrow 8 nat\n";
+}
+
+}  // namespace
+
+TEST(AgentTiming, TheTimedChipMakesDefragmentationRunsMeetTheirBudget) {
+  // At 10 ms a call a pass runs out of its 0.1 s budget after a few moves
+  // and is rescheduled.
+  const std::string workload = holedTable();
+  AgentConfig config = configOf(workload, 1024);
+  config.chipTiming = {0.01, 0};
+  AgentSimulation agent(config);
+  const Report r = agent.run();
+  EXPECT_TRUE(r.passed()) << (r.hitlessProblems.empty() ? "" : r.hitlessProblems[0])
+                          << (r.tableProblems.empty() ? "" : r.tableProblems[0]);
+  EXPECT_GT(r.defragRuns, 1u);
+  EXPECT_EQ(r.defragRunsCut, r.defragRuns - 1);
+  EXPECT_EQ(r.timeline.defragRuns.size(), r.defragRuns);
+  EXPECT_EQ(r.retriesSucceeded, 1u);
+  EXPECT_EQ(r.endedBy, "workload done");
+  EXPECT_EQ(r.chipCallTime, 0.01);
+  // A run is one pass that ran out (the wide pass then waits), or a
+  // finished narrow pass and the wide pass: each pass stops within its
+  // budget plus the move in progress (a few calls).
+  EXPECT_GT(r.longestDefragRun, r.defragBudget);
+  EXPECT_LE(r.longestDefragRun, 2 * r.defragBudget + 0.1);
+  EXPECT_THAT(r.longestDefragRunWhat, HasSubstr("defragmentation run"));
+  // Replaying 64 requests at 10 ms a call is a longer stop than any run.
+  EXPECT_GE(r.longestStop, r.longestDefragRun);
+}
+
+TEST(AgentTiming, AnInstantChipNeverRunsOutOfBudget) {
+  const std::string workload = holedTable();
+  AgentSimulation agent(configOf(workload, 1024));
+  const Report r = agent.run();
+  EXPECT_EQ(r.defragRuns, 1u);
+  EXPECT_EQ(r.defragRunsCut, 0u);
+  EXPECT_EQ(r.longestStop, 0.0);
+  EXPECT_EQ(r.longestDefragRun, 0.0);
+}
+
+TEST_F(AgentSocketTest, StatusSaysWhenTheReplayIsDone) {
+  std::string running;
+  std::string done;
+  std::string timing;
+  std::string badTiming;
+  const Report report = serve("create a narrow 4 unicast\nsleep 5\ncreate b narrow 2 nat\n", [&] {
+    running = ask("status");
+    // What the README's example does: ask until the replay is done.
+    for (int i = 0; i < 500 && done.rfind("replay: done\n", 0) != 0; ++i) {
+      done = ask("status");
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    timing = ask("chip-timing 0.001 0");
+    badTiming = ask("chip-timing -1 0");
+    ask("quit");
+  });
+  EXPECT_THAT(running, testing::MatchesRegex("replay: (running|done)\n.*"));
+  EXPECT_THAT(done, StartsWith("replay: done\nagent time: "));
+  EXPECT_THAT(done, HasSubstr("\nrequests: 2 of 2\npending retries: 0\ndefragmentation runs: 0\n"));
+  EXPECT_EQ(timing, "chip timing: 0.001 s per call, 0 s per word\n");
+  EXPECT_EQ(badTiming, "error: '-1' is not a time from 0 to 1 s\n");
+  EXPECT_TRUE(report.passed());
+}
+
+TEST(AgentTiming, TheMainJobsRunsAreCutByTheBudgetAndRescheduled) {
+  // The main job's table and workload, over its first 700 s of churn.
+  BuiltInOptions builtIn;
+  builtIn.capacity = 65534 - 256 - 3;
+  builtIn.maxEntries = 256;
+  builtIn.duration = 700;
+  AgentConfig config = configOf("", std::nullopt);
+  config.workload = builtInWorkload(builtIn);
+  config.chipTiming = FmSim::Timing::busEstimate();
+  AgentSimulation agent(config);
+  const Report r = agent.run();
+  EXPECT_TRUE(r.passed());
+  EXPECT_EQ(r.endedBy, "workload done");
+  EXPECT_GE(r.defragRuns, 2u);
+  EXPECT_GE(r.defragRunsCut, 1u);
+  EXPECT_EQ(r.timeline.defragRuns.size(), r.defragRuns);
+  // A pass stops between moves once its budget is spent: a run takes at
+  // most the budget per pass plus the move in progress.
+  EXPECT_GE(r.longestDefragRun, r.defragBudget);
+  EXPECT_LE(r.longestDefragRun, 2 * r.defragBudget + 0.001);
 }

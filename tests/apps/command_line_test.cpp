@@ -5,6 +5,7 @@
 
 using namespace Agent;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 namespace {
 
@@ -96,4 +97,43 @@ TEST(CommandLine, RestartEveryTakesSecondsOfAgentTime) {
   EXPECT_EQ(parseCommandLine({}).run.restartEvery, 0.0);
   EXPECT_NE(usageErrorOf({"run", "--restart-every", "0"}), "no error");
   EXPECT_THAT(usageText(), ::testing::HasSubstr("show restart | save"));
+}
+
+TEST(CommandLine, EverySubcommandAnswersHelp) {
+  for (const char* command : {"run", "serve", "client"}) {
+    for (const char* help : {"--help", "-h"}) {
+      const CommandLine line = parseCommandLine({command, help});
+      EXPECT_EQ(line.command, CommandLine::Command::help) << command;
+      EXPECT_EQ(line.helpTopic, command);
+    }
+    EXPECT_EQ(parseCommandLine({"help", command}).helpTopic, command);
+    EXPECT_THAT(usageText(command), testing::StartsWith("usage: brevant-agent "));
+    EXPECT_THAT(usageText(command), HasSubstr(command));
+  }
+  // Help wins over options before it, even incomplete ones.
+  EXPECT_EQ(parseCommandLine({"serve", "--manual-clock", "--help"}).command, CommandLine::Command::help);
+  EXPECT_EQ(parseCommandLine({"--help"}).helpTopic, "");
+  EXPECT_THAT(usageText("run"), HasSubstr("--chip-call-time SECONDS"));
+  EXPECT_THAT(usageText("client"), Not(HasSubstr("--seed")));
+  EXPECT_THAT(usageText("client"), HasSubstr("status"));
+}
+
+TEST(CommandLine, AnUnknownSubcommandIsNamedAsSuch) {
+  EXPECT_EQ(usageErrorOf({"serv", "--socket", "/tmp/a"}), "unknown command 'serv'");
+  EXPECT_EQ(usageErrorOf({"help", "fly"}), "unknown command 'fly'");
+  EXPECT_EQ(usageErrorOf({"--fast"}), "unknown option '--fast'");
+}
+
+TEST(CommandLine, RunsHardenedUnlessTheReferenceBehaviourIsAsked) {
+  EXPECT_FALSE(parseCommandLine({}).run.referenceBehaviour);
+  EXPECT_TRUE(parseCommandLine({"--reference-behaviour"}).run.referenceBehaviour);
+  EXPECT_THAT(usageText("run"), HasSubstr("--reference-behaviour"));
+}
+
+TEST(CommandLine, TakesTheChipTiming) {
+  const CommandLine line = parseCommandLine({"--chip-call-time", "2e-6", "--chip-word-time", "0"});
+  EXPECT_EQ(line.run.chipCallTime, 2e-6);
+  EXPECT_EQ(line.run.chipWordTime, 0.0);
+  EXPECT_FALSE(parseCommandLine({}).run.chipCallTime);
+  EXPECT_EQ(usageErrorOf({"--chip-word-time", "-1"}), "--chip-word-time expects a number from 0 to 1, not '-1'");
 }

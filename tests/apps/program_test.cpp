@@ -118,11 +118,12 @@ TEST_F(ProgramTest, RunsAWorkloadAndPrintsTheReportAndTheSummary) {
   const Outcome o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", workload, "--svg", svg,
                          "--no-progress"});
   EXPECT_EQ(o.status, 0) << o.err;
-  EXPECT_THAT(o.out, StartsWith("Agent run\n  workload                " + workload + " (4 requests)\n"));
+  EXPECT_THAT(o.out, StartsWith("Agent run\n  workload                " + workload +
+                                ": 3 requests and 1 pause (sleep)\n"));
   EXPECT_THAT(o.out, HasSubstr("  clock                   manual, agent time 1.0 s"));
-  EXPECT_THAT(o.out, HasSubstr("  create                  2 requested, 2 succeeded\n"));
+  EXPECT_THAT(o.out, HasSubstr("  create                  2 requested: 2 succeeded at the first attempt\n"));
   EXPECT_THAT(o.out, HasSubstr("  hitless                 passed: 2 chip writes checked, 0 violations\n"));
-  EXPECT_THAT(o.out, HasSubstr("  feature views           passed: 2 groups checked"));
+  EXPECT_THAT(o.out, HasSubstr("  feature views           passed: 2 (group, feature) pairs of 2 groups checked"));
   EXPECT_THAT(o.out, HasSubstr("  occupancy picture       " + svg + "\n"));
   EXPECT_THAT(o.out, HasSubstr("Free-entry summary\n"
                                "NextHopTable Defragmentation Scheduled : no\n"
@@ -144,7 +145,7 @@ TEST_F(ProgramTest, ShowsProgressOnlyWhenAsked) {
   o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", workload, "--progress"});
   EXPECT_EQ(o.status, 0);
   EXPECT_THAT(o.err, StartsWith("\rbrevant-agent: t = "));
-  EXPECT_THAT(o.err, HasSubstr("4 of 4 requests, 2 groups, 0 defragmentation runs, 0 waiting"));
+  EXPECT_THAT(o.err, HasSubstr("requests 3 of 3, groups 2, defragmentation runs 0, waiting 0"));
 }
 
 TEST_F(ProgramTest, ABadWorkloadLineStopsBeforeAnythingRuns) {
@@ -153,6 +154,99 @@ TEST_F(ProgramTest, ABadWorkloadLineStopsBeforeAnythingRuns) {
   EXPECT_EQ(o.status, 2);
   EXPECT_THAT(o.err, StartsWith("brevant-agent: " + workload + ":3: unknown request 'crate'"));
   EXPECT_EQ(o.out, "");
+}
+
+TEST_F(ProgramTest, AWorkloadTooLargeForTheTableIsRefusedWithItsLines) {
+  const std::string workload =
+      file("big.txt", "create a narrow 4 unicast\ncreate b narrow 16 unicast\ncreate c wide 8 vxlan-tunnel\n");
+  const Outcome o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", workload});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_THAT(o.err, StartsWith("brevant-agent: " + workload + ":2: group 'b' takes 16 entries"));
+  EXPECT_THAT(o.err, HasSubstr("\nbrevant-agent: " + workload + ":3: group 'c' takes 16 entries"));
+  EXPECT_EQ(o.out, "");
+}
+
+TEST_F(ProgramTest, CreatesStillWaitingAtTheEndExitWithThree) {
+  std::string text;
+  for (int g = 0; g < 6; ++g) text += "create a" + std::to_string(g) + " narrow 8 unicast\n";
+  text += "create a6 narrow 5 unicast\ncreate c narrow 8 nat\n";
+  const Outcome o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", file("w.txt", text)});
+  EXPECT_EQ(o.status, 3) << o.err;
+  EXPECT_THAT(o.out, HasSubstr("  ended by                settle limit\n"));
+  EXPECT_THAT(o.out, HasSubstr("line 8 (c): create refused, -2 no room: no block of 8 free entries in a row\n"));
+}
+
+TEST_F(ProgramTest, AnUnwritablePictureIsRefusedBeforeTheRun) {
+  const std::string workload = file("w.txt", goodWorkload);
+  Outcome o = run({"run", "--manual-clock", "--workload", workload, "--svg", dir_ + "/missing/t.svg"});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_THAT(o.err, HasSubstr("cannot write the picture " + dir_ + "/missing/t.svg: No such file or directory"));
+  EXPECT_EQ(o.out, "");
+  o = run({"run", "--manual-clock", "--workload", workload, "--svg", dir_});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_THAT(o.err, HasSubstr("not a regular file"));
+}
+
+TEST_F(ProgramTest, ARealClockRunWithoutATerminalLogsItsProgress) {
+  const Outcome o = run({"run", "--sim-bound", "64", "--workload", file("w.txt", "create a narrow 1 nat\n")});
+  EXPECT_EQ(o.status, 0) << o.err;
+  EXPECT_THAT(o.err, StartsWith("brevant-agent: t = 0 s, "));
+  EXPECT_THAT(o.err, HasSubstr("requests 1 of 1, groups 1, defragmentation runs 0, waiting 0\n"));
+  EXPECT_EQ(o.err.find('\r'), std::string::npos);
+}
+
+TEST_F(ProgramTest, EverySubcommandAnswersHelp) {
+  for (const char* command : {"run", "serve", "client"}) {
+    const Outcome o = run({command, "--help"});
+    EXPECT_EQ(o.status, 0) << command;
+    EXPECT_THAT(o.out, StartsWith("usage: brevant-agent ")) << command;
+  }
+  const Outcome o = run({"serv"});
+  EXPECT_EQ(o.status, 2);
+  EXPECT_THAT(o.err, HasSubstr("unknown command 'serv'"));
+}
+
+// Seven valid requests after which the reference's narrow boundary scan
+// wraps and the next compaction run stops the process (an assertion).
+const char* const sevenRequests =
+    "create w1 wide 2 vxlan-tunnel\n"
+    "create n1 narrow 1 unicast\n"
+    "create w2 wide 2 vxlan-tunnel\n"
+    "delete w1\n"
+    "delete n1      # the only narrow group, at index 3\n"
+    "create w3 wide 1 vxlan-tunnel\n"
+    "create w4 wide 4 vxlan-tunnel\n";
+
+TEST_F(ProgramTest, SevenValidRequestsNeverStopTheHardenedAgent) {
+  const std::string workload = file("seven.txt", sevenRequests);
+  for (const std::vector<std::string>& table : {std::vector<std::string>{}, std::vector<std::string>{"--sim-bound", "64"}}) {
+    std::vector<std::string> args = {"run", "--manual-clock", "--workload", workload};
+    args.insert(args.end(), table.begin(), table.end());
+    const Outcome o = run(args);
+    EXPECT_EQ(o.status, 0) << o.err;
+    EXPECT_THAT(o.out, HasSubstr("  behaviour               hardened"));
+    EXPECT_THAT(o.out, HasSubstr("  ended by                workload done\n"));
+    EXPECT_THAT(o.out, HasSubstr("  create                  5 requested:"));
+    EXPECT_THAT(o.out, HasSubstr("Free-entry summary\n"));
+  }
+}
+
+TEST_F(ProgramTest, SevenValidRequestsRunAsTheLibraryDoesInTheReferenceBehaviour) {
+  // Whatever the library's reference does (its own tests pin it), the agent
+  // either ends with its report or the library stops it on an assertion
+  // with the expression text; nothing else.
+  const std::string workload = file("seven.txt", sevenRequests);
+  for (const std::vector<std::string>& table : {std::vector<std::string>{}, std::vector<std::string>{"--sim-bound", "64"}}) {
+    std::vector<std::string> args = {"run", "--manual-clock", "--reference-behaviour", "--workload", workload};
+    args.insert(args.end(), table.begin(), table.end());
+    const Outcome o = run(args);
+    if (o.status == -1) {
+      EXPECT_THAT(o.err, HasSubstr("Assertion `")) << o.err;
+    } else {
+      EXPECT_THAT(o.out, HasSubstr("  behaviour               reference")) << o.err;
+      EXPECT_THAT(o.out, HasSubstr("Free-entry summary\n"));
+    }
+  }
 }
 
 TEST_F(ProgramTest, UsageErrorsExitWithTwo) {

@@ -4,10 +4,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <regex>
 #include <sstream>
 
+#include "PngCheck.h"
 #include "XmlCheck.h"
 
 using namespace Agent;
@@ -52,7 +55,7 @@ TEST(Occupancy, FreeSpaceCountsRunsBelowTheSwapIndex) {
   EXPECT_EQ(space.runs, 2u);
   EXPECT_EQ(space.largestRun, 35u);
   EXPECT_EQ(space.stranded(), 2u);
-  EXPECT_EQ(freeSpaceText(space), "37 free in 2 runs, largest 35, stranded 2");
+  EXPECT_EQ(freeSpaceText(space), "37 usable free in 2 runs, largest 35, stranded 2");
 }
 
 TEST(Occupancy, MoreFragmentedPrefersMoreStrandedEntriesThenMoreRuns) {
@@ -85,14 +88,14 @@ TEST(OccupancySvg, DrawsEachPanelWithTitleFiguresAndRuns) {
   const std::string svg = svgOf({smallTable("start"), smallTable("end")});
   EXPECT_EQ(occurrences(svg, "<g id=\"panel-"), 2);
   EXPECT_THAT(svg, HasSubstr(">start (t = 12.2 s)</text>"));
-  EXPECT_THAT(svg, HasSubstr(">37 free in 2 runs, largest 35, stranded 2</text>"));
+  EXPECT_THAT(svg, HasSubstr(">37 usable free in 2 runs, largest 35, stranded 2; swap area 8 free</text>"));
   EXPECT_THAT(svg, HasSubstr(">8 narrow, 8 wide entries of 64; swap area from 56</text>"));
   // 16 columns of 32 pixels: entries 0..2 reserved are one rectangle, 3..9
   // narrow another, and row 3 (48..63) holds wide 48..55 and swap 56..63.
-  EXPECT_THAT(svg, HasSubstr("<rect x=\"24\" y=\"76\" width=\"96\" height=\"32\" fill=\"#333333\"/>"));
-  EXPECT_THAT(svg, HasSubstr("<rect x=\"120\" y=\"76\" width=\"224\" height=\"32\" fill=\"#2f6db5\"/>"));
-  EXPECT_THAT(svg, HasSubstr("<rect x=\"24\" y=\"172\" width=\"256\" height=\"32\" fill=\"#e8892b\"/>"));
-  EXPECT_THAT(svg, HasSubstr("<rect x=\"280\" y=\"172\" width=\"256\" height=\"32\" fill=\"#b39ddb\"/>"));
+  EXPECT_THAT(svg, HasSubstr("<rect x=\"72\" y=\"92\" width=\"96\" height=\"32\" fill=\"#333333\"/>"));
+  EXPECT_THAT(svg, HasSubstr("<rect x=\"168\" y=\"92\" width=\"224\" height=\"32\" fill=\"#2f6db5\"/>"));
+  EXPECT_THAT(svg, HasSubstr("<rect x=\"72\" y=\"188\" width=\"256\" height=\"32\" fill=\"#e8892b\"/>"));
+  EXPECT_THAT(svg, HasSubstr("<rect x=\"328\" y=\"188\" width=\"256\" height=\"32\" fill=\"#b39ddb\"/>"));
   // A rectangle per run of one kind on a row: rows 0 (reserved, narrow, free,
   // narrow, free), 1 and 2 (free), 3 (wide, swap).
   const std::regex cellRect("<rect x=\"\\d+\" y=\"\\d+\" width=\"\\d+\" height=\"32\" fill=");
@@ -134,7 +137,7 @@ TEST(OccupancySvg, AFullTableIsAGridOf256Columns) {
   // 256 rows of 256 entries: rows 0 to 253 are one free rectangle each, row
   // 254 one before the swap area (which begins at 254 * 256 + 254), and row
   // 255 is all swap area.
-  EXPECT_EQ(occurrences(svg, "fill=\"#f2f2f2\"/>"), 255);
+  EXPECT_EQ(occurrences(svg, "fill=\"#a6dba0\"/>"), 255);
   EXPECT_EQ(occurrences(svg, "fill=\"#b39ddb\"/>"), 2);
 }
 
@@ -143,15 +146,134 @@ TEST(OccupancySvg, WritesAFileAndReportsAnUnwritableOne) {
   ASSERT_NE(mkdtemp(dir), nullptr);
   const std::string path = std::string(dir) + "/table.svg";
   std::string error;
-  ASSERT_TRUE(writeOccupancySvgFile(path, {smallTable("start")}, error)) << error;
+  ASSERT_TRUE(writeOccupancySvgFile(path, {smallTable("start")}, nullptr, error)) << error;
   std::ifstream in(path);
   std::stringstream text;
   text << in.rdbuf();
   EXPECT_EQ(AgentTest::xmlProblem(text.str()), "");
-  EXPECT_FALSE(writeOccupancySvgFile(std::string(dir) + "/missing/table.svg", {smallTable("x")}, error));
+  EXPECT_FALSE(writeOccupancySvgFile(std::string(dir) + "/missing/table.svg", {smallTable("x")}, nullptr, error));
   EXPECT_THAT(error, HasSubstr("cannot open"));
   unlink(path.c_str());
   rmdir(dir);
+}
+
+namespace {
+
+// A timeline over 100 s: free space falls, two runs restore it, one create
+// is refused.
+Timeline sampleTimeline() {
+  Timeline t;
+  for (int i = 0; i <= 100; i += 5) {
+    FreeSpace space;
+    addFreeRun(space, 40 - (i % 50) / 5);
+    addFreeRun(space, 1 + (i % 50) / 10);
+    t.points.push_back({double(i), space});
+  }
+  t.defragRuns = {45, 95};
+  t.refusedCreates = {40};
+  t.end = 100;
+  return t;
+}
+
+}  // namespace
+
+TEST(OccupancySvg, TheLegendExplainsEveryColourAndWord) {
+  const std::string svg = svgOf({smallTable("start")});
+  const std::string legend = svg.substr(svg.find("<g id=\"legend\">"));
+  EXPECT_THAT(legend, HasSubstr("usable for a new group&apos;s block"));
+  EXPECT_THAT(legend, HasSubstr("kept for moving groups"));
+  EXPECT_THAT(legend, HasSubstr("allocated but in no group&apos;s block (never expected)"));
+  EXPECT_THAT(legend, HasSubstr(">stranded: usable free entries outside the largest run"));
+  EXPECT_THAT(legend, HasSubstr(">runs: stretches of consecutive usable free entries"));
+}
+
+TEST(OccupancySvg, EachPanelHasAnIndexScale) {
+  const std::string svg = svgOf({smallTable("start")});
+  EXPECT_THAT(svg, HasSubstr(">rows of 16 entries; left: the index of a row's first entry</text>"));
+  // Four rows of 16: every row is labelled with its first index.
+  for (const char* label : {">0</text>", ">16</text>", ">32</text>", ">48</text>"}) {
+    EXPECT_THAT(svg, HasSubstr(label));
+  }
+}
+
+TEST(OccupancySvg, PlotsFreeSpaceOverTimeWithRunsAndRefusalsMarked) {
+  std::ostringstream out;
+  const Timeline timeline = sampleTimeline();
+  writeOccupancySvg(out, {smallTable("start"), smallTable("end")}, &timeline);
+  const std::string svg = out.str();
+  EXPECT_EQ(AgentTest::xmlProblem(svg), "");
+  const std::string plot = svg.substr(svg.find("<g id=\"timeline\">"));
+  EXPECT_THAT(plot, HasSubstr(">Free space over agent time</text>"));
+  EXPECT_EQ(occurrences(plot, "<polyline "), 3);
+  EXPECT_THAT(plot, HasSubstr(">defragmentation run (2)</text>"));
+  EXPECT_THAT(plot, HasSubstr(">refused create, tick below the axis (1)</text>"));
+  const std::string runs = plot.substr(plot.find("<g id=\"defrag-runs\">"), plot.find("<g id=\"refused-creates\">") -
+                                                                                  plot.find("<g id=\"defrag-runs\">"));
+  EXPECT_EQ(occurrences(runs, "<line "), 2);
+  EXPECT_THAT(plot, HasSubstr(">100.0 s</text>"));
+  // Without a timeline there is no plot.
+  EXPECT_EQ(svgOf({smallTable("start")}).find("timeline"), std::string::npos);
+}
+
+TEST(OccupancySvg, AnEmptyTableAtTheStartDoesNotFlattenThePlot) {
+  Timeline timeline = sampleTimeline();
+  FreeSpace empty;
+  addFreeRun(empty, 1000);
+  timeline.points.insert(timeline.points.begin(), {0.0, empty});
+  std::ostringstream out;
+  writeOccupancySvg(out, {smallTable("start")}, &timeline);
+  const std::string plot = out.str().substr(out.str().find("<g id=\"timeline\">"));
+  // The scale's top is the largest later value (41), not 1000.
+  EXPECT_THAT(plot, HasSubstr(">41</text>"));
+  EXPECT_THAT(plot, HasSubstr("(values above 41 in the first hundredth of the time, up to 1000, are drawn at the top)"));
+  EXPECT_EQ(AgentTest::xmlProblem(out.str()), "");
+}
+
+TEST(OccupancySvg, RendersToAWellFormedPictureThatIsNotBlank) {
+#ifndef BREVANT_RSVG_CONVERT
+  GTEST_SKIP() << "rsvg-convert was not found when the build was configured (Debian package librsvg2-bin)";
+#else
+  char dir[] = "/tmp/agent-png-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string svgPath = std::string(dir) + "/table.svg";
+  const std::string pngPath = std::string(dir) + "/table.png";
+  const Timeline timeline = sampleTimeline();
+  std::string error;
+  ASSERT_TRUE(writeOccupancySvgFile(svgPath, {smallTable("start"), smallTable("end")}, &timeline, error)) << error;
+  const std::string command =
+      std::string(BREVANT_RSVG_CONVERT) + " -o '" + pngPath + "' '" + svgPath + "' 2>&1";
+  ASSERT_EQ(std::system(command.c_str()), 0) << command;
+  std::ifstream in(pngPath, std::ios::binary);
+  std::stringstream bytes;
+  bytes << in.rdbuf();
+  AgentTest::PngImage image;
+  ASSERT_EQ(AgentTest::decodePng(bytes.str(), image), "");
+  // The picture has the document's size.
+  std::ifstream svgIn(svgPath);
+  std::stringstream svgText;
+  svgText << svgIn.rdbuf();
+  const std::string svg = svgText.str();
+  std::smatch size;
+  ASSERT_TRUE(std::regex_search(svg, size, std::regex("<svg [^>]*width=\"(\\d+)\" height=\"(\\d+)\"")));
+  EXPECT_EQ(image.width, std::stoul(size[1]));
+  EXPECT_EQ(image.height, std::stoul(size[2]));
+  // Not blank: many colours, a fair share of ink, and the free colour shows.
+  EXPECT_GT(image.colours(), 8u);
+  EXPECT_GT(image.inkShare(), 0.05);
+  EXPECT_LT(image.inkShare(), 0.95);
+  const U32 freeColour = 0xa6dba0ffu;
+  EXPECT_NE(std::count(image.pixels.begin(), image.pixels.end(), freeColour), 0);
+  unlink(svgPath.c_str());
+  unlink(pngPath.c_str());
+  rmdir(dir);
+#endif
+}
+
+TEST(PngCheck, RefusesWhatIsNotAPicture) {
+  AgentTest::PngImage image;
+  EXPECT_EQ(AgentTest::decodePng("GIF89a", image), "no PNG signature");
+  EXPECT_EQ(AgentTest::decodePng(std::string("\x89PNG\r\n\x1a\n", 8) + "\0\0", image),
+            "a chunk runs past the end of the file");
 }
 
 TEST(XmlCheck, FindsTheProblemsItIsFor) {

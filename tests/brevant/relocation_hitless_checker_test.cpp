@@ -240,3 +240,76 @@ TEST_F(HitlessCheckerTest, LeavesTheReservedEntriesAndUnplacedGroupsAlone) {
 }
 
 }  // namespace
+
+namespace {
+
+// The two modes together, as a program runs them: the incremental mode fed
+// by the simulator's write observer, groups handed over as their owners
+// create them, the whole-table mode asked now and then.
+class HitlessCheckerBothModesTest : public HitlessCheckerTest {
+ protected:
+  void SetUp() override {
+    HitlessCheckerTest::SetUp();
+    FmSim::writeObserverIs([this](const FmSim::Call& call, const U64* data) {
+      checker().written((call.address - FmSim::nextHopTableBase) / 2, U32(call.count), data);
+    });
+  }
+  void TearDown() override {
+    FmSim::writeObserverIs({});
+    HitlessCheckerTest::TearDown();
+  }
+
+  // Creates a narrow group and hands it to the incremental mode as its
+  // owner holds it.
+  U16 owned(U16 size, U64 base) {
+    const S32 id = create(size, false, base);
+    EXPECT_GE(id, 3);
+    HitlessChecker::OwnedGroup g;
+    g.base = m().ecmpGroups(U16(id))->hwStartIndex();
+    for (U16 p = 0; p < size; ++p) g.data.push_back(base + p);
+    checker().ownedGroupIs(U16(id), g);
+    return U16(id);
+  }
+
+  U64 incremental() { return checker().violationCount(HitlessChecker::Mode::incremental); }
+};
+
+}  // namespace
+
+TEST_F(HitlessCheckerBothModesTest, ARealMoveIsHitlessInBothModes) {
+  const U16 a = owned(3, 0x100);  // 3..5
+  const U16 b = owned(2, 0x200);  // 6..7
+  ASSERT_EQ(m().deleteECMPGroup(0, a), 0);
+  checker().ownedGroupDel(a);
+  // b moves from 6 to 3 (no overlap): the owners hear the new base from
+  // the manager, after the new block is written.
+  ASSERT_EQ(m().moveECMPGroup(b, 3, false), 0);
+  checker().settle();
+  EXPECT_EQ(checker().ownedGroup(b)->base, 3);
+  EXPECT_EQ(incremental(), 0u) << checker().report();
+  EXPECT_GT(checker().writesChecked(), 0u);
+  EXPECT_EQ(checker().checkSettled(), 0u);
+  EXPECT_TRUE(checker().hitless());
+}
+
+TEST_F(HitlessCheckerBothModesTest, TheIncrementalModeSeesAWriteOverAnOwnedGroupAtOnce) {
+  const U16 a = owned(4, 0x100);  // 3..6
+  // Someone writes into the group's block behind its owners' back.
+  U64 word = 0xBAD;
+  Brevant::writeNextHopInternal(4, 1, &word);
+  EXPECT_EQ(incremental(), 1u);
+  EXPECT_THAT(checker().violations().at(0).text,
+              HasSubstr("write of 0xbad at 4 inside group " + std::to_string(a) + " at 3, whose owners expect 0x101"));
+  // The whole-table mode sees it too, when asked.
+  EXPECT_EQ(checker().check(), 1u);
+  EXPECT_EQ(checker().violationCount(HitlessChecker::Mode::wholeTable), 1u);
+}
+
+TEST_F(HitlessCheckerBothModesTest, OnlyTheWholeTableModeSeesAMoveTheOwnersWereNotToldOf) {
+  const U16 a = owned(2, 0x100);  // 3..4
+  EXPECT_EQ(checker().check(), 0u);  // the whole-table owners learn base 3
+  moveBehindTheOwnersBack(a, 10, true);
+  // The owners' block at 3 still holds their words: no write touched it.
+  EXPECT_EQ(incremental(), 0u);
+  EXPECT_GE(checker().checkSettled(), 1u);
+}

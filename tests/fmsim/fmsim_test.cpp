@@ -3,8 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <limits>
+#include <stdexcept>
 #include <thread>
 
+#include "Kiln/ActivityManager.h"
+#include "Kiln/Clock.h"
 #include "Kiln/Lock.h"
 
 using FmSim::Function;
@@ -293,4 +298,83 @@ TEST_F(FmSimTest, ResetForgetsEverything) {
     fmReadUINT64Mult(0, base, 1, &word);
   }
   EXPECT_EQ(FmSim::lockViolations(), 1u);
+}
+
+namespace {
+
+// Puts a manual clock on the activity manager for the test's duration.
+class FmSimTimingTest : public FmSimTest {
+ protected:
+  void SetUp() override {
+    FmSimTest::SetUp();
+    previous_ = Kiln::ActivityManager::instance().clock();
+    Kiln::ActivityManager::instance().clockIs(clock_);
+  }
+  void TearDown() override {
+    Kiln::ActivityManager::instance().clockIs(previous_);
+    FmSimTest::TearDown();
+  }
+  Kiln::Ptr<Kiln::ManualClock> clock_ = new Kiln::ManualClock(100);
+  Kiln::Ptr<Kiln::Clock> previous_;
+};
+
+}  // namespace
+
+TEST_F(FmSimTimingTest, AnInstantChipTakesNoTime) {
+  EXPECT_EQ(FmSim::timing(), FmSim::Timing{});
+  U64 words[4] = {1, 2, 3, 4};
+  EXPECT_EQ(fmWriteUINT64Mult(0, base, 4, words), FmApi::statusOk);
+  EXPECT_EQ(clock_->now(), 100);
+  EXPECT_EQ(FmSim::timeCharged(), 0);
+}
+
+TEST_F(FmSimTimingTest, EveryCallMovesTheManualClockByItsCallAndWordTime) {
+  FmSim::timingIs({0.5, 0.25});
+  U64 words[4] = {1, 2, 3, 4};
+  EXPECT_EQ(fmWriteUINT64Mult(0, base, 4, words), FmApi::statusOk);
+  EXPECT_DOUBLE_EQ(clock_->now(), 101.5);
+  EXPECT_EQ(fmReadUINT64Mult(0, base, 2, words), FmApi::statusOk);
+  EXPECT_DOUBLE_EQ(clock_->now(), 102.5);
+  U32 glort = 0;
+  EXPECT_EQ(fmGetLogicalPortGlort(0, 7, &glort), FmApi::statusOk);
+  EXPECT_DOUBLE_EQ(clock_->now(), 103);
+  // A refused call moves no words, but the call was made.
+  EXPECT_EQ(fmWriteUINT64Mult(9, base, 4, words), FmApi::statusInvalidArgument);
+  EXPECT_DOUBLE_EQ(clock_->now(), 103.5);
+  EXPECT_DOUBLE_EQ(FmSim::timeCharged(), 3.5);
+}
+
+TEST_F(FmSimTimingTest, TimeChargedRunsNoTimerUntilTheClockIsMoved) {
+  struct Timer : Kiln::Clock::Notifiee {
+    int fired = 0;
+    void onTime() override { ++fired; }
+  };
+  Kiln::Ptr<Timer> timer = new Timer;
+  timer->notifierIs(clock_);
+  timer->timeMinIs(100.5);
+  FmSim::timingIs({1, 0});
+  U64 word = 1;
+  EXPECT_EQ(fmWriteUINT64Mult(0, base, 1, &word), FmApi::statusOk);
+  EXPECT_EQ(timer->fired, 0);
+  clock_->timeIs(clock_->now());
+  EXPECT_EQ(timer->fired, 1);
+  timer->notifierIs(nullptr);
+}
+
+TEST_F(FmSimTimingTest, RefusesANegativeOrEndlessTimingAndKeepsTheOldOne) {
+  FmSim::timingIs(FmSim::Timing::busEstimate());
+  EXPECT_THROW(FmSim::timingIs({-1, 0}), std::invalid_argument);
+  EXPECT_THROW(FmSim::timingIs({0, std::numeric_limits<double>::infinity()}), std::invalid_argument);
+  EXPECT_THROW(FmSim::timingIs({std::nan(""), 0}), std::invalid_argument);
+  EXPECT_EQ(FmSim::timing(), FmSim::Timing::busEstimate());
+  FmSim::reset();
+  EXPECT_EQ(FmSim::timing(), FmSim::Timing{});
+}
+
+TEST_F(FmSimTest, ChargesNothingToAClockThatAdvancesByItself) {
+  FmSim::timingIs({1, 1});
+  ASSERT_TRUE(Kiln::ActivityManager::instance().clock()->advancesByItself());
+  U64 word = 1;
+  EXPECT_EQ(fmWriteUINT64Mult(0, base, 1, &word), FmApi::statusOk);
+  EXPECT_DOUBLE_EQ(FmSim::timeCharged(), 2);
 }

@@ -144,6 +144,13 @@ class ManualClock : public Clock {
   // timeIs(now() + delta).
   void advance(Seconds delta) { timeIs(time_ + delta); }
 
+  // Time taken by the work in progress (a simulated chip access, say):
+  // now() moves forward by delta at once, but no expiry runs; those it
+  // passes fire at the next timeIs() or runExpiries(), as a real loop runs
+  // the timers that fell due while a handler was busy. Throws
+  // RangeException when delta is negative or not a number.
+  void elapse(Seconds delta);
+
  protected:
   void expiryReached(Seconds time) override;
 

@@ -19,10 +19,27 @@
 // The checker reads the chip through the reader it is given, not through the
 // library, so it may run inside a chip call (with the activity lock given
 // up) without touching the lock. It has no test-framework dependency.
+//
+// It works in two modes, which may be used together:
+// - whole table (check(), checkSettled()): every group's records, owners'
+//   bases and chip words compared at once; its cost grows with the table;
+// - incremental (written()), fed by the chip's write observer with each
+//   write's words: the owners of groups (a program's features) tell the
+//   checker what they created and the words they wrote (ownedGroupIs,
+//   ownedWordsIs, ownedGroupDel); the checker hears their moves through
+//   its owner callbacks. A write that changes an entry an owner points at
+//   to another word than the owner's is a violation; so is a group whose
+//   owners were told it moved and whose new place is not fully programmed
+//   at the next write or settle() (owners of a group moved through the swap
+//   area hear the final base before the last leg writes it, so the check
+//   waits for the next write), a group placed over another's entries, and
+//   a created group not in the chip. Its cost is the entries written, so it
+//   can run at every write of a full table.
 #pragma once
 
 #include <functional>
 #include <map>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -47,13 +64,34 @@ class HitlessChecker {
   // How many violations are kept for report(); all are counted.
   static constexpr size_t violationsKept = 64;
 
+  // The check that found a violation.
+  enum class Mode { wholeTable, incremental };
+
   // One broken expectation.
   struct Violation {
-    // The number of the check that found it (checks() at that time).
+    // The number of the check that found it: checks() at that time for the
+    // whole-table mode, writesChecked() for the incremental mode.
     U64 check;
     U16 groupId;
     // What is wrong, in one line.
     std::string text;
+    Mode mode = Mode::wholeTable;
+  };
+
+  // A group as its owners hold it, for the incremental mode: where they
+  // believe it starts and the words of its next hops by position.
+  struct OwnedGroup {
+    // The owner's name for the group (shown in violations; may be empty).
+    std::string label;
+    U16 base = 0;
+    bool wide = false;
+    std::vector<U64> data;
+    std::vector<U64> wideData;
+    U16 size() const { return static_cast<U16>(data.size()); }
+    U32 entries() const { return (wide ? 2u : 1u) * static_cast<U32>(data.size()); }
+    // Returns the word the owners expect at table index `index`, inside the
+    // group.
+    U64 word(U32 index) const;
   };
 
   // Watches manager, reading the chip through reader, and registers the
@@ -78,10 +116,47 @@ class HitlessChecker {
   // record holds. Returns the number of violations found.
   U32 checkSettled();
 
+  // --- Incremental mode ---
+
+  // A group its owner has just created (after the manager wrote it): from
+  // now on its entries are in use. Checks that the chip holds it.
+  void ownedGroupIs(U16 groupId, OwnedGroup group);
+  // The owner deleted the group: its entries are no longer in use.
+  void ownedGroupDel(U16 groupId);
+  // Returns the group as its owners hold it, or null.
+  const OwnedGroup* ownedGroup(U16 groupId) const;
+  // Returns every owned group by id (to hand them to another checker, e.g.
+  // across a warm restart).
+  const std::map<U16, OwnedGroup>& ownedGroups() const { return owned_; }
+  // The words the owner is about to write at a position of its group
+  // (before the write, so that the write is expected).
+  void ownedWordsIs(U16 groupId, U16 position, U64 data, U64 wideData);
+  // The owners were told that the group starts at base: its entries there
+  // are in use, those at the old base no longer; checked at the next write
+  // or settle(). The owner callbacks call it; a caller whose owners are
+  // told otherwise may too.
+  void ownedMovedTo(U16 groupId, U16 base);
+  // A chip write of count entries from table index first, with the words
+  // written (already in the chip). Returns the violations it found.
+  U32 written(U32 first, U32 count, const U64* data);
+  // Checks the groups moved since the last write (the end of a handler).
+  void settle();
+  // Checks that the chip holds every owned group at its owners' base.
+  void checkOwnedGroups(const char* when);
+  // Returns the number of writes checked.
+  U64 writesChecked() const { return writesChecked_; }
+
+  // --- Both modes ---
+
   // Returns the number of checks made.
   U64 checks() const { return checks_; }
   // Returns the number of violations found by all checks.
   U64 violationCount() const { return violationCount_; }
+  // Returns the number of violations found by the checks of one mode.
+  U64 violationCount(Mode mode) const {
+    return mode == Mode::wholeTable ? violationCount_ - incrementalViolationCount_
+                                    : incrementalViolationCount_;
+  }
   // True when no check has found a violation.
   bool hitless() const { return violationCount_ == 0; }
   // Returns the first violationsKept violations, in the order found.
@@ -113,7 +188,10 @@ class HitlessChecker {
   // entry checked so far to the group that uses it.
   void checkBlock(const ECMPGroup& group, U16 base, const char* view,
                   std::map<U16, U16>& claims);
-  void violationIs(U16 groupId, std::string text);
+  void violationIs(U16 groupId, std::string text, Mode mode = Mode::wholeTable);
+  // Marks (or clears) the entries of an owned group as in use by it.
+  void own(U16 groupId, const OwnedGroup& group, bool owned);
+  void checkProgrammed(U16 groupId, const OwnedGroup& group, const std::string& when);
 
   NextHopManager& manager_;
   TableReader reader_;
@@ -121,6 +199,14 @@ class HitlessChecker {
   std::map<U16, OwnerView> ownerViews_;
   U64 checks_ = 0;
   U64 violationCount_ = 0;
+  U64 incrementalViolationCount_ = 0;
+  // Incremental mode: the owned groups, the group whose owners point at
+  // each table index (empty until the first owned group), the groups moved
+  // since the last write, and the writes checked.
+  std::map<U16, OwnedGroup> owned_;
+  std::vector<U16> ownerOfIndex_;
+  std::vector<U16> movedSinceWrite_;
+  U64 writesChecked_ = 0;
   U32 violationsOfThisCheck_ = 0;
   std::vector<Violation> violations_;
 };

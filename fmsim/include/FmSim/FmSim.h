@@ -16,6 +16,12 @@
 // Glorts: the glort of a logical port is what glortIs() set for it, else
 // defaultGlort(port).
 //
+// Timing: the simulator answers at once, but it can charge each call the
+// time a real chip's bus would take (timingIs). The time is charged to the
+// activity manager's clock when that is a ManualClock (ManualClock::elapse,
+// on the calling thread, once the call is done), so that work made of chip
+// calls takes agent time; a clock that advances by itself is left alone.
+//
 // Every call, failed or not, is appended to the call log, and checks that
 // the calling thread does not hold the activity lock (the library must give
 // it up around chip calls): a call made while holding it counts as a lock
@@ -26,6 +32,7 @@
 #include <vector>
 
 #include "FmApi/FmApi.h"
+#include "Kiln/Types.h"
 
 namespace FmSim {
 
@@ -59,9 +66,35 @@ struct Call {
   bool activityLockHeld;
 };
 
+// How long a chip call takes: perCall for every call (the API's entry, its
+// locking and checks, the bus transaction's set-up) plus perWord for each
+// 64-bit word a register access moves.
+struct Timing {
+  Kiln::Seconds perCall = 0;
+  Kiln::Seconds perWord = 0;
+
+  // The time of a call that moves `words` 64-bit words.
+  Kiln::Seconds callTime(S32 words) const { return perCall + perWord * words; }
+
+  // An estimate of register access from the control processor over the
+  // chip's bus: 5 us per call and 1 us per 64-bit word (two 32-bit
+  // accesses of about 0.5 us each). docs/agent.md gives the reasoning.
+  static constexpr Timing busEstimate() { return Timing{5e-6, 1e-6}; }
+
+  friend bool operator==(const Timing&, const Timing&) = default;
+};
+
+// Sets the time charged per call and per word. Throws std::invalid_argument
+// (and changes nothing) when a figure is negative or not finite.
+void timingIs(Timing timing);
+// Returns the timing in force (zero, the instant chip, after reset()).
+Timing timing();
+// Returns the seconds charged to calls since the last reset.
+Kiln::Seconds timeCharged();
+
 // Empties every register file, the call log, the pending faults and the
-// glort answers; removes the write observer; zeroes the lock violation count
-// and leaves strict mode.
+// glort answers; removes the write observer; zeroes the lock violation count,
+// the timing and the time charged, and leaves strict mode.
 void reset();
 
 // Returns the register at address of switch sw (0 if never written).
