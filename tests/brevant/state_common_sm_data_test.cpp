@@ -521,6 +521,26 @@ TEST(BrevantCommonSmData, EnqueueIntoAFullIndexSpaceThrows) {
   EXPECT_TRUE(o.log->calls.empty());
 }
 
+TEST(BrevantCommonSmData, LagIndexesPlacedAtBothEndsOfTheIndexSpaceLeaveNoRoomToEnqueue) {
+  Observed o;
+  o.state->freeExternalLAGIndexIs(0, 1);
+  o.state->freeExternalLAGIndexIs(0xFFFFFFFEu, 2);
+  EXPECT_EQ(o.state->freeExternalLAGIndexMetadata(),
+            (Kiln::LinkQueueMetadata{0, 0xFFFFFFFFu}));
+  o.log->calls.clear();
+  for (U32 lag : {3u, 4u}) {
+    try {
+      o.state->freeExternalLAGIndexEnq(lag);
+      FAIL() << "no exception";
+    } catch (const Kiln::RangeException& e) {
+      EXPECT_EQ(std::string(e.what()), "linkqueue index space full");
+    }
+  }
+  EXPECT_TRUE(o.log->calls.empty());
+  EXPECT_EQ(o.state->freeExternalLAGIndexDeq(), 1u);
+  EXPECT_EQ(o.state->freeExternalLAGIndexDeq(), 2u);
+}
+
 TEST(BrevantCommonSmData, QueueMetadataSetterAlwaysNotifies) {
   Observed o;
   o.state->freeExternalLAGIndexMetadataIs({0, 0});

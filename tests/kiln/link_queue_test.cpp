@@ -106,12 +106,12 @@ TEST(LinkQueue, IndexesWrapRoundTheThirtyTwoBitSpaceInOrder) {
   EXPECT_EQ(enq(q, "d"), 1u);
   EXPECT_EQ(q.nextIndex(), 2u);
   EXPECT_EQ(values(q), (std::vector<std::string>{"a", "b", "c", "d"}));
-  // Placing by index keeps the circular order across the wrap.
-  EXPECT_FALSE(place(q, 5, "f"));
+  // Placing inside the wrapped range keeps the circular order; outside it,
+  // an index below the head's goes in front.
   EXPECT_FALSE(place(q, 0xFFFFFFFCu, "front"));
-  EXPECT_EQ(values(q), (std::vector<std::string>{"front", "a", "b", "c", "d", "f"}));
+  EXPECT_EQ(values(q), (std::vector<std::string>{"front", "a", "b", "c", "d"}));
   EXPECT_EQ(q.headIndex(), 0xFFFFFFFCu);
-  EXPECT_EQ(q.nextIndex(), 6u);
+  EXPECT_EQ(q.nextIndex(), 2u);
   EXPECT_EQ(q.deq()->value(), "front");
   EXPECT_EQ(q.deq()->value(), "a");
   EXPECT_EQ(q.headIndex(), 0xFFFFFFFFu);
@@ -182,6 +182,50 @@ TEST(LinkQueue, PlaceLinksInFrontInTheMiddleAndAtTheBack) {
   EXPECT_EQ(q.members(), 6u);
   EXPECT_EQ(q.changeCount(), 0u);
   EXPECT_EQ(enq(q, "next"), 21u);
+}
+
+TEST(LinkQueue, PlaceOutsideTheRangeComparesPlainIndexesNotTheNearerEnd) {
+  EventQueue q;
+  place(q, 100, "hundred");
+  // Far above the tail although nearer the head's front round the circle.
+  EXPECT_FALSE(place(q, 0xFFFFFF00u, "high"));
+  EXPECT_EQ(q.tail()->value(), "high");
+  EXPECT_EQ(q.nextIndex(), 0xFFFFFF01u);
+  // Far below the head although nearer the tail's back round the circle.
+  EXPECT_FALSE(place(q, 0, "zero"));
+  EXPECT_EQ(q.head()->value(), "zero");
+  EXPECT_EQ(q.headIndex(), 0u);
+  EXPECT_EQ(indexes(q), (std::vector<U32>{0, 100, 0xFFFFFF00u}));
+}
+
+TEST(LinkQueue, PlacingAtBothEndsOfTheIndexSpaceFillsItForEnqueue) {
+  EventQueue q;
+  place(q, 0, "one");
+  place(q, 0xFFFFFFFEu, "two");
+  EXPECT_EQ(indexes(q), (std::vector<U32>{0, 0xFFFFFFFEu}));
+  EXPECT_EQ(q.headIndex(), 0u);
+  EXPECT_EQ(q.nextIndex(), 0xFFFFFFFFu);
+  const auto before = q.metadata();
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    try {
+      enq(q, "more");
+      FAIL() << "expected the index space to be full";
+    } catch (const Kiln::RangeException& e) {
+      EXPECT_STREQ(e.what(), "linkqueue index space full");
+    }
+  }
+  EXPECT_EQ(q.metadata(), before);
+  EXPECT_EQ(q.members(), 2u);
+  EXPECT_EQ(q.deq()->value(), "one");
+}
+
+TEST(LinkQueue, ATailJustBelowTheHeadLeavesNoIndexToEnqueue) {
+  EventQueue q;
+  place(q, 0, "head");
+  place(q, 0xFFFFFFFFu, "top");  // the tail's index + 1 is the head's
+  q.nextIndexIs(7);              // as a restored record may say
+  EXPECT_THROW(enq(q, "x"), Kiln::RangeException);
+  EXPECT_EQ(indexes(q), (std::vector<U32>{0, 0xFFFFFFFFu}));
 }
 
 TEST(LinkQueue, PlaceReplacesTheMemberAtItsIndex) {

@@ -128,8 +128,10 @@ class LinkQueue {
     U32 index = nextIndex_;
     if (tail_ && offset(tail_->key_ + 1) > offset(index)) index = tail_->key_ + 1;
     // Full when the new index, or the next one after it, is the head's:
-    // the indexes have gone once round the circle.
-    if (head_ && (offset(index) == 0 || offset(index + 1) == 0)) {
+    // the indexes have gone once round the circle. A tail placed at the
+    // head's index minus one leaves no index after it either.
+    if (head_ && (offset(index) == 0 || offset(index + 1) == 0 ||
+                  offset(tail_->key_ + 1) == 0)) {
       throw RangeException("linkqueue index space full");
     }
     m->key_ = index;
@@ -144,12 +146,13 @@ class LinkQueue {
   Ptr<M> deq() { return head_ ? unlink(nullptr) : nullptr; }
 
   // Links member at the index it was constructed with and returns the member
-  // it replaces there (null if none). A new index nearer the head's front
-  // than the tail's back (round the 32-bit circle) goes before the head and
-  // becomes headIndex; one beyond the tail is appended and moves nextIndex
-  // to index + 1 if that is further from the head; any other is linked in
-  // ascending order. Placing into an empty queue sets headIndex to the index
-  // and nextIndex to index + 1.
+  // it replaces there (null if none). Members stay in ascending index order:
+  // a new index between the head's and the tail's (round the circle, so a
+  // queue that enq() wrapped past 2^32 - 1 keeps its order) is linked in
+  // that order; any other new index below the head's goes before the head
+  // and becomes headIndex, and one above it is appended and moves nextIndex
+  // to index + 1 if that is further from the head. Placing into an empty
+  // queue sets headIndex to the index and nextIndex to index + 1.
   Ptr<M> place(const Ptr<M>& member) {
     M* m = member.ptr();
     KILN_ASSERT(m != nullptr);
@@ -164,13 +167,13 @@ class LinkQueue {
     const U32 fromHead = index - head_->key_;
     const U32 tailFromHead = tail_->key_ - head_->key_;
     if (fromHead > tailFromHead) {
-      // Outside the occupied range: join the nearer end.
-      if (fromHead - tailFromHead <= U32(0) - fromHead) {
-        linkAfter(tail_, m);
-        if (offset(index + 1) > offset(nextIndex_)) nextIndex_ = index + 1;
-      } else {
+      // Outside the occupied range: below the head in front, else at the back.
+      if (index < head_->key_) {
         linkAfter(nullptr, m);
         headIndex_ = index;
+      } else {
+        linkAfter(tail_, m);
+        if (offset(index + 1) > offset(nextIndex_)) nextIndex_ = index + 1;
       }
       return nullptr;
     }
