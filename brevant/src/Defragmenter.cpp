@@ -95,6 +95,8 @@ void DefragManager::defragNarrowBlock() {
       ++index;
     } else {
       Kiln::Ptr<ECMPGroup> g = groupAt(*nhm, index, groupId);
+      // Hardened, a wide group ends the narrow region for this pass.
+      if (nhm->hardened() && g->wide()) break;
       const U16 newBase = U16(g->hwStartIndex() - gap);
       if (gap != 0) {
         // Once a move of this pass needed the swap area, every later one
@@ -133,13 +135,17 @@ void DefragManager::defragWideBlock() {
       ++blockLength;
       --index;
     } else {
-      // index may lie inside a block: its group is known by its start.
+      // index may lie inside a block: its group is known by its start,
+      // wherever that lies (a block may straddle lastNarrowIndex). A walk
+      // round the whole index space without a start finds no group.
       U16 groupId = nhm->hwStartToGroupId(index);
-      while (groupId == 0 && index > nhm->lastNarrowIndex()) {
+      for (U32 steps = 0; groupId == 0 && steps <= 0xFFFF; ++steps) {
         --index;
         groupId = nhm->hwStartToGroupId(index);
       }
       Kiln::Ptr<ECMPGroup> g = groupAt(*nhm, index, groupId == 0 ? invalidGroupId : groupId);
+      // Hardened, a narrow group ends the wide region for this pass.
+      if (nhm->hardened() && !g->wide()) break;
       if (!g->wide()) {
         FLASHLOG(1, "%s index: %d", __func__, index);
         FLASHLOG(1, "%s last Narrow index: %d", __func__, nhm->lastNarrowIndex());

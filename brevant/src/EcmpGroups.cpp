@@ -64,7 +64,10 @@ S32 NextHopManager::createECMPGroup(U32, bool wide, bool fixedSize, U16 size,
     NH_TRACE(1, "NexthopTable not initialized");
     return createRefused(-7);
   }
-  if ((fixedSize && size == 0) || size > maxGroupSize) {
+  // A wide group takes two entries per next hop; hardened, one that could
+  // not be allocated is refused here rather than stopping the allocator.
+  const U16 maxSize = hardened_ && wide ? maxGroupSize / 2 : maxGroupSize;
+  if ((fixedSize && size == 0) || size > maxSize) {
     NH_TRACE(1, "ECMP Group size is invalid");
     return createRefused(-1);
   }
@@ -151,7 +154,7 @@ S32 NextHopManager::removeECMPGroupFromTable(U16 groupId) {
   // allocated entry. Both scans test the entry first and the limit only
   // after a step, in 16 bits: the wide scan may end on the swap index, and
   // the narrow scan below index 3 wraps round through 65535 until it meets
-  // an allocated entry or comes back to 2.
+  // an allocated entry or comes back to 2 (unless the manager is hardened).
   if (group->wide() && start == lastWideIndex_) {
     const U16 swapIndex = getNextHopTableSwapIndex();
     U16 index = U16(start + 1);
@@ -165,6 +168,12 @@ S32 NextHopManager::removeECMPGroupFromTable(U16 groupId) {
   } else if (!group->wide() && start == U16(lastNarrowIndex_ - length + 1)) {
     U16 index = U16(start - 1);
     while (!allocatedEntries(index)) {
+      // Hardened, the scan ends at the narrow region's floor instead of
+      // wrapping round the index space.
+      if (hardened_ && index <= 2) {
+        index = 2;
+        break;
+      }
       --index;
       if (index == 2) break;
     }

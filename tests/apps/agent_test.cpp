@@ -6,10 +6,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <chrono>
+#include <cstdio>
 #include <future>
 #include <thread>
 
@@ -485,88 +485,11 @@ TEST_F(AgentSocketTest, TheSocketGoesWithTheAgent) {
   EXPECT_NE(access(path_.c_str(), F_OK), 0);
 }
 
-TEST(AgentRun, ARestartRequestKeepsEveryGroupAndChangesNoTableWord) {
-  AgentConfig config = configOf(std::string(smallWorkload) +
-                                "restart\n"
-                                "read a 1\n"
-                                "update a 2\n"
-                                "restart\n"
-                                "create b narrow 5 nat\n"
-                                "delete t\n");
-  config.snapshotPath = "/tmp/brevant-agent-test-" + std::to_string(getpid()) + ".snapshot";
-  AgentSimulation agent(config);
-  const Report r = agent.run();
-  std::remove(config.snapshotPath.c_str());
-  ASSERT_EQ(r.restarts.size(), 2u);
-  for (const Report::Restart& restart : r.restarts) {
-    EXPECT_EQ(restart.cause, "workload request");
-    EXPECT_EQ(restart.outcome, "warm");
-    EXPECT_EQ(restart.wordsChanged, 0u);
-    EXPECT_EQ(restart.wordsRead, 64u);
-  }
-  EXPECT_EQ(r.requests.at(RequestKind::restart).requested, 2u);
-  EXPECT_EQ(r.requests.at(RequestKind::restart).succeeded, 2u);
-  EXPECT_EQ(r.readMismatches, 0u);
-  EXPECT_TRUE(r.passed());
-  // The features found their groups where they were: a at 3, and b after it.
-  EXPECT_EQ(agent.manager().getECMPGroup(3)->hwStartIndex(), 3);
-  using Placements = std::map<U16, AgentSimulation::Placement>;
-  EXPECT_EQ(agent.view(Feature::unicast), (Placements{{3, {3, 4}}}));
-  std::ostringstream text;
-  printReport(text, r);
-  EXPECT_THAT(text.str(), HasSubstr("restarts                2, 0 table words changed by the restores"));
-  EXPECT_THAT(text.str(), HasSubstr("(workload request): warm, restore "));
-}
-
-TEST(AgentRun, RestartsEveryFewMinutesOfChurnStayHitless) {
 TEST_P(AgentChurn, EveryRequestAndEveryQueuedCreateIsAccountedFor) {
   BuiltInOptions builtIn;
   builtIn.seed = 5;
   builtIn.capacity = 1024 - 8 - 3;
   builtIn.maxEntries = 8;
-  builtIn.duration = 1800;
-  AgentConfig config = configOf("", 1024);
-  config.workload = builtInWorkload(builtIn);
-  config.restartEvery = 300;
-  config.snapshotPath = "/tmp/brevant-agent-test-" + std::to_string(getpid()) + ".snapshot";
-  AgentSimulation agent(config);
-  const Report r = agent.run();
-  std::remove(config.snapshotPath.c_str());
-  EXPECT_GE(r.restarts.size(), 5u);
-  for (const Report::Restart& restart : r.restarts) {
-    EXPECT_EQ(restart.outcome, "warm");
-    EXPECT_EQ(restart.wordsChanged, 0u);
-  }
-  EXPECT_TRUE(r.passed()) << (r.hitlessProblems.empty() ? "" : r.hitlessProblems[0])
-                          << (r.tableProblems.empty() ? "" : r.tableProblems[0])
-                          << (r.viewMismatches.empty() ? "" : r.viewMismatches[0]);
-  EXPECT_GT(r.defragRuns, 0u);
-}
-
-TEST_F(AgentSocketTest, SavesTheSnapshotAndShowsTheLastRestart) {
-  const std::string snapshot = dir_ + "/table.snapshot";
-  std::string saved, after;
-  AgentConfig config = configOf("create a narrow 4 unicast\nrestart\n");
-  config.socketPath = path_;
-  config.serve = true;
-  config.snapshotPath = snapshot;
-  AgentSimulation agent(config);
-  auto done = std::async(std::launch::async, [&] {
-    // The workload runs while the client talks: wait for its restart.
-    for (int i = 0; i < 200; ++i) {
-      after = ask("show restart");
-      if (after != "no restart yet\n") break;
-      usleep(10000);
-    }
-    saved = ask("save");
-    ask("quit");
-  });
-  agent.run();
-  done.get();
-  EXPECT_EQ(saved, "ok: snapshot saved to " + snapshot + "\n");
-  EXPECT_THAT(after, StartsWith("1 restarts, last at t = 0.0 s (workload request): warm, restore "));
-  EXPECT_THAT(after, HasSubstr(", 64 chip words read, 0 changed\n"));
-  std::remove(snapshot.c_str());
   builtIn.duration = 900;
   const AgentConfig config = churnConfig(builtIn);
   AgentSimulation agent(config);
@@ -694,6 +617,89 @@ std::string holedTable() {
   workload += "create one narrow 1 unicast\n";
   for (int g = 0; g < 253; g += 2) workload += "delete g" + std::to_string(g) + "\n";
   return workload + "create big narrow 8 nat\n";
+}
+
+TEST(AgentRun, ARestartRequestKeepsEveryGroupAndChangesNoTableWord) {
+  AgentConfig config = configOf(std::string(smallWorkload) +
+                                "restart\n"
+                                "read a 1\n"
+                                "update a 2\n"
+                                "restart\n"
+                                "create b narrow 5 nat\n"
+                                "delete t\n");
+  config.snapshotPath = "/tmp/brevant-agent-test-" + std::to_string(getpid()) + ".snapshot";
+  AgentSimulation agent(config);
+  const Report r = agent.run();
+  std::remove(config.snapshotPath.c_str());
+  ASSERT_EQ(r.restarts.size(), 2u);
+  for (const Report::Restart& restart : r.restarts) {
+    EXPECT_EQ(restart.cause, "workload request");
+    EXPECT_EQ(restart.outcome, "warm");
+    EXPECT_EQ(restart.wordsChanged, 0u);
+    EXPECT_EQ(restart.wordsRead, 64u);
+  }
+  EXPECT_EQ(r.requests.at(RequestKind::restart).requested, 2u);
+  EXPECT_EQ(r.requests.at(RequestKind::restart).succeeded, 2u);
+  EXPECT_EQ(r.readMismatches, 0u);
+  EXPECT_TRUE(r.passed());
+  // The features found their groups where they were: a at 3, and b after it.
+  EXPECT_EQ(agent.manager().getECMPGroup(3)->hwStartIndex(), 3);
+  using Placements = std::map<U16, AgentSimulation::Placement>;
+  EXPECT_EQ(agent.view(Feature::unicast), (Placements{{3, {3, 4}}}));
+  std::ostringstream text;
+  printReport(text, r);
+  EXPECT_THAT(text.str(), HasSubstr("restarts                2, 0 table words changed by the restores"));
+  EXPECT_THAT(text.str(), HasSubstr("(workload request): warm, restore "));
+}
+
+TEST(AgentRun, RestartsEveryFewMinutesOfChurnStayHitless) {
+  BuiltInOptions builtIn;
+  builtIn.seed = 5;
+  builtIn.capacity = 1024 - 8 - 3;
+  builtIn.maxEntries = 8;
+  builtIn.duration = 1800;
+  AgentConfig config = configOf("", 1024);
+  config.workload = builtInWorkload(builtIn);
+  config.restartEvery = 300;
+  config.snapshotPath = "/tmp/brevant-agent-test-" + std::to_string(getpid()) + ".snapshot";
+  AgentSimulation agent(config);
+  const Report r = agent.run();
+  std::remove(config.snapshotPath.c_str());
+  EXPECT_GE(r.restarts.size(), 5u);
+  for (const Report::Restart& restart : r.restarts) {
+    EXPECT_EQ(restart.outcome, "warm");
+    EXPECT_EQ(restart.wordsChanged, 0u);
+  }
+  EXPECT_TRUE(r.passed()) << (r.hitlessProblems.empty() ? "" : r.hitlessProblems[0])
+                          << (r.tableProblems.empty() ? "" : r.tableProblems[0])
+                          << (r.viewMismatches.empty() ? "" : r.viewMismatches[0]);
+  EXPECT_GT(r.defragRuns, 0u);
+}
+
+TEST_F(AgentSocketTest, SavesTheSnapshotAndShowsTheLastRestart) {
+  const std::string snapshot = dir_ + "/table.snapshot";
+  std::string saved, after;
+  AgentConfig config = configOf("create a narrow 4 unicast\nrestart\n");
+  config.socketPath = path_;
+  config.serve = true;
+  config.snapshotPath = snapshot;
+  AgentSimulation agent(config);
+  auto done = std::async(std::launch::async, [&] {
+    // The workload runs while the client talks: wait for its restart.
+    for (int i = 0; i < 200; ++i) {
+      after = ask("show restart");
+      if (after != "no restart yet\n") break;
+      usleep(10000);
+    }
+    saved = ask("save");
+    ask("quit");
+  });
+  agent.run();
+  done.get();
+  EXPECT_EQ(saved, "ok: snapshot saved to " + snapshot + "\n");
+  EXPECT_THAT(after, StartsWith("1 restarts, last at t = 0.0 s (workload request): warm, restore "));
+  EXPECT_THAT(after, HasSubstr(", 64 chip words read, 0 changed\n"));
+  std::remove(snapshot.c_str());
 }
 
 }  // namespace

@@ -383,6 +383,8 @@ TEST_F(DefragPassDeathTest, ANarrowGroupInTheWideRegionIsAProgramFault) {
                      HasSubstr("Assertion `g->wide()' failed.")));
 }
 
+// The walk down for the group's start finds none in the whole index space
+// and comes back to the entry it started from.
 TEST_F(DefragPassDeathTest, AnAllocatedEntryWithoutAGroupIsAProgramFault) {
   EXPECT_DEATH(
       {
@@ -392,7 +394,7 @@ TEST_F(DefragPassDeathTest, AnAllocatedEntryWithoutAGroupIsAProgramFault) {
         m->allocateBlock(100, 2);
         m->defragManager()->defragWideBlock();
       },
-      testing::AllOf(HasSubstr("BrevantNextHop 1: Can not find group for index : 2"),
+      testing::AllOf(HasSubstr("BrevantNextHop 1: Can not find group for index : 101"),
                      HasSubstr("Assertion `0' failed.")));
 }
 
@@ -422,6 +424,77 @@ TEST_F(DefragPassDeathTest, TheNarrowPassReportsAStartMappedToNoGroupTheSameWay)
       },
       testing::AllOf(HasSubstr("BrevantNextHop 1: Can not find group for index : 10"),
                      HasSubstr("Assertion `0' failed.")));
+}
+
+}  // namespace
+
+namespace {
+
+// A wide group whose block straddles lastNarrowIndex is found at its real
+// start: the walk down from its top entry is not bounded by the narrow
+// boundary.
+TEST_F(DefragPassTest, TheWidePassFindsAGroupStraddlingTheNarrowBoundaryAtItsStart) {
+  tableIs(116);  // swap index 108
+  const U16 hole = groupAt(104, 2, true);
+  const U16 g = groupAt(100, 2, true);  // 100..103
+  remove(hole);                         // free 104..107
+  m().lastNarrowIndexIs(101);           // the boundary inside g's block
+  Trace::Capture capture(Brevant::nextHopTrace(), Trace::allLevels);
+  defrag().defragWideBlock();
+  EXPECT_THAT(moveLines(capture), ElementsAre(moveLine(g, 104, false)));
+  EXPECT_EQ(startOf(g), 104);
+  EXPECT_EQ(m().lastWideIndex(), 104);
+  EXPECT_THAT(capture.texts(1), Not(Contains(HasSubstr("Can not find group for index"))));
+}
+
+// Hardened, the narrow pass leaves a wide group where it is and ends there.
+TEST_F(DefragPassTest, HardenedTheNarrowPassNeverMovesAWideGroup) {
+  tableIs(64);
+  m().hardenedIs(true);
+  const U16 w = groupAt(54, 1, true);  // 54..55
+  const U16 n = groupAt(3, 1);
+  remove(n);                  // the narrow region is empty again
+  m().lastNarrowIndexIs(55);  // as if the boundary had been lost above it
+  Trace::Capture capture(Brevant::nextHopTrace(), Trace::allLevels);
+  defrag().defragNarrowBlock();
+  EXPECT_THAT(moveLines(capture), IsEmpty());
+  EXPECT_EQ(startOf(w), 54);
+  expectTableMatchesRecords(m());
+}
+
+// Hardened, the wide pass ends at a narrow group instead of stopping the
+// process on "g->wide()".
+TEST_F(DefragPassTest, HardenedTheWidePassNeverMovesANarrowGroup) {
+  tableIs(64);  // swap index 56
+  m().hardenedIs(true);
+  const U16 n = groupAt(3, 1);
+  m().lastNarrowIndexIs(2);  // as if the boundary had been lost below it
+  m().lastWideIndexIs(4);
+  Trace::Capture capture(Brevant::nextHopTrace(), Trace::allLevels);
+  defrag().defragWideBlock();
+  EXPECT_THAT(moveLines(capture), IsEmpty());
+  EXPECT_EQ(startOf(n), 3);
+  expectTableMatchesRecords(m());
+}
+
+// Hardened, a wide group of more than 128 next hops is refused with -1; the
+// reference behaviour stops on the allocator's assertion (death test below).
+TEST_F(DefragPassTest, HardenedAWideGroupOfMoreThan128NextHopsIsRefused) {
+  m().hardenedIs(true);
+  Trace::Capture capture(Brevant::nextHopTrace(), Trace::allLevels);
+  EXPECT_EQ(create(129, true, 0x10), -1);
+  EXPECT_THAT(capture.texts(1), Contains("ECMP Group size is invalid"));
+  EXPECT_GT(create(128, true, 0x20), 0);
+}
+
+TEST_F(DefragPassDeathTest, AWideGroupOfMoreThan128NextHopsStopsOnTheAllocatorsLimit) {
+  EXPECT_DEATH(
+      {
+        Kiln::ActivityLockGuard activity;
+        Kiln::Ptr<NextHopManager> m = new NextHopManager();
+        createIn(*m, 129, true);
+      },
+      HasSubstr("length <= 256"));
 }
 
 }  // namespace

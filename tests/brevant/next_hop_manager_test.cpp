@@ -325,7 +325,8 @@ TEST_F(NextHopTableTest, AttributesAndOperationsAreReachableByName) {
   EXPECT_THAT(names, ElementsAre("allocatedEntries", "freeEntries", "lastNarrowIndex",
                                  "lastWideIndex", "ecmpGroups", "freeGroupIds",
                                  "hwStartToGroupId", "features", "simNextHopTableBound",
-                                 "simMode", "defragManager", "initialized"));
+                                 "simMode", "defragManager", "initialized",
+                                 "hardened"));
   EXPECT_EQ(record.attribute("allocatedEntries")->index, 130u);
   EXPECT_EQ(record.get(m(), "lastNarrowIndex"), "2");
   EXPECT_EQ(record.invoke(m(), "getNextHopTableBound", {}), "65534");
