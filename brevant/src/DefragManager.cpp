@@ -1,6 +1,8 @@
 // The defragmenter's record and timer: creation, arming and the expiry.
 #include "Brevant/DefragManager.h"
 
+#include <cmath>
+
 #include "Brevant/NextHopTrace.h"
 #include "Kiln/ActivityManager.h"
 
@@ -44,8 +46,12 @@ S32 DefragManager::handleDefragInitialized() {
 
 void DefragManager::startDefragScheduler() {
   NH_TRACE(8, "startDefragScheduler");
-  // Re-arming moves the one pending expiry.
-  if (initialized_) defragScheduler_->timeMinIs(Kiln::now() + defragDelay_);
+  // Re-arming moves the one pending expiry. A delay that is not a finite,
+  // non-negative number (it can be set by name) arms the timer at once
+  // rather than throwing out of the manager operation that asked for a run.
+  if (!initialized_) return;
+  const double delay = std::isfinite(defragDelay_) && defragDelay_ >= 0 ? defragDelay_ : 0;
+  defragScheduler_->timeMinIs(Kiln::now() + delay);
 }
 
 }  // namespace Brevant

@@ -235,3 +235,19 @@ TEST_F(DefragRunTest, AFragmentedTableRefusesAWideCreateUntilARunHasCompactedIt)
 }
 
 }  // namespace
+
+namespace {
+
+// A delay set by name to something that is not a finite, non-negative time
+// arms the timer at once: the create that asks for a run is refused as
+// usual instead of throwing out of the manager.
+TEST_F(DefragRunTest, ADelayThatIsNotATimeArmsTheTimerAtOnce) {
+  for (const char* text : {"nan", "inf", "-1"}) {
+    Brevant::DefragManager::kilnType().set(defrag(), "defragDelay", text);
+    clock_->timeIs(clock_->now() + 1);
+    defrag().startDefragScheduler();
+    EXPECT_DOUBLE_EQ(defrag().defragScheduler()->timeMin(), clock_->now()) << text;
+  }
+}
+
+}  // namespace
