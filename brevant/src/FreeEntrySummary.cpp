@@ -1,7 +1,10 @@
 // The free-entry summary: the table's use, the defragmenter's state and every
 // run of free entries, written to a descriptor (typically a diagnostic
 // client's socket).
+#include <fcntl.h>
 #include <stdio.h>
+
+#include <cstdint>
 
 #include "Brevant/DefragManager.h"
 #include "Brevant/NextHopManager.h"
@@ -34,6 +37,12 @@ void NextHopManager::showFreeEntrySummary(U32 socket) {
   // Each line goes straight to the descriptor, unbuffered; a failed write is
   // the client's loss and changes nothing here.
   const int fd = static_cast<int>(socket);
+  // dprintf on a descriptor that is not open leaves the C library's
+  // buffers behind: check it first.
+  if (socket > static_cast<U32>(INT32_MAX) || fcntl(fd, F_GETFD) == -1) {
+    NH_TRACE(1, "showFreeEntrySummary: descriptor " << socket << " is not open");
+    return;
+  }
   const U32 free = freeEntries_.members();
   const S32 bound = getNextHopTableBound();
   const DefragManager* defrag = defragManager_.ptr();

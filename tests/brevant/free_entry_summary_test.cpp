@@ -159,3 +159,24 @@ TEST_F(FreeEntrySummary, IsReachableByNameWithItsParameterSocket) {
 }
 
 }  // namespace
+
+namespace {
+
+// A descriptor that is not open gets nothing written and a trace line; the
+// table is untouched.
+TEST_F(FreeEntrySummary, ADescriptorThatIsNotOpenIsRefusedBeforeAnyWrite) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  close(fds[0]);
+  close(fds[1]);
+  Trace::Capture capture(Brevant::nextHopTrace(), Trace::allLevels);
+  m().showFreeEntrySummary(static_cast<U32>(fds[1]));
+  m().showFreeEntrySummary(0xFFFFFFFFu);
+  EXPECT_THAT(capture.texts(1),
+              testing::ElementsAre("showFreeEntrySummary: descriptor " + std::to_string(fds[1]) +
+                                       " is not open",
+                                   "showFreeEntrySummary: descriptor 4294967295 is not open"));
+  EXPECT_EQ(m().freeEntries().members(), 65531u);
+}
+
+}  // namespace
