@@ -218,13 +218,33 @@ WorkloadError::WorkloadError(U32 line, const std::string& message)
       line_(line),
       message_(message) {}
 
+namespace {
+
+// Reads one line into text, as std::getline does, but stops with an error
+// at a line longer than maxWorkloadLineLength (a file without newlines must
+// not grow memory without bound).
+bool readLine(std::istream& in, std::string& text, U32 line) {
+  text.clear();
+  for (int c = in.get(); c != std::char_traits<char>::eof(); c = in.get()) {
+    if (c == '\n') return true;
+    if (text.size() == maxWorkloadLineLength) {
+      throw WorkloadError(line, "line longer than " + std::to_string(maxWorkloadLineLength) +
+                                    " characters");
+    }
+    text.push_back(static_cast<char>(c));
+  }
+  return !text.empty();
+}
+
+}  // namespace
+
 Workload parseWorkload(std::istream& in) {
   Workload workload;
   // Labels live at this point of the sequence, with the line that created them.
   std::unordered_map<std::string, U32> live;
   std::string text;
   U32 line = 0;
-  while (std::getline(in, text)) {
+  while (readLine(in, text, line + 1)) {
     ++line;
     std::string_view content(text);
     const size_t comment = content.find('#');

@@ -93,6 +93,9 @@ constexpr size_t maxLabelLength = 64;
 // Parses a whole workload. Each line holds one request, or nothing; '#'
 // starts a comment that runs to the end of the line. Throws WorkloadError for
 // the first bad line, so nothing of a bad workload is run.
+// The longest workload line, in characters (without its newline).
+constexpr size_t maxWorkloadLineLength = 4096;
+
 Workload parseWorkload(std::istream& in);
 Workload parseWorkload(std::string_view text);
 

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
@@ -42,6 +43,11 @@ void installStopSignals() {
 Agent::AgentConfig configFor(const Agent::RunOptions& options) {
   Agent::AgentConfig config;
   if (options.workloadFile) {
+    std::error_code error;
+    const std::filesystem::file_status status = std::filesystem::status(*options.workloadFile, error);
+    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+      throw Agent::UsageError("workload " + *options.workloadFile + " is not a regular file");
+    }
     std::ifstream in(*options.workloadFile);
     if (!in) throw Agent::UsageError("cannot read workload " + *options.workloadFile);
     try {

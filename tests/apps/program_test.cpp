@@ -156,6 +156,21 @@ TEST_F(ProgramTest, ABadWorkloadLineStopsBeforeAnythingRuns) {
   EXPECT_EQ(o.out, "");
 }
 
+TEST_F(ProgramTest, AWorkloadThatIsNotARegularFileIsAnError) {
+  for (const std::string& workload : {dir_, std::string("/dev/zero")}) {
+    const Outcome o = run({"run", "--manual-clock", "--workload", workload});
+    EXPECT_EQ(o.status, 2) << workload;
+    EXPECT_THAT(o.err, StartsWith("brevant-agent: workload " + workload + " is not a regular file"));
+    EXPECT_EQ(o.out, "");
+  }
+}
+
+TEST_F(ProgramTest, NoArgumentsRunTheBuiltInWorkload) {
+  const Outcome o = run({"--sim-bound", "64", "--manual-clock", "--duration", "60"});
+  EXPECT_EQ(o.status, 0) << o.err;
+  EXPECT_THAT(o.out, HasSubstr("Checks"));
+}
+
 TEST_F(ProgramTest, AWorkloadTooLargeForTheTableIsRefusedWithItsLines) {
   const std::string workload =
       file("big.txt", "create a narrow 4 unicast\ncreate b narrow 16 unicast\ncreate c wide 8 vxlan-tunnel\n");

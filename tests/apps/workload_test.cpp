@@ -238,3 +238,16 @@ TEST(Workload, RestartIsARequestOfItsOwnThatReadsBack) {
   EXPECT_EQ(requestText(w[1]), "restart");
   EXPECT_EQ(parseWorkload(requestText(w[1]))[0].kind, RequestKind::restart);
 }
+
+TEST(Workload, ALineLongerThanTheLimitIsAnErrorWithItsLine) {
+  const std::string longLine(maxWorkloadLineLength + 1, 'x');
+  try {
+    parseWorkload("create a narrow 1 unicast\n" + longLine);
+    FAIL() << "no error";
+  } catch (const WorkloadError& e) {
+    EXPECT_EQ(e.line(), 2u);
+    EXPECT_EQ(e.message(), "line longer than 4096 characters");
+  }
+  const std::string atTheLimit = "# " + std::string(maxWorkloadLineLength - 2, 'x');
+  EXPECT_TRUE(parseWorkload(atTheLimit + "\n" + atTheLimit).empty());
+}
