@@ -12,8 +12,8 @@
 #include <numeric>
 #include <random>
 #include <string>
-#include <utility>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "Kiln/HashMap.h"
@@ -148,9 +148,13 @@ void hashMapLookup(benchmark::State& state, U32 offset) {
   state.SetItemsProcessed(state.iterations() * keys.size());
 }
 template <class Ops>
-void hashMapHit(benchmark::State& state) { hashMapLookup<Ops>(state, 0); }
+void hashMapHit(benchmark::State& state) {
+  hashMapLookup<Ops>(state, 0);
+}
 template <class Ops>
-void hashMapMiss(benchmark::State& state) { hashMapLookup<Ops>(state, U32(state.range(0))); }
+void hashMapMiss(benchmark::State& state) {
+  hashMapLookup<Ops>(state, U32(state.range(0)));
+}
 
 template <class Ops>
 void hashMapErase(benchmark::State& state) {

@@ -98,9 +98,9 @@ void BM_ScalarSetterChangedWithNotifiees(benchmark::State& state) {
     m.countIs(value);
   }
   state.counters["notifiees"] = static_cast<double>(state.range(0));
-  state.counters["perNotifiee"] = benchmark::Counter(
-      static_cast<double>(state.iterations() * state.range(0)),
-      benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["perNotifiee"] =
+      benchmark::Counter(static_cast<double>(state.iterations() * state.range(0)),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(BM_ScalarSetterChangedWithNotifiees)->Arg(1)->Arg(4)->Arg(16);
 

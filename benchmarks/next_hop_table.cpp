@@ -56,9 +56,8 @@ U64Collection wordRun(U16 size, U64 base) {
 // Reports the time per item (entry, group, operation) besides the time per
 // iteration.
 void perItem(benchmark::State& state, const char* name, double items) {
-  state.counters[name] =
-      benchmark::Counter(items, benchmark::Counter::kIsIterationInvariantRate |
-                                    benchmark::Counter::kInvert);
+  state.counters[name] = benchmark::Counter(
+      items, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 void NextHopManagerConstruct(benchmark::State& state) {
@@ -182,8 +181,8 @@ void NextHopTableChurnFragmented(benchmark::State& state) {
   // Fills to 90%, giving up after a run of refused requests (the regions
   // have met and only requests that fit a hole succeed).
   auto fill = [&] {
-    for (int refused = 0; refused < 200 && poolEntries - m->freeEntries().members() <
-                                                poolEntries * 9 / 10;) {
+    for (int refused = 0;
+         refused < 200 && poolEntries - m->freeEntries().members() < poolEntries * 9 / 10;) {
       refused = create(churnRequest(random)) ? 0 : refused + 1;
     }
   };
@@ -206,8 +205,8 @@ void NextHopTableChurnFragmented(benchmark::State& state) {
     groups.pop_back();
     failed += !create(churnRequest(random));
   }
-  state.counters["failedCreates"] = benchmark::Counter(double(failed),
-                                                       benchmark::Counter::kAvgIterations);
+  state.counters["failedCreates"] =
+      benchmark::Counter(double(failed), benchmark::Counter::kAvgIterations);
   state.counters["startOccupancy"] = startOccupancy;
   state.counters["endOccupancy"] =
       double(poolEntries - m->freeEntries().members()) / double(poolEntries);

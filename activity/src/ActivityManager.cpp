@@ -52,7 +52,8 @@ ActivityManager& ActivityManager::instance() {
 
 ActivityManager::ActivityManager()
     : realTime_(new MonotonicClock()), wakeFd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-  if (wakeFd_ < 0) throw ErrnoException(errno, "Failed to create the event loop's wake-up descriptor");
+  if (wakeFd_ < 0)
+    throw ErrnoException(errno, "Failed to create the event loop's wake-up descriptor");
   clockIs(realTime_);
 }
 
@@ -103,7 +104,7 @@ U32 ActivityManager::runOnce(Seconds timeout) {
   std::vector<Ptr<FdNotifiee>> watched;
   for (const auto& [fd, notifiee] : fdNotifiees_) {
     const short events = static_cast<short>((notifiee->readableWanted() ? POLLIN : 0) |
-                                             (notifiee->writableWanted() ? POLLOUT : 0));
+                                            (notifiee->writableWanted() ? POLLOUT : 0));
     if (events == 0) continue;
     fds.push_back(pollfd{fd, events, 0});
     watched.push_back(notifiee);

@@ -28,9 +28,7 @@ void Clock::Notifiee::timeMinIs(Seconds time) {
   if (notifier_) notifier_->expiryIs(this);
 }
 
-Seconds Clock::nextExpiry() const {
-  return schedule_.empty() ? never : schedule_.begin()->time;
-}
+Seconds Clock::nextExpiry() const { return schedule_.empty() ? never : schedule_.begin()->time; }
 
 void Clock::expiryIs(Notifiee* notifiee) {
   if (notifiee->timeMin_ == never) return;

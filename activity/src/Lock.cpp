@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <exception>
 
-
 namespace Kiln {
 namespace {
 
@@ -16,8 +15,7 @@ namespace {
 template <class E>
 void raiseUnlessUnwinding(int uncaughtAtEntry, const E& error) {
   if (std::uncaught_exceptions() > uncaughtAtEntry) {
-    std::fprintf(stderr, "%s (ignored: another exception is in flight)\n",
-                 error.what());
+    std::fprintf(stderr, "%s (ignored: another exception is in flight)\n", error.what());
     return;
   }
   throw error;
@@ -67,8 +65,7 @@ bool Lock::heldByCurrentThread() const {
   return owner_.load(std::memory_order_relaxed) == std::this_thread::get_id();
 }
 
-UnlockAnchor::UnlockAnchor(Lock* lock)
-    : lock_(lock), uncaughtAtEntry_(std::uncaught_exceptions()) {
+UnlockAnchor::UnlockAnchor(Lock* lock) : lock_(lock), uncaughtAtEntry_(std::uncaught_exceptions()) {
   if (!lock_->releasable()) {
     throw InternalException("Lock Protocol exception -- unlocking an unreleasable lock");
   }
@@ -81,7 +78,7 @@ UnlockAnchor::~UnlockAnchor() noexcept(false) {
   int error = lock_->lock();
   if (error == EDEADLK) {
     raiseUnlessUnwinding(uncaughtAtEntry_,
-        InternalException("Lock was already grabbed in UnlockAnchor destructor!"));
+                         InternalException("Lock was already grabbed in UnlockAnchor destructor!"));
   } else if (error != 0) {
     raiseUnlessUnwinding(uncaughtAtEntry_, ErrnoException(error, "Failed to grab lock"));
   }
@@ -106,8 +103,7 @@ LockGuard::~LockGuard() noexcept(false) {
   if (!took_) return;
   int error = lock_->unlock();
   if (error != 0) {
-    raiseUnlessUnwinding(uncaughtAtEntry_,
-                         ErrnoException(error, "Failed to release the lock"));
+    raiseUnlessUnwinding(uncaughtAtEntry_, ErrnoException(error, "Failed to release the lock"));
   }
 }
 

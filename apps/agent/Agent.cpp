@@ -15,8 +15,8 @@
 #include "Brevant/NextHopCallback.h"
 #include "Brevant/U64Collection.h"
 #include "Brevant/WarmRestart.h"
-#include "Diagnostics.h"
 #include "DiagnosticSocket.h"
+#include "Diagnostics.h"
 #include "FmSim/FmSim.h"
 #include "Kiln/ActivityManager.h"
 #include "Kiln/Lock.h"
@@ -198,7 +198,9 @@ class WatchedClock : public Base {
 class FeatureCallback : public Brevant::NextHopCallback {
  public:
   FeatureCallback(AgentSimulation& agent, Feature feature)
-      : NextHopCallback(featureName(feature), featureType(feature)), agent_(&agent), feature_(feature) {}
+      : NextHopCallback(featureName(feature), featureType(feature)),
+        agent_(&agent),
+        feature_(feature) {}
 
   void updateNextHopAction(U16 groupId, U16 baseIndex, U16 numNextHops) override {
     view_[groupId] = AgentSimulation::Placement{baseIndex, numNextHops};
@@ -249,9 +251,9 @@ UnfitWorkload::UnfitWorkload(std::vector<WorkloadError> problems)
     : std::runtime_error(problems.empty() ? "workload fits" : problems.front().what()),
       problems_(std::move(problems)) {}
 
-AgentSimulation::AgentSimulation(AgentConfig config)
-    : config_(std::move(config)) {
-  std::vector<WorkloadError> unfit = unfitRequests(config_.workload, swapAreaEntries(config_.simBound));
+AgentSimulation::AgentSimulation(AgentConfig config) : config_(std::move(config)) {
+  std::vector<WorkloadError> unfit =
+      unfitRequests(config_.workload, swapAreaEntries(config_.simBound));
   if (!unfit.empty()) throw UnfitWorkload(std::move(unfit));
   // The socket first: if it cannot be served, nothing else has changed.
   if (config_.socketPath) {
@@ -259,9 +261,12 @@ AgentSimulation::AgentSimulation(AgentConfig config)
         *config_.socketPath, [this](const std::string& request, int fd) { answer(request, fd); });
   }
   interrupted = false;
-  watch_ = std::make_shared<StopWatch>([this] { return agentTime(); }, [this] {
-    return manager_ && manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u;
-  });
+  watch_ = std::make_shared<StopWatch>([this] { return agentTime(); },
+                                       [this] {
+                                         return manager_ && manager_->defragManager()
+                                                    ? manager_->defragManager()->defragCount()
+                                                    : 0u;
+                                       });
   Kiln::ActivityManager& loop = Kiln::ActivityManager::instance();
   // The clock goes in first: the defragmenter takes the loop's clock when
   // the manager is built.
@@ -316,7 +321,8 @@ AgentSimulation::AgentSimulation(AgentConfig config)
                                      [](const Request& r) { return r.line == 0; });
   if (generated) {
     report_.lineWord = "request";
-    for (size_t i = 0; i < config_.workload.size(); ++i) config_.workload[i].line = static_cast<U32>(i + 1);
+    for (size_t i = 0; i < config_.workload.size(); ++i)
+      config_.workload[i].line = static_cast<U32>(i + 1);
   }
   for (const Request& r : config_.workload) {
     ++(r.kind == RequestKind::sleep ? report_.workloadPauses : report_.workloadRequests);
@@ -383,8 +389,8 @@ Report AgentSimulation::run() {
   checker_->checkOwnedGroups("at the end");
   checkViews();
   report_.hitlessWritesChecked = hitlessWritesBefore_ + checker_->writesChecked();
-  report_.hitlessViolations =
-      hitlessViolationsBefore_ + checker_->violationCount(Brevant::HitlessChecker::Mode::incremental);
+  report_.hitlessViolations = hitlessViolationsBefore_ +
+                              checker_->violationCount(Brevant::HitlessChecker::Mode::incremental);
   checker_->checkSettled();
   report_.tableCheckedEveryWrite = report_.tableBound <= config_.tableCheckEveryWriteUpTo;
   report_.tableChecks = tableChecksBefore_ + checker_->checks();
@@ -393,7 +399,8 @@ Report AgentSimulation::run() {
   for (const Brevant::HitlessChecker::Violation& v : checker_->violations()) {
     const bool whole = v.mode == Brevant::HitlessChecker::Mode::wholeTable;
     std::vector<std::string>& list = whole ? report_.tableProblems : report_.hitlessProblems;
-    if (list.size() < listedProblems) list.push_back(whole ? "check " + std::to_string(v.check) + ": " + v.text : v.text);
+    if (list.size() < listedProblems)
+      list.push_back(whole ? "check " + std::to_string(v.check) + ": " + v.text : v.text);
   }
   report_.end = snapshot("end");
   report_.resources = resourcesText(*manager_->resources());
@@ -455,9 +462,10 @@ void AgentSimulation::drive() {
 
 bool AgentSimulation::settled() const {
   const Brevant::DefragManager* defrag = manager_->defragManager().ptr();
-  const bool defragIdle = !defrag || (!defrag->scheduleDefragment() &&
-                                      (!defrag->defragScheduler() ||
-                                       defrag->defragScheduler()->timeMin() == Kiln::Clock::never));
+  const bool defragIdle =
+      !defrag ||
+      (!defrag->scheduleDefragment() &&
+       (!defrag->defragScheduler() || defrag->defragScheduler()->timeMin() == Kiln::Clock::never));
   return retryQueue_.empty() && defragIdle;
 }
 
@@ -504,11 +512,14 @@ void AgentSimulation::showProgress(bool last) {
   lastProgress_ = now;
   U64 requested = 0;
   for (const auto& [kind, counts] : report_.requests) requested += counts.requested;
-  fprintf(stderr, "%sbrevant-agent: t = %.0f s, requests %llu of %llu, groups %zu, defragmentation runs %u, waiting %zu%s",
-          config_.progressInPlace ? "\r" : "", agentTime(), static_cast<unsigned long long>(requested),
-          static_cast<unsigned long long>(report_.workloadRequests), static_cast<size_t>(placedGroups_),
-          manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u, retryQueue_.size(),
-          config_.progressInPlace ? (last ? "  \n" : "  ") : "\n");
+  fprintf(
+      stderr,
+      "%sbrevant-agent: t = %.0f s, requests %llu of %llu, groups %zu, defragmentation runs %u, "
+      "waiting %zu%s",
+      config_.progressInPlace ? "\r" : "", agentTime(), static_cast<unsigned long long>(requested),
+      static_cast<unsigned long long>(report_.workloadRequests), static_cast<size_t>(placedGroups_),
+      manager_->defragManager() ? manager_->defragManager()->defragCount() : 0u, retryQueue_.size(),
+      config_.progressInPlace ? (last ? "  \n" : "  ") : "\n");
 }
 
 // --- Replaying requests ---
@@ -555,7 +566,8 @@ void AgentSimulation::execute(const Request& request) {
     case RequestKind::sleep: break;
     case RequestKind::restart:
       restart("workload request");
-      if (report_.restarts.back().outcome == "warm") ++report_.requests[RequestKind::restart].succeeded;
+      if (report_.restarts.back().outcome == "warm")
+        ++report_.requests[RequestKind::restart].succeeded;
       break;
   }
   inRequest_ = false;
@@ -699,8 +711,8 @@ void AgentSimulation::update(const Request& request) {
     const U64 data = word(request.label, label.version, p, false);
     const U64 wideData = before.wide ? word(request.label, label.version, p, true) : 0;
     checker_->ownedWordsIs(id, p, data, wideData);
-    return Brevant::NextHopEntry(static_cast<U16>(before.base + (before.wide ? 2 : 1) * p), before.wide,
-                                 data, wideData);
+    return Brevant::NextHopEntry(static_cast<U16>(before.base + (before.wide ? 2 : 1) * p),
+                                 before.wide, data, wideData);
   };
   S32 rc;
   if (!request.hasPosition) {
@@ -931,7 +943,8 @@ Occupancy AgentSimulation::snapshot(const std::string& title) {
     if (!group) continue;
     const U32 length = (group->wide() ? 2u : 1u) * group->size();
     const Cell kind = group->wide() ? Cell::wide : Cell::narrow;
-    for (U32 i = placed.key(); i < std::min<U32>(placed.key() + length, o.bound); ++i) o.cells[i] = kind;
+    for (U32 i = placed.key(); i < std::min<U32>(placed.key() + length, o.bound); ++i)
+      o.cells[i] = kind;
   }
   return o;
 }
@@ -971,7 +984,8 @@ void AgentSimulation::restart(const std::string& cause) {
   state_ = Brevant::BrevantCommonSmData::BrevantCommonSmDataIs("agent");
   Brevant::RestoreOptions options;
   options.expectedTableBound = report_.tableBound;
-  const Brevant::RestoreResult result = Brevant::restoreNextHopManager(*state_, config_.snapshotPath, options);
+  const Brevant::RestoreResult result =
+      Brevant::restoreNextHopManager(*state_, config_.snapshotPath, options);
   manager_ = state_->nextHopManager();
   // The watermarks are the agent's settings, not the table's state.
   watermarksIs();
@@ -1034,7 +1048,8 @@ const std::vector<AgentSimulation::RequestHandler>& AgentSimulation::requestHand
        [](AgentSimulation& a, const std::string& rest, int fd) {
          char* end = nullptr;
          const unsigned long id = strtoul(rest.c_str(), &end, 10);
-         if (*end != '\0' || id > 65535 || rest[0] == '-') throw RequestError("'" + rest + "' is not a group id");
+         if (*end != '\0' || id > 65535 || rest[0] == '-')
+           throw RequestError("'" + rest + "' is not a group id");
          writeAll(fd, groupText(*a.manager_, static_cast<U16>(id)));
        }},
       {"get", true,
@@ -1056,29 +1071,32 @@ const std::vector<AgentSimulation::RequestHandler>& AgentSimulation::requestHand
        }},
       {"show restart", false,
        [](AgentSimulation& a, const std::string&, int fd) {
-         writeAll(fd, a.report_.restarts.empty() ? std::string("no restart yet\n")
-                                                 : std::to_string(a.report_.restarts.size()) +
-                                                       " restarts, last at " +
-                                                       restartText(a.report_.restarts.back()) + "\n");
+         writeAll(fd, a.report_.restarts.empty()
+                          ? std::string("no restart yet\n")
+                          : std::to_string(a.report_.restarts.size()) + " restarts, last at " +
+                                restartText(a.report_.restarts.back()) + "\n");
        }},
       {"save", false,
        [](AgentSimulation& a, const std::string&, int fd) {
          Brevant::saveSnapshot(*a.manager_, a.config_.snapshotPath);
          writeAll(fd, "ok: snapshot saved to " + a.config_.snapshotPath + "\n");
        }},
-      {"status", false, [](AgentSimulation& a, const std::string&, int fd) { writeAll(fd, a.statusText()); }},
+      {"status", false,
+       [](AgentSimulation& a, const std::string&, int fd) { writeAll(fd, a.statusText()); }},
       {"chip-timing", false,
        [](AgentSimulation&, const std::string&, int fd) { writeAll(fd, chipTimingText()); }},
       {"chip-timing", true,
        [](AgentSimulation&, const std::string& rest, int fd) {
          const size_t blank = rest.find(' ');
-         if (blank == std::string::npos) throw RequestError("chip-timing takes two times: per call and per word");
+         if (blank == std::string::npos)
+           throw RequestError("chip-timing takes two times: per call and per word");
          const double perCall = secondsArgument(rest.substr(0, blank));
          const double perWord = secondsArgument(rest.substr(rest.find_first_not_of(' ', blank)));
          FmSim::timingIs({perCall, perWord});
          writeAll(fd, chipTimingText());
        }},
-      {"help", false, [](AgentSimulation&, const std::string&, int fd) { writeAll(fd, requestHelp()); }},
+      {"help", false,
+       [](AgentSimulation&, const std::string&, int fd) { writeAll(fd, requestHelp()); }},
       {"quit", false,
        [](AgentSimulation& a, const std::string&, int fd) {
          writeAll(fd, "ok: stopping\n");
@@ -1090,8 +1108,8 @@ const std::vector<AgentSimulation::RequestHandler>& AgentSimulation::requestHand
 
 std::string AgentSimulation::chipTimingText() {
   char text[128];
-  snprintf(text, sizeof(text), "chip timing: %g s per call, %g s per word\n", FmSim::timing().perCall,
-           FmSim::timing().perWord);
+  snprintf(text, sizeof(text), "chip timing: %g s per call, %g s per word\n",
+           FmSim::timing().perCall, FmSim::timing().perWord);
   return text;
 }
 

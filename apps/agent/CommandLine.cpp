@@ -61,7 +61,9 @@ struct RunOption {
 const std::vector<RunOption>& runOptions() {
   static const std::vector<RunOption> options = {
       {"--workload", "FILE", "replay FILE (see docs/agent.md) instead of the built-in workload",
-       [](ArgumentReader& in, const std::string& name, RunOptions& run) { run.workloadFile = in.value(name); }},
+       [](ArgumentReader& in, const std::string& name, RunOptions& run) {
+         run.workloadFile = in.value(name);
+       }},
       {"--seed", "N", "seed of the built-in workload (default 1)",
        [](ArgumentReader& in, const std::string& name, RunOptions& run) {
          run.seed = in.number<U64>(name, 0, UINT64_MAX);
@@ -78,7 +80,8 @@ const std::vector<RunOption>& runOptions() {
          if (bound % 2 != 0) throw UsageError(name + " must be even, not " + std::to_string(bound));
          run.simBound = static_cast<U16>(bound);
        }},
-      {"--restart-every", "SECONDS", "restart warm (snapshot, new state, restore) every SECONDS of agent time",
+      {"--restart-every", "SECONDS",
+       "restart warm (snapshot, new state, restore) every SECONDS of agent time",
        [](ArgumentReader& in, const std::string& name, RunOptions& run) {
          run.restartEvery = in.number<double>(name, 0.001, 1e7);
        }},
@@ -90,7 +93,8 @@ const std::vector<RunOption>& runOptions() {
        [](ArgumentReader& in, const std::string& name, RunOptions& run) {
          run.watermarks.usedLow = in.number<double>(name, 0, 100);
        }},
-      {"--fragmentation-high", "P", "high watermark of the fragmentation figure in percent (0: alarm off)",
+      {"--fragmentation-high", "P",
+       "high watermark of the fragmentation figure in percent (0: alarm off)",
        [](ArgumentReader& in, const std::string& name, RunOptions& run) {
          run.watermarks.fragmentationHigh = in.number<double>(name, 0, 100);
        }},
@@ -104,23 +108,33 @@ const std::vector<RunOption>& runOptions() {
        [](ArgumentReader& in, const std::string& name, RunOptions& run) {
          run.chipCallTime = in.number<double>(name, 0, 1);
        }},
-      {"--chip-word-time", "SECONDS", "manual clock: time per 64-bit word of a chip call (default 1e-06)",
+      {"--chip-word-time", "SECONDS",
+       "manual clock: time per 64-bit word of a chip call (default 1e-06)",
        [](ArgumentReader& in, const std::string& name, RunOptions& run) {
          run.chipWordTime = in.number<double>(name, 0, 1);
        }},
       {"--svg", "FILE", "write the picture: the table at four moments, free space over time",
-       [](ArgumentReader& in, const std::string& name, RunOptions& run) { run.svgFile = in.value(name); }},
+       [](ArgumentReader& in, const std::string& name, RunOptions& run) {
+         run.svgFile = in.value(name);
+       }},
       {"--socket", "PATH", "serve the diagnostic socket at PATH (mode 0600)",
-       [](ArgumentReader& in, const std::string& name, RunOptions& run) { run.socketPath = in.value(name); }},
+       [](ArgumentReader& in, const std::string& name, RunOptions& run) {
+         run.socketPath = in.value(name);
+       }},
       {"--serve", "", "keep running after the workload (SIGINT, SIGTERM or quit end it)",
        [](ArgumentReader&, const std::string&, RunOptions& run) { run.serve = true; }},
-      {"--progress", "", "progress line on stderr, redrawn (default: on a terminal; else once a minute on the real clock)",
+      {"--progress", "",
+       "progress line on stderr, redrawn (default: on a terminal; else once a minute on the real "
+       "clock)",
        [](ArgumentReader&, const std::string&, RunOptions& run) { run.progress = true; }},
       {"--no-progress", "", "no progress line",
        [](ArgumentReader&, const std::string&, RunOptions& run) { run.progress = false; }},
-      {"--reference-behaviour", "", "the manager's reference behaviour, whose hazards the default avoids (docs/next-hop-table.md)",
+      {"--reference-behaviour", "",
+       "the manager's reference behaviour, whose hazards the default avoids "
+       "(docs/next-hop-table.md)",
        [](ArgumentReader&, const std::string&, RunOptions& run) { run.referenceBehaviour = true; }},
-      {"--check-every-write", "", "the library's whole-table check at every defragmenter write also above 8192 entries (slow)",
+      {"--check-every-write", "",
+       "the library's whole-table check at every defragmenter write also above 8192 entries (slow)",
        [](ArgumentReader&, const std::string&, RunOptions& run) { run.checkEveryWrite = true; }},
   };
   return options;
@@ -145,8 +159,10 @@ struct Subcommand {
 const std::vector<Subcommand>& subcommands() {
   static const std::vector<Subcommand> list = {
       {"run", "brevant-agent [run] [options]", "replay a workload and print the report"},
-      {"serve", "brevant-agent serve --socket PATH [options]", "the same, then serve until stopped"},
-      {"client", "brevant-agent client --socket PATH REQUEST...", "send one request to a running agent"},
+      {"serve", "brevant-agent serve --socket PATH [options]",
+       "the same, then serve until stopped"},
+      {"client", "brevant-agent client --socket PATH REQUEST...",
+       "send one request to a running agent"},
       {"help", "brevant-agent help [COMMAND]", "this text, or one command's"},
       {"--version", "brevant-agent --version", "the library's version"},
   };
@@ -219,8 +235,8 @@ std::string usageText(const std::string& topic) {
   for (const Subcommand& c : subcommands()) {
     if (!topic.empty() && topic != c.name) continue;
     char head[160];
-    snprintf(head, sizeof(head), "%s%s\n       %-34s %s\n", first ? "usage: " : "       ", c.usage, "",
-             c.summary);
+    snprintf(head, sizeof(head), "%s%s\n       %-34s %s\n", first ? "usage: " : "       ", c.usage,
+             "", c.summary);
     text += head;
     first = false;
   }
@@ -234,8 +250,10 @@ std::string usageText(const std::string& topic) {
     }
   }
   if (topic.empty() || topic == "client" || topic == "serve") {
-    text += "\nrequests: show free-entries | show resources | show group ID | get PATH | set PATH VALUE | status | help | quit\n"
-            "          show restart | save\n";
+    text +=
+        "\nrequests: show free-entries | show resources | show group ID | get PATH | set PATH "
+        "VALUE | status | help | quit\n"
+        "          show restart | save\n";
   }
   return text;
 }

@@ -61,7 +61,8 @@ void clearStalePath(const std::string& path, const sockaddr_un& address) {
   const int error = tryConnect(probe, address);
   ::close(probe);
   if (error == 0) throw SocketError("a server already listens at " + path);
-  if (unlink(path.c_str()) != 0 && errno != ENOENT) fail("cannot remove stale socket " + path, errno);
+  if (unlink(path.c_str()) != 0 && errno != ENOENT)
+    fail("cannot remove stale socket " + path, errno);
 }
 
 bool malformed(const std::string& request) {

@@ -55,8 +55,8 @@ Target resolve(Kiln::PtrInterface& root, const std::string& path) {
     const Segment& s = segments[i];
     Kiln::Ptr<Kiln::PtrInterface> child = t.object->fwkType().child(*t.object, s.name, s.key);
     if (!child) {
-      throw RequestError("nothing at '" + s.name + (s.hasKey ? "[" + s.key + "]" : "") + "' in path '" +
-                         path + "'");
+      throw RequestError("nothing at '" + s.name + (s.hasKey ? "[" + s.key + "]" : "") +
+                         "' in path '" + path + "'");
     }
     t.object = child;
   }
@@ -65,8 +65,8 @@ Target resolve(Kiln::PtrInterface& root, const std::string& path) {
 }
 
 bool isCollection(Kiln::AttributeKind kind) {
-  return kind == Kiln::AttributeKind::collection || kind == Kiln::AttributeKind::orderedCollection ||
-         kind == Kiln::AttributeKind::queue;
+  return kind == Kiln::AttributeKind::collection ||
+         kind == Kiln::AttributeKind::orderedCollection || kind == Kiln::AttributeKind::queue;
 }
 
 std::string hex(U64 word) {
@@ -116,7 +116,8 @@ std::string groupText(Brevant::NextHopManager& manager, U16 groupId) {
       << (group->fixedSize() ? "fixed" : "variable") << " size, " << group->size()
       << (group->size() == 1 ? " next hop" : " next hops");
   if (group->size() > 0) {
-    out << " at " << start << " (entries " << start << "-" << start + stride * group->size() - 1 << ")";
+    out << " at " << start << " (entries " << start << "-" << start + stride * group->size() - 1
+        << ")";
   }
   if (group->mcast()) out << ", multicast";
   out << ", features";
@@ -170,11 +171,15 @@ std::string requestHelp() {
          "show resources           the next-hop table's resource counters and watermarks\n"
          "show group ID            a group and its next hops read back from the chip\n"
          "get PATH                 an attribute by path, e.g. nextHopManager.simMode\n"
-         "set PATH VALUE           store an attribute, e.g. nextHopManager.defragManager.defragDelay 2.5\n"
-         "show restart             the last warm restart: outcome, restore time, words read and changed\n"
+         "set PATH VALUE           store an attribute, e.g. "
+         "nextHopManager.defragManager.defragDelay 2.5\n"
+         "show restart             the last warm restart: outcome, restore time, words read and "
+         "changed\n"
          "save                     write the next-hop table's snapshot\n"
-         "status                   replay running, settling or done; agent time, requests, pending retries\n"
-         "chip-timing [CALL WORD]  the simulated chip's time per call and per 64-bit word, in seconds\n"
+         "status                   replay running, settling or done; agent time, requests, pending "
+         "retries\n"
+         "chip-timing [CALL WORD]  the simulated chip's time per call and per 64-bit word, in "
+         "seconds\n"
          "help                     this list\n"
          "quit                     stop the agent\n";
 }

@@ -45,8 +45,8 @@ U32 Occupancy::count(Cell cell) const {
 
 std::string freeSpaceText(const FreeSpace& space) {
   return std::to_string(space.free) + " usable free in " + std::to_string(space.runs) +
-         (space.runs == 1 ? " run" : " runs") + ", largest " +
-         std::to_string(space.largestRun) + ", stranded " + std::to_string(space.stranded());
+         (space.runs == 1 ? " run" : " runs") + ", largest " + std::to_string(space.largestRun) +
+         ", stranded " + std::to_string(space.stranded());
 }
 
 bool moreFragmented(const FreeSpace& candidate, const FreeSpace& worst) {

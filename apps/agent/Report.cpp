@@ -74,21 +74,25 @@ int exitStatusOf(const Report& report) {
 
 void printReport(std::ostream& out, const Report& r) {
   out << "Agent run\n";
-  line(out, "workload", r.workload + ": " + counted(r.workloadRequests, "request", "requests") +
-                            " and " + counted(r.workloadPauses, "pause", "pauses") + " (sleep)");
+  line(out, "workload",
+       r.workload + ": " + counted(r.workloadRequests, "request", "requests") + " and " +
+           counted(r.workloadPauses, "pause", "pauses") + " (sleep)");
   std::string clock = std::string(r.manualClock ? "manual" : "real") + ", agent time " +
                       seconds(r.agentTime) + ", wall time " + seconds(r.wallTime, "%.2f");
   if (r.manualClock) {
-    clock += "; chip calls take " + micro(r.chipCallTime) + " + " + micro(r.chipWordTime) + " per word";
+    clock +=
+        "; chip calls take " + micro(r.chipCallTime) + " + " + micro(r.chipWordTime) + " per word";
   }
   line(out, "clock", clock);
-  line(out, "behaviour", r.hardened ? "hardened (no valid request can stop the agent)"
-                                     : "reference (--reference-behaviour)");
-  line(out, "ended by", r.endedBy + (r.workloadCompleted ? "" : ", before the end of the workload"));
-  line(out, "table", "bound " + std::to_string(r.tableBound) + ", swap index " +
-                         std::to_string(r.swapIndex) + " (swap area " +
-                         std::to_string(r.tableBound - r.swapIndex) + " entries), " +
-                         counted(r.groupsAtEnd, "group", "groups") + " at the end");
+  line(out, "behaviour",
+       r.hardened ? "hardened (no valid request can stop the agent)"
+                  : "reference (--reference-behaviour)");
+  line(out, "ended by",
+       r.endedBy + (r.workloadCompleted ? "" : ", before the end of the workload"));
+  line(out, "table",
+       "bound " + std::to_string(r.tableBound) + ", swap index " + std::to_string(r.swapIndex) +
+           " (swap area " + std::to_string(r.tableBound - r.swapIndex) + " entries), " +
+           counted(r.groupsAtEnd, "group", "groups") + " at the end");
 
   out << "Requests (outcome of the first attempt)\n";
   RequestCounts all;
@@ -105,40 +109,43 @@ void printReport(std::ostream& out, const Report& r) {
   for (const auto& [code, count] : r.refusals) {
     const auto retried = r.retryRefusals.find(code);
     const U64 retries = retried == r.retryRefusals.end() ? 0 : retried->second;
-    refused += (refused.empty() ? "" : ", ") + std::to_string(code) + " " + codeMeaning(code) + ": " +
-               std::to_string(count) + " (" + std::to_string(count - retries) + " first, " +
+    refused += (refused.empty() ? "" : ", ") + std::to_string(code) + " " + codeMeaning(code) +
+               ": " + std::to_string(count) + " (" + std::to_string(count - retries) + " first, " +
                counted(retries, "retry", "retries") + ")";
   }
   line(out, "refused by code", refused.empty() ? "none" : refused);
   U64 refusalsTotal = 0;
   for (const auto& [code, count] : r.refusals) refusalsTotal += count;
   for (const Refusal& f : r.refusalList) {
-    line(out, "", r.lineWord + " " + std::to_string(f.line) + " (" + f.label + "): " +
-                      requestKindName(f.kind) + (f.retry ? " retry" : "") + " refused, " +
-                      std::to_string(f.code) + " " + f.meaning);
+    line(out, "",
+         r.lineWord + " " + std::to_string(f.line) + " (" + f.label +
+             "): " + requestKindName(f.kind) + (f.retry ? " retry" : "") + " refused, " +
+             std::to_string(f.code) + " " + f.meaning);
   }
   if (refusalsTotal > r.refusalList.size()) {
     line(out, "", "... and " + std::to_string(refusalsTotal - r.refusalList.size()) + " more");
   }
-  line(out, "retried", counted(r.queuedForRetry, "create", "creates") + " refused with -2 and queued: " +
-                           std::to_string(r.retriesSucceeded) + " placed by a retry, " +
-                           std::to_string(r.retriesDropped) + " refused otherwise, " +
-                           std::to_string(r.cancelled) + " deleted while waiting, " +
-                           std::to_string(r.abandoned) + " still waiting (" +
-                           counted(r.retryAttempts, "retry attempt", "retry attempts") + ")");
+  line(out, "retried",
+       counted(r.queuedForRetry, "create", "creates") +
+           " refused with -2 and queued: " + std::to_string(r.retriesSucceeded) +
+           " placed by a retry, " + std::to_string(r.retriesDropped) + " refused otherwise, " +
+           std::to_string(r.cancelled) + " deleted while waiting, " + std::to_string(r.abandoned) +
+           " still waiting (" + counted(r.retryAttempts, "retry attempt", "retry attempts") + ")");
   line(out, "skipped", std::to_string(r.skipped) + " (the label's group not in the table)");
-  line(out, "reads", std::to_string(r.readsCompared) + " compared with the chip, " +
-                         std::to_string(r.readMismatches) + " differed");
+  line(out, "reads",
+       std::to_string(r.readsCompared) + " compared with the chip, " +
+           std::to_string(r.readMismatches) + " differed");
   for (const std::string& problem : r.readProblems) line(out, "", problem);
 
   out << "Defragmentation\n";
-  line(out, "runs", std::to_string(r.defragRuns) + " (" + std::to_string(r.defragRunsCut) +
-                        " cut by the budget and rescheduled; budget " + seconds(r.defragBudget, "%g") +
-                        " of agent time per pass)");
+  line(out, "runs",
+       std::to_string(r.defragRuns) + " (" + std::to_string(r.defragRunsCut) +
+           " cut by the budget and rescheduled; budget " + seconds(r.defragBudget, "%g") +
+           " of agent time per pass)");
   line(out, "groups moved", std::to_string(r.groupsMoved));
-  line(out, "entries moved", std::to_string(r.entriesMoved) + " (" +
-                                 std::to_string(r.defragEntriesWritten) +
-                                 " written, swap-area legs included)");
+  line(out, "entries moved",
+       std::to_string(r.entriesMoved) + " (" + std::to_string(r.defragEntriesWritten) +
+           " written, swap-area legs included)");
   line(out, "longest run",
        seconds(r.longestDefragRun, "%.4f") + " of agent time" +
            (r.longestDefragRunWhat.empty() ? "" : " (" + r.longestDefragRunWhat + ")"));
@@ -150,29 +157,33 @@ void printReport(std::ostream& out, const Report& r) {
            (r.longestWallStopWhat.empty() ? "" : " (" + r.longestWallStopWhat + ")"));
 
   out << "Checks\n";
-  line(out, "hitless", std::string(r.hitlessViolations == 0 ? "passed" : "FAILED") + ": " +
-                           counted(r.hitlessWritesChecked, "chip write", "chip writes") + " checked, " +
-                           counted(r.hitlessViolations, "violation", "violations"));
+  line(out, "hitless",
+       std::string(r.hitlessViolations == 0 ? "passed" : "FAILED") + ": " +
+           counted(r.hitlessWritesChecked, "chip write", "chip writes") + " checked, " +
+           counted(r.hitlessViolations, "violation", "violations"));
   for (const std::string& problem : r.hitlessProblems) line(out, "", problem);
-  line(out, "table checker", std::string(r.tableViolations == 0 ? "passed" : "FAILED") + ": " +
-                                 counted(r.tableChecks, "whole-table check", "whole-table checks") + " (" +
-                                 (r.tableCheckedEveryWrite ? "at every defragmenter write, " : "") +
-                                 "after defragmentation runs and at the end), " +
-                                 counted(r.tableViolations, "violation", "violations"));
+  line(out, "table checker",
+       std::string(r.tableViolations == 0 ? "passed" : "FAILED") + ": " +
+           counted(r.tableChecks, "whole-table check", "whole-table checks") + " (" +
+           (r.tableCheckedEveryWrite ? "at every defragmenter write, " : "") +
+           "after defragmentation runs and at the end), " +
+           counted(r.tableViolations, "violation", "violations"));
   for (const std::string& problem : r.tableProblems) line(out, "", problem);
-  line(out, "feature views", std::string(r.viewMismatches.empty() ? "passed" : "FAILED") + ": " +
-                                 counted(r.viewGroupsChecked, "(group, feature) pair", "(group, feature) pairs") +
-                                 " of " + counted(r.viewDistinctGroups, "group", "groups") +
-                                 " checked against the manager's records, " +
-                                 counted(r.viewMismatches.size(), "difference", "differences"));
+  line(out, "feature views",
+       std::string(r.viewMismatches.empty() ? "passed" : "FAILED") + ": " +
+           counted(r.viewGroupsChecked, "(group, feature) pair", "(group, feature) pairs") +
+           " of " + counted(r.viewDistinctGroups, "group", "groups") +
+           " checked against the manager's records, " +
+           counted(r.viewMismatches.size(), "difference", "differences"));
   for (const std::string& mismatch : r.viewMismatches) line(out, "", mismatch);
 
   if (!r.restarts.empty()) {
     out << "Warm restarts\n";
     U64 changed = 0;
     for (const Report::Restart& restart : r.restarts) changed += restart.wordsChanged;
-    line(out, "restarts", std::to_string(r.restarts.size()) + ", " + std::to_string(changed) +
-                              " table words changed by the restores");
+    line(out, "restarts",
+         std::to_string(r.restarts.size()) + ", " + std::to_string(changed) +
+             " table words changed by the restores");
     for (const Report::Restart& restart : r.restarts) line(out, "", restartText(restart));
   }
 
@@ -180,9 +191,10 @@ void printReport(std::ostream& out, const Report& r) {
   line(out, "start", occupancyText(r.start));
   line(out, "worst fragmentation", occupancyText(r.worst));
   line(out, "end", occupancyText(r.end));
-  line(out, "summary's free count", std::to_string(r.end.freeSpace().free + r.end.count(Cell::swap)) +
-                                         " = usable " + std::to_string(r.end.freeSpace().free) +
-                                         " + swap area " + std::to_string(r.end.count(Cell::swap)));
+  line(out, "summary's free count",
+       std::to_string(r.end.freeSpace().free + r.end.count(Cell::swap)) + " = usable " +
+           std::to_string(r.end.freeSpace().free) + " + swap area " +
+           std::to_string(r.end.count(Cell::swap)));
 
   if (!r.resources.empty()) out << "Resources\n" << r.resources;
 }

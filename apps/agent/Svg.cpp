@@ -90,10 +90,11 @@ void writePanel(std::ostream& out, const Occupancy& o, size_t index, U32 x, U32 
   out << "<text x=\"" << x << "\" y=\"" << y + 16 << "\" class=\"title\">" << xmlEscaped(o.title)
       << " (t = " << fixed1(o.time) << " s)</text>\n";
   out << "<text x=\"" << x << "\" y=\"" << y + 32 << "\" class=\"note\">"
-      << xmlEscaped(freeSpaceText(space)) << "; swap area " << o.count(Cell::swap) << " free</text>\n";
-  out << "<text x=\"" << x << "\" y=\"" << y + 46 << "\" class=\"note\">"
-      << o.count(Cell::narrow) << " narrow, " << o.count(Cell::wide) << " wide entries of "
-      << o.bound << "; swap area from " << o.swapIndex << "</text>\n";
+      << xmlEscaped(freeSpaceText(space)) << "; swap area " << o.count(Cell::swap)
+      << " free</text>\n";
+  out << "<text x=\"" << x << "\" y=\"" << y + 46 << "\" class=\"note\">" << o.count(Cell::narrow)
+      << " narrow, " << o.count(Cell::wide) << " wide entries of " << o.bound << "; swap area from "
+      << o.swapIndex << "</text>\n";
   out << "<text x=\"" << x << "\" y=\"" << y + 60 << "\" class=\"note\">rows of " << g.columns
       << " entries; left: the index of a row's first entry</text>\n";
   const U32 top = y + titleHeight;
@@ -130,8 +131,8 @@ void writeLegend(std::ostream& out, U32 x, U32 y) {
     y += legendLine;
   }
   for (const char* words : legendWords) {
-    out << "<text x=\"" << x + 16 << "\" y=\"" << y + 11 << "\" class=\"note\">" << xmlEscaped(words)
-        << "</text>\n";
+    out << "<text x=\"" << x + 16 << "\" y=\"" << y + 11 << "\" class=\"note\">"
+        << xmlEscaped(words) << "</text>\n";
     y += legendLine;
   }
   out << "</g>\n";
@@ -176,22 +177,26 @@ void writeTimeline(std::ostream& out, const Timeline& timeline, U32 x, U32 y, U3
   out << "<text x=\"" << x << "\" y=\"" << y + 16 << "\" class=\"title\">Free space over agent time"
       << "</text>\n";
   if (mostOverall > most) {
-    out << "<text x=\"" << x + 220 << "\" y=\"" << y + 16 << "\" class=\"note\">(values above " << most
-        << " in the first hundredth of the time, up to " << mostOverall << ", are drawn at the top)</text>\n";
+    out << "<text x=\"" << x + 220 << "\" y=\"" << y + 16 << "\" class=\"note\">(values above "
+        << most << " in the first hundredth of the time, up to " << mostOverall
+        << ", are drawn at the top)</text>\n";
   }
   // The key, on one line under the title.
   U32 keyX = x;
   auto key = [&](const char* colour, const std::string& name, bool dashed) {
-    out << "<line x1=\"" << keyX << "\" y1=\"" << y + 28 << "\" x2=\"" << keyX + 16 << "\" y2=\"" << y + 28
-        << "\" stroke=\"" << colour << "\" stroke-width=\"2\"" << (dashed ? " stroke-dasharray=\"3,2\"" : "")
-        << "/>\n";
-    out << "<text x=\"" << keyX + 20 << "\" y=\"" << y + 32 << "\" class=\"note\">" << xmlEscaped(name)
-        << "</text>\n";
+    out << "<line x1=\"" << keyX << "\" y1=\"" << y + 28 << "\" x2=\"" << keyX + 16 << "\" y2=\""
+        << y + 28 << "\" stroke=\"" << colour << "\" stroke-width=\"2\""
+        << (dashed ? " stroke-dasharray=\"3,2\"" : "") << "/>\n";
+    out << "<text x=\"" << keyX + 20 << "\" y=\"" << y + 32 << "\" class=\"note\">"
+        << xmlEscaped(name) << "</text>\n";
     keyX += 40 + 6 * static_cast<U32>(name.size());
   };
   for (const Series& series : plotSeries) key(series.colour, series.name, false);
-  key(defragColour, "defragmentation run (" + std::to_string(timeline.defragRuns.size()) + ")", true);
-  key(refusedColour, "refused create, tick below the axis (" + std::to_string(timeline.refusedCreates.size()) + ")",
+  key(defragColour, "defragmentation run (" + std::to_string(timeline.defragRuns.size()) + ")",
+      true);
+  key(refusedColour,
+      "refused create, tick below the axis (" + std::to_string(timeline.refusedCreates.size()) +
+          ")",
       false);
 
   out << "<rect x=\"" << left << "\" y=\"" << top << "\" width=\"" << right - left << "\" height=\""
@@ -199,17 +204,17 @@ void writeTimeline(std::ostream& out, const Timeline& timeline, U32 x, U32 y, U3
   // Axes: five times, three entry counts.
   for (int k = 0; k <= 4; ++k) {
     const Kiln::Seconds t = end * k / 4;
-    out << "<text x=\"" << px(t) << "\" y=\"" << bottom + 30 << "\" class=\"small\" text-anchor=\"middle\">"
-        << fixed1(t) << " s</text>\n";
+    out << "<text x=\"" << px(t) << "\" y=\"" << bottom + 30
+        << "\" class=\"small\" text-anchor=\"middle\">" << fixed1(t) << " s</text>\n";
   }
   for (U32 v : {0u, most / 2, most}) {
-    out << "<text x=\"" << left - 4 << "\" y=\"" << py(v) << "\" class=\"small\" text-anchor=\"end\">"
-        << v << "</text>\n";
+    out << "<text x=\"" << left - 4 << "\" y=\"" << py(v)
+        << "\" class=\"small\" text-anchor=\"end\">" << v << "</text>\n";
   }
   out << "<g id=\"defrag-runs\">\n";
   for (Kiln::Seconds t : timeline.defragRuns) {
-    out << "<line x1=\"" << px(t) << "\" y1=\"" << top << "\" x2=\"" << px(t) << "\" y2=\"" << bottom
-        << "\" stroke=\"" << defragColour << "\" stroke-dasharray=\"3,2\"/>\n";
+    out << "<line x1=\"" << px(t) << "\" y1=\"" << top << "\" x2=\"" << px(t) << "\" y2=\""
+        << bottom << "\" stroke=\"" << defragColour << "\" stroke-dasharray=\"3,2\"/>\n";
   }
   out << "</g>\n<g id=\"refused-creates\">\n";
   for (Kiln::Seconds t : timeline.refusedCreates) {
@@ -219,8 +224,10 @@ void writeTimeline(std::ostream& out, const Timeline& timeline, U32 x, U32 y, U3
   out << "</g>\n";
   for (const Series& series : plotSeries) {
     if (timeline.points.empty()) break;
-    out << "<polyline fill=\"none\" stroke=\"" << series.colour << "\" stroke-width=\"1.5\" points=\"";
-    for (const Timeline::Point& p : timeline.points) out << px(p.time) << ',' << py(series.value(p.space)) << ' ';
+    out << "<polyline fill=\"none\" stroke=\"" << series.colour
+        << "\" stroke-width=\"1.5\" points=\"";
+    for (const Timeline::Point& p : timeline.points)
+      out << px(p.time) << ',' << py(series.value(p.space)) << ' ';
     out << "\"/>\n";
   }
   out << "</g>\n";
@@ -264,7 +271,8 @@ std::string xmlEscaped(const std::string& text) {
   return result;
 }
 
-void writeOccupancySvg(std::ostream& out, const std::vector<Occupancy>& panels, const Timeline* timeline) {
+void writeOccupancySvg(std::ostream& out, const std::vector<Occupancy>& panels,
+                       const Timeline* timeline) {
   U32 gridHeight = 0;
   std::vector<Geometry> geometries;
   for (const Occupancy& o : panels) {
@@ -281,8 +289,10 @@ void writeOccupancySvg(std::ostream& out, const std::vector<Occupancy>& panels, 
       << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << width << "\" height=\"" << height
       << "\" viewBox=\"0 0 " << width << ' ' << height << "\">\n"
       << "<title>Next-hop table occupancy</title>\n"
-      << "<style>text { font-family: sans-serif; } rect { shape-rendering: crispEdges; } .title { font-size: 14px; font-weight: bold; }"
-         " .key { font-size: 11px; font-weight: bold; } .note { font-size: 11px; } .small { font-size: 9px; }"
+      << "<style>text { font-family: sans-serif; } rect { shape-rendering: crispEdges; } .title { "
+         "font-size: 14px; font-weight: bold; }"
+         " .key { font-size: 11px; font-weight: bold; } .note { font-size: 11px; } .small { "
+         "font-size: 9px; }"
          "</style>\n"
       << "<rect x=\"0\" y=\"0\" width=\"" << width << "\" height=\"" << height
       << "\" fill=\"#ffffff\"/>\n";

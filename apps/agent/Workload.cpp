@@ -39,7 +39,8 @@ std::vector<std::string_view> words(std::string_view line) {
 // by the caller, which sees the whole sequence.
 class LineParser {
  public:
-  LineParser(U32 line, std::vector<std::string_view> words) : line_(line), words_(std::move(words)) {}
+  LineParser(U32 line, std::vector<std::string_view> words)
+      : line_(line), words_(std::move(words)) {}
 
   Request request() {
     Request r;
@@ -63,7 +64,8 @@ class LineParser {
           mcastSeen = true;
           r.mcast = true;
         } else {
-          fail("unexpected '" + std::string(option) + "' (options: fixed, variable, mcast, once each)");
+          fail("unexpected '" + std::string(option) +
+               "' (options: fixed, variable, mcast, once each)");
         }
       }
     } else if (keyword == "delete") {
@@ -116,7 +118,8 @@ class LineParser {
       fail("label longer than " + std::to_string(maxLabelLength) + " characters");
     }
     if (!std::all_of(text.begin(), text.end(), labelCharacter)) {
-      fail("label '" + std::string(text) + "' has a character other than letters, digits and _-.:/");
+      fail("label '" + std::string(text) +
+           "' has a character other than letters, digits and _-.:/");
     }
     return std::string(text);
   }
@@ -228,8 +231,8 @@ bool readLine(std::istream& in, std::string& text, U32 line) {
   for (int c = in.get(); c != std::char_traits<char>::eof(); c = in.get()) {
     if (c == '\n') return true;
     if (text.size() == maxWorkloadLineLength) {
-      throw WorkloadError(line, "line longer than " + std::to_string(maxWorkloadLineLength) +
-                                    " characters");
+      throw WorkloadError(
+          line, "line longer than " + std::to_string(maxWorkloadLineLength) + " characters");
     }
     text.push_back(static_cast<char>(c));
   }
@@ -330,7 +333,9 @@ class ChurnGenerator {
     return std::max<U32>(1, std::min(wanted, options_.maxEntries / (wide ? 2 : 1)));
   }
   // A size of 1 to `most` next hops (within the limit), uniformly.
-  U16 sizeUpTo(U32 most, bool wide = false) { return static_cast<U16>(1 + below(sizeLimit(most, wide))); }
+  U16 sizeUpTo(U32 most, bool wide = false) {
+    return static_cast<U16>(1 + below(sizeLimit(most, wide)));
+  }
 
   U16 unicastSize() {
     const double pick = uniform(0, unicastSizes_.back());
@@ -507,7 +512,9 @@ class ChurnGenerator {
 
 }  // namespace
 
-Workload builtInWorkload(const BuiltInOptions& options) { return ChurnGenerator(options).generate(); }
+Workload builtInWorkload(const BuiltInOptions& options) {
+  return ChurnGenerator(options).generate();
+}
 
 std::vector<WorkloadError> unfitRequests(const Workload& workload, U32 swapAreaEntries) {
   std::vector<WorkloadError> problems;
@@ -518,9 +525,10 @@ std::vector<WorkloadError> unfitRequests(const Workload& workload, U32 swapAreaE
       problems.emplace_back(r.line, "wide group '" + r.label + "' of " + std::to_string(r.size) +
                                         " next hops: a wide group holds at most 128");
     } else if (entries > swapAreaEntries) {
-      problems.emplace_back(r.line, "group '" + r.label + "' takes " + std::to_string(entries) +
-                                        " entries, more than the " + std::to_string(swapAreaEntries) +
-                                        "-entry swap area through which the defragmenter moves groups");
+      problems.emplace_back(r.line,
+                            "group '" + r.label + "' takes " + std::to_string(entries) +
+                                " entries, more than the " + std::to_string(swapAreaEntries) +
+                                "-entry swap area through which the defragmenter moves groups");
     }
   }
   return problems;

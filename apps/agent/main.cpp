@@ -44,7 +44,8 @@ Agent::AgentConfig configFor(const Agent::RunOptions& options) {
   Agent::AgentConfig config;
   if (options.workloadFile) {
     std::error_code error;
-    const std::filesystem::file_status status = std::filesystem::status(*options.workloadFile, error);
+    const std::filesystem::file_status status =
+        std::filesystem::status(*options.workloadFile, error);
     if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
       throw Agent::UsageError("workload " + *options.workloadFile + " is not a regular file");
     }
@@ -53,7 +54,8 @@ Agent::AgentConfig configFor(const Agent::RunOptions& options) {
     try {
       config.workload = Agent::parseWorkload(in);
     } catch (const Agent::WorkloadError& e) {
-      throw Agent::UsageError(*options.workloadFile + ":" + std::to_string(e.line()) + ": " + e.message());
+      throw Agent::UsageError(*options.workloadFile + ":" + std::to_string(e.line()) + ": " +
+                              e.message());
     }
     config.workloadName = *options.workloadFile;
   } else {
@@ -103,10 +105,13 @@ void checkWritable(const std::string& path, const char* what) {
     }
   } else {
     const size_t slash = path.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    const std::string folder = slash == std::string::npos ? "."
+                               : slash == 0               ? "/"
+                                                          : path.substr(0, slash);
     if (access(folder.c_str(), W_OK | X_OK) != 0) problem = strerror(errno);
   }
-  if (!problem.empty()) throw Agent::UsageError(std::string("cannot write ") + what + " " + path + ": " + problem);
+  if (!problem.empty())
+    throw Agent::UsageError(std::string("cannot write ") + what + " " + path + ": " + problem);
 }
 
 int run(const Agent::RunOptions& options) {
@@ -120,7 +125,8 @@ int run(const Agent::RunOptions& options) {
   } catch (const Agent::UnfitWorkload& e) {
     const std::string where = options.workloadFile ? *options.workloadFile + ":" : "request ";
     for (const Agent::WorkloadError& problem : e.problems()) {
-      std::cerr << "brevant-agent: " << where << problem.line() << ": " << problem.message() << '\n';
+      std::cerr << "brevant-agent: " << where << problem.line() << ": " << problem.message()
+                << '\n';
     }
     std::cerr << "brevant-agent: the workload cannot run on this table; nothing was run\n";
     return exitCannotRun;
@@ -130,7 +136,8 @@ int run(const Agent::RunOptions& options) {
   const Agent::Report report = agent.run();
   if (options.svgFile) {
     std::string error;
-    if (!Agent::writeOccupancySvgFile(*options.svgFile, report.pictures(), &report.timeline, error)) {
+    if (!Agent::writeOccupancySvgFile(*options.svgFile, report.pictures(), &report.timeline,
+                                      error)) {
       std::cerr << "brevant-agent: " << error << '\n';
       return exitCheckFailed;
     }
@@ -156,12 +163,15 @@ int client(const Agent::ClientOptions& options) {
 
 int main(int argc, char** argv) {
   try {
-    const Agent::CommandLine line = Agent::parseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
+    const Agent::CommandLine line =
+        Agent::parseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
     switch (line.command) {
       case Agent::CommandLine::Command::version:
         std::cout << "brevant-agent " << Brevant::version() << '\n';
         return 0;
-      case Agent::CommandLine::Command::help: std::cout << Agent::usageText(line.helpTopic); return 0;
+      case Agent::CommandLine::Command::help:
+        std::cout << Agent::usageText(line.helpTopic);
+        return 0;
       case Agent::CommandLine::Command::client: return client(line.client);
       case Agent::CommandLine::Command::run: return run(line.run);
     }

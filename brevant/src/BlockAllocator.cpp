@@ -35,7 +35,8 @@ S32 markBlock(NextHopManager& manager, const char* operation, U16 index, U16 len
 }  // namespace
 
 S32 NextHopManager::findAvailableBlock(U16 length, bool wide) {
-  NH_TRACE(8, "findAvailableBlock" << " length: " << length << " Wide: " << wide);
+  NH_TRACE(8, "findAvailableBlock"
+                  << " length: " << length << " Wide: " << wide);
   if (!initialized_) {
     NH_TRACE(1, "NexthopTable is not initialized");
     return -7;
@@ -64,7 +65,8 @@ S32 NextHopManager::findAvailableBlock(U16 length, bool wide) {
 }
 
 S32 NextHopManager::findAvailableNarrowBlock(U16 length) {
-  NH_TRACE(8, "findAvailableNarrowBlock" << "Length: " << length);
+  NH_TRACE(8, "findAvailableNarrowBlock"
+                  << "Length: " << length);
   // With no free entry at all the scan is empty and finds nothing.
   const KilnFreeEntries* first = freeEntries_.first();
   const U32 start = first ? first->key() : lastWideIndex_;
@@ -93,13 +95,14 @@ S32 NextHopManager::findAvailableNarrowBlock(U16 length) {
   KILN_ASSERT(narrowIndex != 0);
   const U16 last = U16(narrowIndex + length - 1);
   if (last > lastNarrowIndex_) lastNarrowIndexIs(last);
-  NH_TRACE(4, "Found narrow block at index: " << narrowIndex << "Last narrow index is : "
-                                                << lastNarrowIndex_);
+  NH_TRACE(4, "Found narrow block at index: " << narrowIndex
+                                              << "Last narrow index is : " << lastNarrowIndex_);
   return narrowIndex;
 }
 
 S32 NextHopManager::findAvailableWideBlock(U16 length) {
-  NH_TRACE(8, "findAvailableWideBlock" << " length: " << length);
+  NH_TRACE(8, "findAvailableWideBlock"
+                  << " length: " << length);
   U16 index = U16(getNextHopTableSwapIndex() - 1);
   NH_TRACE(4, "finding wide block from index: " << index << " of length: " << length);
   KILN_ASSERT(length <= 256);
@@ -133,7 +136,8 @@ S32 NextHopManager::freeBlock(U16 startIndex, U16 size) {
 }
 
 S32 NextHopManager::updateNextHopHWIndex(U16 index, bool value) {
-  NH_TRACE(8, "updateNextHopHWIndex" << "NextHop at " << index << "allocate: " << value);
+  NH_TRACE(8, "updateNextHopHWIndex"
+                  << "NextHop at " << index << "allocate: " << value);
   if (!initialized_) {
     NH_TRACE(1, "NexthopTable is not initialized");
     return -7;

@@ -36,7 +36,8 @@ void DefragManager::destructHook() {
 S32 DefragManager::handleDefragInitialized() {
   NH_TRACE(8, "handleDefragInitialized");
   if (!initialized_) {
-    Kiln::Ptr<DefragScheduler> scheduler = defragSchedulerIs(Kiln::ActivityManager::instance().clock());
+    Kiln::Ptr<DefragScheduler> scheduler =
+        defragSchedulerIs(Kiln::ActivityManager::instance().clock());
     scheduler->defragManagerIs(this);
     scheduler->timeMinIs(Kiln::Clock::never);
   }

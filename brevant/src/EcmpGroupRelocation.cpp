@@ -16,8 +16,7 @@ namespace {
 // repoints the group's records, tells its owners `announced`, and only then
 // releases the old block. The chip's old entries are left as they are: the
 // owners may still be reading them until they hear of the move.
-void moveLeg(NextHopManager& manager, ECMPGroup& group, U16 to, U16 numEntries,
-             U16 announced) {
+void moveLeg(NextHopManager& manager, ECMPGroup& group, U16 to, U16 numEntries, U16 announced) {
   const U16 step = group.wide() ? 2 : 1;
   const U16 from = group.hwStartIndex();
   {
@@ -43,8 +42,9 @@ void moveLeg(NextHopManager& manager, ECMPGroup& group, U16 to, U16 numEntries,
 }  // namespace
 
 S32 NextHopManager::moveECMPGroup(U16 groupId, U16 newBaseIndex, bool overlap) {
-  NH_TRACE(8, "moveECMPGroup" << "groupId: " << groupId << " to index " << newBaseIndex
-                              << " overlap : " << overlap);
+  NH_TRACE(8, "moveECMPGroup"
+                  << "groupId: " << groupId << " to index " << newBaseIndex
+                  << " overlap : " << overlap);
   if (!initialized_) {
     NH_TRACE(1, "NexthopTable is not initialized");
     return -7;
@@ -71,7 +71,10 @@ S32 NextHopManager::moveECMPGroup(U16 groupId, U16 newBaseIndex, bool overlap) {
   }
   if (overlap) {
     const U16 swapIndex = getNextHopTableSwapIndex();
+    // The assertion text keeps its blanks inside the parentheses.
+    // clang-format off
     KILN_ASSERT(( swapIndex + numEntries ) <= getNextHopTableBound());
+    // clang-format on
     // Both legs announce the final base, never the swap index.
     moveLeg(*this, *group, swapIndex, numEntries, newBaseIndex);
   }

@@ -56,10 +56,10 @@ U16 NextHopManager::genECMPGroupId() {
 S32 NextHopManager::createECMPGroup(U32, bool wide, bool fixedSize, U16 size,
                                     const U64Collection& data, const U64Collection& wideData,
                                     FeatureType feature, bool mcast) {
-  NH_TRACE(8, "createECMPGroup" << ": Creating a " << (fixedSize ? "fixed" : "variable")
-                                << " sized ECMP group with " << size << " "
-                                << (wide ? "wide" : "narrow") << " entries for feature"
-                                << feature);
+  NH_TRACE(8, "createECMPGroup"
+                  << ": Creating a " << (fixedSize ? "fixed" : "variable")
+                  << " sized ECMP group with " << size << " " << (wide ? "wide" : "narrow")
+                  << " entries for feature" << feature);
   if (!initialized_) {
     NH_TRACE(1, "NexthopTable not initialized");
     return createRefused(-7);
@@ -84,8 +84,8 @@ S32 NextHopManager::createECMPGroup(U32, bool wide, bool fixedSize, U16 size,
   group->hwStartIndexIs(0);
   group->featuresSupportedIs(feature, true);
   for (U16 p = 0; p < size; ++p) {
-    NH_TRACE(9, "nhData " << std::hex << data.data(p) << "nhWideData " << wideData.data(p)
-                          << std::dec);
+    NH_TRACE(
+        9, "nhData " << std::hex << data.data(p) << "nhWideData " << wideData.data(p) << std::dec);
     // Until the group is placed, an entry's hwIndex holds its position.
     group->nextHopsIs(p, NextHopEntry(p, wide, data.data(p), wide ? wideData.data(p) : 0));
   }
@@ -104,7 +104,8 @@ S32 NextHopManager::createECMPGroup(U32, bool wide, bool fixedSize, U16 size,
 }
 
 S32 NextHopManager::addECMPGroupToTable(U16 groupId) {
-  NH_TRACE(8, "addECMPGroupToTable" << " groupId: " << groupId);
+  NH_TRACE(8, "addECMPGroupToTable"
+                  << " groupId: " << groupId);
   S32 refusal = 0;
   Kiln::Ptr<ECMPGroup> group = groupToPlaceOrRemove(*this, groupId, &refusal);
   if (!group) return refusal;
@@ -139,7 +140,8 @@ S32 NextHopManager::addECMPGroupToTable(U16 groupId) {
 }
 
 S32 NextHopManager::removeECMPGroupFromTable(U16 groupId) {
-  NH_TRACE(8, "removeECMPGroupFromTable" << "groupId: " << groupId);
+  NH_TRACE(8, "removeECMPGroupFromTable"
+                  << "groupId: " << groupId);
   S32 refusal = 0;
   Kiln::Ptr<ECMPGroup> group = groupToPlaceOrRemove(*this, groupId, &refusal);
   if (!group) return refusal;
@@ -199,7 +201,8 @@ S32 NextHopManager::deleteECMPGroup(U32, U16 groupId) {
 }
 
 Kiln::Ptr<ECMPGroup> NextHopManager::getECMPGroup(U16 groupId) {
-  NH_TRACE(8, "getECMPGroup" << "groupId: " << groupId);
+  NH_TRACE(8, "getECMPGroup"
+                  << "groupId: " << groupId);
   // The placeholder answers every failed lookup, so the result is never
   // null; callers recognise it by its id.
   Kiln::Ptr<ECMPGroup> placeholder = ecmpGroupsIs(invalidGroupId);

@@ -49,7 +49,8 @@ FreeRunTree::Span FreeRunTree::joined(const Span& low, const Span& high, U32 sho
 
 void FreeRunTree::rebuild() {
   for (U32 w = 0; w < wordCount; ++w) nodes_[wordCount + w] = leafOf(words_[w], 64, shortLength_);
-  for (U32 n = wordCount; n-- > 1;) nodes_[n] = joined(nodes_[2 * n], nodes_[2 * n + 1], shortLength_);
+  for (U32 n = wordCount; n-- > 1;)
+    nodes_[n] = joined(nodes_[2 * n], nodes_[2 * n + 1], shortLength_);
   staleWords_.fill(0);
   stale_ = false;
 }
@@ -68,7 +69,8 @@ bool FreeRunTree::refresh() {
       const U32 w = group * 64 + U32(std::countr_zero(bits));
       U32 n = wordCount + w;
       nodes_[n] = leafOf(words_[w], 64, shortLength_);
-      for (n /= 2; n >= 1; n /= 2) nodes_[n] = joined(nodes_[2 * n], nodes_[2 * n + 1], shortLength_);
+      for (n /= 2; n >= 1; n /= 2)
+        nodes_[n] = joined(nodes_[2 * n], nodes_[2 * n + 1], shortLength_);
     }
     staleWords_[group] = 0;
   }

@@ -103,8 +103,7 @@ U32 HitlessChecker::check() {
   }
   // Owners forget groups that are gone.
   for (auto it = ownerViews_.begin(); it != ownerViews_.end();) {
-    it = manager_.ecmpGroups(it->first) == it->second.group ? std::next(it)
-                                                            : ownerViews_.erase(it);
+    it = manager_.ecmpGroups(it->first) == it->second.group ? std::next(it) : ownerViews_.erase(it);
   }
   return violationsOfThisCheck_;
 }
@@ -162,11 +161,11 @@ void HitlessChecker::violationIs(U16 groupId, std::string text, Mode mode) {
   }
   if (violations_.size() < violationsKept) {
     // Whole-table texts name their group first; incremental ones say it.
-    violations_.push_back(Violation{mode == Mode::wholeTable ? checks_ : writesChecked_, groupId,
-                                    mode == Mode::wholeTable
-                                        ? "group " + std::to_string(groupId) + ": " + std::move(text)
-                                        : std::move(text),
-                                    mode});
+    violations_.push_back(Violation{
+        mode == Mode::wholeTable ? checks_ : writesChecked_, groupId,
+        mode == Mode::wholeTable ? "group " + std::to_string(groupId) + ": " + std::move(text)
+                                 : std::move(text),
+        mode});
   }
 }
 
@@ -213,8 +212,8 @@ void HitlessChecker::ownedMovedTo(U16 groupId, U16 base) {
   const auto found = owned_.find(groupId);
   if (found == owned_.end()) {
     violationIs(groupId,
-                "owners told that group " + std::to_string(groupId) + ", which nobody created, moved to " +
-                    std::to_string(base),
+                "owners told that group " + std::to_string(groupId) +
+                    ", which nobody created, moved to " + std::to_string(base),
                 Mode::incremental);
     return;
   }
@@ -225,7 +224,8 @@ void HitlessChecker::ownedMovedTo(U16 groupId, U16 base) {
   own(groupId, g, true);
   // An owner may be told the final base before the last leg of a move
   // through the swap area has written it: the check waits for the next write.
-  if (std::find(movedSinceWrite_.begin(), movedSinceWrite_.end(), groupId) == movedSinceWrite_.end()) {
+  if (std::find(movedSinceWrite_.begin(), movedSinceWrite_.end(), groupId) ==
+      movedSinceWrite_.end()) {
     movedSinceWrite_.push_back(groupId);
   }
 }
@@ -241,8 +241,8 @@ U32 HitlessChecker::written(U32 first, U32 count, const U64* data) {
     const U64 expected = g.word(index);
     if (data[k] != expected) {
       violationIs(id,
-                  "write of " + hex(data[k]) + " at " + std::to_string(index) + " inside " + named(id, g) +
-                      ", whose owners expect " + hex(expected),
+                  "write of " + hex(data[k]) + " at " + std::to_string(index) + " inside " +
+                      named(id, g) + ", whose owners expect " + hex(expected),
                   Mode::incremental);
     }
   }
@@ -251,7 +251,8 @@ U32 HitlessChecker::written(U32 first, U32 count, const U64* data) {
 }
 
 void HitlessChecker::settle() {
-  for (U16 id : movedSinceWrite_) checkProgrammed(id, owned_.at(id), "when its owners were told it moved");
+  for (U16 id : movedSinceWrite_)
+    checkProgrammed(id, owned_.at(id), "when its owners were told it moved");
   movedSinceWrite_.clear();
 }
 
@@ -265,7 +266,8 @@ void HitlessChecker::own(U16 groupId, const OwnedGroup& group, bool owned) {
     if (owned && ownerOfIndex_[i] != noOwner && ownerOfIndex_[i] != groupId) {
       violationIs(groupId,
                   "group " + std::to_string(groupId) + " placed at " + std::to_string(group.base) +
-                      " over entry " + std::to_string(i) + " of group " + std::to_string(ownerOfIndex_[i]),
+                      " over entry " + std::to_string(i) + " of group " +
+                      std::to_string(ownerOfIndex_[i]),
                   Mode::incremental);
     }
     if (owned || ownerOfIndex_[i] == groupId) ownerOfIndex_[i] = owned ? groupId : noOwner;
@@ -277,8 +279,8 @@ void HitlessChecker::checkProgrammed(U16 groupId, const OwnedGroup& g, const std
     const U64 chip = reader_(static_cast<U16>(i));
     if (chip != g.word(i)) {
       violationIs(groupId,
-                  named(groupId, g) + ": entry " + std::to_string(i) + " holds " + hex(chip) + ", not " +
-                      hex(g.word(i)) + ", " + when,
+                  named(groupId, g) + ": entry " + std::to_string(i) + " holds " + hex(chip) +
+                      ", not " + hex(g.word(i)) + ", " + when,
                   Mode::incremental);
       return;
     }

@@ -62,9 +62,10 @@ void accessTable(const TableAccess& access, U16 index, U16 count, U64* data) {
   // The chip API's own trace and error texts print the address as a pointer.
   void* const addressText = reinterpret_cast<void*>(static_cast<uintptr_t>(address));
   try {
-    chipCall(access.caller, access.function, access.format,
-             [&] { return access.api(0, address, count, data); }, 0, addressText, int(count),
-             static_cast<void*>(data));
+    chipCall(
+        access.caller, access.function, access.format,
+        [&] { return access.api(0, address, count, data); }, 0, addressText, int(count),
+        static_cast<void*>(data));
   } catch (const FmApi::FmError& error) {
     reportTableFailure(access, error.status);
     // A failed table access is never reported to the caller: the chip and the
@@ -85,9 +86,10 @@ void readNextHopInternal(U16 index, U16 count, U64* data) {
 
 U32 logicalPortGlort(S32 logicalPort, const char* caller) {
   U32 glort = 0;
-  chipCall(caller, "fmGetLogicalPortGlort", "fmGetLogicalPortGlort( %d, %d, %p )",
-           [&] { return fmGetLogicalPortGlort(0, logicalPort, &glort); }, 0, logicalPort,
-           static_cast<void*>(&glort));
+  chipCall(
+      caller, "fmGetLogicalPortGlort", "fmGetLogicalPortGlort( %d, %d, %p )",
+      [&] { return fmGetLogicalPortGlort(0, logicalPort, &glort); }, 0, logicalPort,
+      static_cast<void*>(&glort));
   return glort;
 }
 
@@ -99,8 +101,7 @@ FmApi::FmError chipCallError(S32 status, const char* function, const char* forma
   va_end(args);
   const int strSize = int(sizeof(text)) - 1 - length;
   KILN_ASSERT(strSize > 0);
-  std::snprintf(text + length, size_t(strSize) + 1, ": status %d (%s)", status,
-                fmErrorMsg(status));
+  std::snprintf(text + length, size_t(strSize) + 1, ": status %d (%s)", status, fmErrorMsg(status));
   return FmApi::FmError(status, function, text);
 }
 

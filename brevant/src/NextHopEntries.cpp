@@ -20,7 +20,8 @@ bool placedIndex(const NextHopManager& manager, const ECMPGroup& group, U16 nhId
 
 S32 NextHopManager::updateECMPGroup(U32, S32 groupId, const U64Collection& data,
                                     const U64Collection& wideData) {
-  NH_TRACE(8, "updateECMPGroup" << " : " << groupId);
+  NH_TRACE(8, "updateECMPGroup"
+                  << " : " << groupId);
   if (!initialized_) {
     NH_TRACE(1, "NexthopTable not initialized");
     return -7;
@@ -34,8 +35,8 @@ S32 NextHopManager::updateECMPGroup(U32, S32 groupId, const U64Collection& data,
   // Positions from size on are ignored; a missing position writes 0. There
   // is no roll-back: positions before a failure stay rewritten.
   for (U16 p = 0; p < group->size(); ++p) {
-    NH_TRACE(9, "nhData " << std::hex << data.data(p) << "nhWideData " << wideData.data(p)
-                          << std::dec);
+    NH_TRACE(
+        9, "nhData " << std::hex << data.data(p) << "nhWideData " << wideData.data(p) << std::dec);
     const NextHopEntry entry(0, group->wide(), data.data(p), group->wide() ? wideData.data(p) : 0);
     const S32 rc = updateNextHop(id, p, entry);
     if (rc != 0) {
@@ -67,7 +68,8 @@ S32 NextHopManager::updateNextHop(U16 groupId, U16 nhId, const NextHopEntry& ent
 }
 
 NextHopEntry NextHopManager::readNextHop(U16 groupId, U16 nhId) {
-  NH_TRACE(8, "readNextHop" << "groupId: " << groupId << "NexthopId: " << nhId);
+  NH_TRACE(8, "readNextHop"
+                  << "groupId: " << groupId << "NexthopId: " << nhId);
   if (!initialized_) {
     NH_TRACE(1, "NextHoptable is not initiliazed");
     return NextHopEntry();
@@ -83,8 +85,8 @@ NextHopEntry NextHopManager::readNextHop(U16 groupId, U16 nhId) {
   }
   U16 index;
   if (!placedIndex(*this, *group, nhId, index)) return NextHopEntry();
-  NH_TRACE(2, "Reading next hop number " << nhId << " of group " << groupId << " at index "
-                                         << index);
+  NH_TRACE(2,
+           "Reading next hop number " << nhId << " of group " << groupId << " at index " << index);
   // Read from the chip, not from the record: comparing the two is how a
   // caller checks the hardware.
   U64 words[2] = {0, 0};

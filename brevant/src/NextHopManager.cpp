@@ -43,9 +43,7 @@ void NextHopManager::destructHook() {
   defragManagerIs(nullptr);
 }
 
-U16 NextHopManager::getNextHopTableBound() {
-  return simMode_ ? simNextHopTableBound_ : tableBound;
-}
+U16 NextHopManager::getNextHopTableBound() { return simMode_ ? simNextHopTableBound_ : tableBound; }
 
 U16 NextHopManager::getNextHopTableSwapIndex() {
   // A simulated bound below 8 wraps round in 16 bits, on purpose.
@@ -63,7 +61,8 @@ void NextHopManager::initHandler() {
       bool mcast;
       S32 logicalPort;
     };
-    for (const Reserved& r : {Reserved{0, false, reservedPort0}, Reserved{1, true, reservedPort1}}) {
+    for (const Reserved& r :
+         {Reserved{0, false, reservedPort0}, Reserved{1, true, reservedPort1}}) {
       const U16 index = r.groupId + 1;
       Kiln::Ptr<ECMPGroup> group = ecmpGroupsIs(r.groupId);
       group->wideIs(false);

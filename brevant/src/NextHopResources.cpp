@@ -92,10 +92,10 @@ void NextHopResources::checkWatermarks() {
   if (used != usedAlarm_) {
     if (used) {
       NH_TRACE(3, "Next-hop table use " << usedPercent_ << "% reached the high watermark "
-                                         << usedHighWatermark_ << "%");
+                                        << usedHighWatermark_ << "%");
     } else {
       NH_TRACE(3, "Next-hop table use " << usedPercent_ << "% is back at the low watermark "
-                                         << usedLowWatermark_ << "%");
+                                        << usedLowWatermark_ << "%");
     }
     usedAlarmIs(used);
   }
@@ -104,12 +104,12 @@ void NextHopResources::checkWatermarks() {
   if (fragmented != fragmentationAlarm_) {
     if (fragmented) {
       NH_TRACE(3, "Next-hop table fragmentation " << fragmentationPercent_
-                                                   << "% reached the high watermark "
-                                                   << fragmentationHighWatermark_ << "%");
+                                                  << "% reached the high watermark "
+                                                  << fragmentationHighWatermark_ << "%");
     } else {
       NH_TRACE(3, "Next-hop table fragmentation " << fragmentationPercent_
-                                                   << "% is back at the low watermark "
-                                                   << fragmentationLowWatermark_ << "%");
+                                                  << "% is back at the low watermark "
+                                                  << fragmentationLowWatermark_ << "%");
     }
     fragmentationAlarmIs(fragmented);
   }
@@ -143,8 +143,9 @@ void NextHopManager::refreshResources() {
   // to lastWideIndex, a wide one from below the swap index down to just
   // above lastNarrowIndex.
   const U32 narrowLongest = freeRuns.span(0, lastWideIndex_).longest;
-  const U32 wideLongest =
-      swapIndex > U32(lastNarrowIndex_) + 1 ? freeRuns.span(lastNarrowIndex_ + 1, swapIndex).longest : 0;
+  const U32 wideLongest = swapIndex > U32(lastNarrowIndex_) + 1
+                              ? freeRuns.span(lastNarrowIndex_ + 1, swapIndex).longest
+                              : 0;
   r.largestNarrowBlockIs(U16(std::min(narrowLongest, maxBlockEntries)));
   r.largestWideBlockIs(U16(std::min(wideLongest, maxBlockEntries)));
   r.freeRunsIs(freeRuns.table().runs);

@@ -683,28 +683,20 @@ U64 snapshotChecksum(std::string_view bytes) {
 
 const char* problemName(SnapshotError::Problem problem) {
   switch (problem) {
-    case Problem::missing:
-      return "missing";
-    case Problem::unreadable:
-      return "unreadable";
-    case Problem::truncated:
-      return "truncated";
-    case Problem::corrupt:
-      return "corrupt";
-    case Problem::otherVersion:
-      return "other version";
+    case Problem::missing: return "missing";
+    case Problem::unreadable: return "unreadable";
+    case Problem::truncated: return "truncated";
+    case Problem::corrupt: return "corrupt";
+    case Problem::otherVersion: return "other version";
   }
   return "?";
 }
 
 const char* outcomeName(RestoreResult::Outcome outcome) {
   switch (outcome) {
-    case RestoreResult::Outcome::warm:
-      return "warm";
-    case RestoreResult::Outcome::rewritten:
-      return "rewritten";
-    case RestoreResult::Outcome::cold:
-      return "cold";
+    case RestoreResult::Outcome::warm: return "warm";
+    case RestoreResult::Outcome::rewritten: return "rewritten";
+    case RestoreResult::Outcome::cold: return "cold";
   }
   return "?";
 }

@@ -63,8 +63,10 @@ int main() {
   // plenty of free entries, but in runs of four. (The fill ends with a
   // refused request, which already schedules the defragmenter.)
   std::vector<S32> groups;
-  for (S32 id; (id = createGroup(*manager, 4, 0x100 * (groups.size() + 1))) >= 0;) groups.push_back(id);
-  for (size_t i = 0; i < groups.size(); i += 2) manager->deleteECMPGroup(0, static_cast<U16>(groups[i]));
+  for (S32 id; (id = createGroup(*manager, 4, 0x100 * (groups.size() + 1))) >= 0;)
+    groups.push_back(id);
+  for (size_t i = 0; i < groups.size(); i += 2)
+    manager->deleteECMPGroup(0, static_cast<U16>(groups[i]));
   printSummary("Fragmented:", *manager);
 
   // Eight next hops need a run of eight: refused for now (-2), with the

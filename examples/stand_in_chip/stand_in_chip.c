@@ -36,5 +36,7 @@ int32_t fmGetLogicalPortGlort(int32_t sw, int32_t logicalPort, uint32_t* glort) 
 }
 
 const char* fmErrorMsg(int32_t status) {
-  return status == statusOk ? "Success" : status == statusInvalidArgument ? "Invalid argument" : "Failure";
+  return status == statusOk                ? "Success"
+         : status == statusInvalidArgument ? "Invalid argument"
+                                           : "Failure";
 }

@@ -24,7 +24,8 @@ int main() {
   U64 chip[4] = {};
   const S32 status = fmReadUINT64Mult(0, 0x160000 + 2 * start, 4, chip);
   for (U16 position = 0; position < 4; ++position) {
-    std::printf("index %u: 0x%llx\n", start + position, static_cast<unsigned long long>(chip[position]));
+    std::printf("index %u: 0x%llx\n", start + position,
+                static_cast<unsigned long long>(chip[position]));
     if (status != 0 || chip[position] != 0xA000u + position) return 1;
   }
   std::printf("group %d written through the stand-in chip library\n", group);

@@ -73,8 +73,7 @@ Call admitted(Chip& state, Call call, bool argumentsValid) {
     ++state.lockViolations;
     if (state.strict) KILN_ASSERT(!call.activityLockHeld);
   }
-  call.status = argumentsValid ? faultStatus(state, call.function)
-                               : FmApi::statusInvalidArgument;
+  call.status = argumentsValid ? faultStatus(state, call.function) : FmApi::statusInvalidArgument;
   call.order = state.calls.size();
   state.calls.push_back(call);
   return call;
@@ -116,14 +115,10 @@ bool validAccess(S32 sw, U32 address, S32 count, const U64* data) {
 
 const char* functionName(Function function) {
   switch (function) {
-    case Function::any:
-      return "any";
-    case Function::writeUINT64Mult:
-      return "fmWriteUINT64Mult";
-    case Function::readUINT64Mult:
-      return "fmReadUINT64Mult";
-    case Function::getLogicalPortGlort:
-      return "fmGetLogicalPortGlort";
+    case Function::any: return "any";
+    case Function::writeUINT64Mult: return "fmWriteUINT64Mult";
+    case Function::readUINT64Mult: return "fmReadUINT64Mult";
+    case Function::getLogicalPortGlort: return "fmGetLogicalPortGlort";
   }
   return "unknown";
 }
@@ -254,8 +249,9 @@ S32 fmWriteUINT64Mult(S32 sw, U32 address, S32 count, U64* data) {
   FmSim::WriteObserver observer;
   {
     std::lock_guard<std::mutex> hold(state.mutex);
-    call = FmSim::admitted(state, FmSim::registerCall(Function::writeUINT64Mult, sw, address, count),
-                           FmSim::validAccess(sw, address, count, data));
+    call =
+        FmSim::admitted(state, FmSim::registerCall(Function::writeUINT64Mult, sw, address, count),
+                        FmSim::validAccess(sw, address, count, data));
     charge.callIs(state, call.status == FmApi::statusOk ? count : 0);
     if (call.status != FmApi::statusOk) return call.status;
     for (S32 k = 0; k < count; ++k) state.registers[sw][address + 2 * U32(k)] = data[k];
@@ -287,8 +283,8 @@ S32 fmGetLogicalPortGlort(S32 sw, S32 logicalPort, U32* glort) {
   FmSim::TimeCharge charge;
   std::lock_guard<std::mutex> hold(state.mutex);
   Call request{0, Function::getLogicalPortGlort, sw, 0, 0, logicalPort, FmApi::statusOk, false};
-  const Call call = FmSim::admitted(
-      state, request, FmSim::validSwitch(sw) && logicalPort >= 0 && glort != nullptr);
+  const Call call = FmSim::admitted(state, request,
+                                    FmSim::validSwitch(sw) && logicalPort >= 0 && glort != nullptr);
   charge.callIs(state, 0);
   if (call.status != FmApi::statusOk) return call.status;
   auto found = state.glorts.find({sw, logicalPort});
@@ -298,14 +294,10 @@ S32 fmGetLogicalPortGlort(S32 sw, S32 logicalPort, U32* glort) {
 
 const char* fmErrorMsg(S32 status) {
   switch (status) {
-    case FmApi::statusOk:
-      return "Success";
-    case FmSim::statusFailed:
-      return "Operation failed";
-    case FmApi::statusInvalidArgument:
-      return "Invalid argument";
-    default:
-      return "Unknown status";
+    case FmApi::statusOk: return "Success";
+    case FmSim::statusFailed: return "Operation failed";
+    case FmApi::statusInvalidArgument: return "Invalid argument";
+    default: return "Unknown status";
   }
 }
 

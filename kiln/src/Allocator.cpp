@@ -80,10 +80,9 @@ std::vector<const AllocationRecord*> allocationRecords() {
     std::lock_guard<std::mutex> lock(r.mutex);
     records = r.records;
   }
-  std::stable_sort(records.begin(), records.end(),
-                   [](const AllocationRecord* a, const AllocationRecord* b) {
-                     return a->name() < b->name();
-                   });
+  std::stable_sort(
+      records.begin(), records.end(),
+      [](const AllocationRecord* a, const AllocationRecord* b) { return a->name() < b->name(); });
   return records;
 }
 

@@ -23,8 +23,8 @@ void fatalHookIs(FatalHook hook) {
 
 void assertionFailed(const char* expression, const char* file, unsigned line,
                      const char* function) {
-  std::fprintf(stderr, "%s: %s:%u: %s: Assertion `%s' failed.\n", __progname,
-               file, line, function, expression);
+  std::fprintf(stderr, "%s: %s:%u: %s: Assertion `%s' failed.\n", __progname, file, line, function,
+               expression);
   std::fflush(stderr);
   for (int i = 0; i < hookCount; ++i) hooks[i]();
   std::fflush(stderr);

@@ -14,16 +14,14 @@ class PtrInterfaceType : public TypeRecord {
 class EntityType : public TypeRecord {
  public:
   EntityType()
-      : TypeRecord("Kiln::Entity", TypeKind::entity, &ptrInterfaceType(),
-                   {{"name", Entity::kilnNameIndex, AttributeKind::base, "Kiln::Name", ""},
-                    {"parent", Entity::kilnParentIndex, AttributeKind::base,
-                     "Kiln::PtrInterface*", ""},
-                    {"parentAttrName", Entity::kilnParentAttrNameIndex, AttributeKind::base,
-                     "Kiln::Name", ""},
-                    {"fullName", Entity::kilnFullNameIndex, AttributeKind::base, "Kiln::Name",
-                     ""},
-                    {"entity", Entity::kilnEntityIndex, AttributeKind::base, "Kiln::Entity*",
-                     ""}}) {}
+      : TypeRecord(
+            "Kiln::Entity", TypeKind::entity, &ptrInterfaceType(),
+            {{"name", Entity::kilnNameIndex, AttributeKind::base, "Kiln::Name", ""},
+             {"parent", Entity::kilnParentIndex, AttributeKind::base, "Kiln::PtrInterface*", ""},
+             {"parentAttrName", Entity::kilnParentAttrNameIndex, AttributeKind::base, "Kiln::Name",
+              ""},
+             {"fullName", Entity::kilnFullNameIndex, AttributeKind::base, "Kiln::Name", ""},
+             {"entity", Entity::kilnEntityIndex, AttributeKind::base, "Kiln::Entity*", ""}}) {}
 
  protected:
   std::string kilnGet(const PtrInterface& o, U32 index) const override {

@@ -189,8 +189,7 @@ void sequenceToValue(TextReader& in, std::string& v) {
         in.skip(hex);
         break;
       }
-      default:
-        in.fail("one of \\\\ \\' \\n \\r \\t \\x");
+      default: in.fail("one of \\\\ \\' \\n \\r \\t \\x");
     }
   }
   in.expect("'");

@@ -23,8 +23,8 @@ void reinstantiationError(const char* param, const std::string& newText,
   throw NameInUseException(
       std::string("Reinstantiating the pointer interface where constructor parameter "
                   "attribute _") +
-      param + " has a different value of " + newText + " than the current value of " +
-      currentText + " not allowed");
+      param + " has a different value of " + newText + " than the current value of " + currentText +
+      " not allowed");
 }
 
 }  // namespace Kiln

@@ -115,8 +115,7 @@ void TypeRecord::memberIs(PtrInterface& o, std::string_view name, std::string_vi
   kilnMemberIs(o, indexOf(name), keyText, valueText);
 }
 
-void TypeRecord::memberDel(PtrInterface& o, std::string_view name,
-                           std::string_view keyText) const {
+void TypeRecord::memberDel(PtrInterface& o, std::string_view name, std::string_view keyText) const {
   kilnMemberDel(o, indexOf(name), keyText);
 }
 
@@ -217,13 +216,12 @@ void TypeRecord::notSupported(std::string_view what, U32 index) const {
   notSupported(what, a ? a->name : std::to_string(index));
 }
 
-void TypeRecord::expectArguments(std::string_view operation,
-                                 const std::vector<std::string>& args,
+void TypeRecord::expectArguments(std::string_view operation, const std::vector<std::string>& args,
                                  std::size_t count) const {
   if (args.size() != count) {
-    throw OperationNotSupportedException(
-        name_ + "::" + std::string(operation) + " takes " + std::to_string(count) +
-        " arguments, not " + std::to_string(args.size()));
+    throw OperationNotSupportedException(name_ + "::" + std::string(operation) + " takes " +
+                                         std::to_string(count) + " arguments, not " +
+                                         std::to_string(args.size()));
   }
 }
 

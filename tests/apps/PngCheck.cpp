@@ -9,8 +9,8 @@ namespace AgentTest {
 namespace {
 
 U32 bigEndian(const std::string& bytes, size_t at) {
-  return (U32(U8(bytes[at])) << 24) | (U32(U8(bytes[at + 1])) << 16) | (U32(U8(bytes[at + 2])) << 8) |
-         U32(U8(bytes[at + 3]));
+  return (U32(U8(bytes[at])) << 24) | (U32(U8(bytes[at + 1])) << 16) |
+         (U32(U8(bytes[at + 2])) << 8) | U32(U8(bytes[at + 3]));
 }
 
 // The Paeth predictor of the PNG filters.
@@ -47,8 +47,8 @@ std::string decodePng(const std::string& bytes, PngImage& image) {
     if (at + 12 + length > bytes.size()) return "a chunk runs past the end of the file";
     const std::string type = bytes.substr(at + 4, 4);
     const std::string body = bytes.substr(at + 8, length);
-    const U32 crc = static_cast<U32>(crc32(crc32(0, nullptr, 0),
-                                           reinterpret_cast<const Bytef*>(bytes.data() + at + 4), length + 4));
+    const U32 crc = static_cast<U32>(crc32(
+        crc32(0, nullptr, 0), reinterpret_cast<const Bytef*>(bytes.data() + at + 4), length + 4));
     if (crc != bigEndian(bytes, at + 8 + length)) return "bad CRC in chunk " + type;
     if (type == "IHDR") {
       if (length != 13) return "IHDR is not 13 bytes";
@@ -71,7 +71,8 @@ std::string decodePng(const std::string& bytes, PngImage& image) {
   const size_t stride = size_t(image.width) * channels;
   std::vector<U8> raw(image.height * (stride + 1));
   uLongf rawSize = raw.size();
-  if (uncompress(raw.data(), &rawSize, reinterpret_cast<const Bytef*>(data.data()), data.size()) != Z_OK ||
+  if (uncompress(raw.data(), &rawSize, reinterpret_cast<const Bytef*>(data.data()), data.size()) !=
+          Z_OK ||
       rawSize != raw.size()) {
     return "the image data does not inflate to its size";
   }
@@ -98,7 +99,8 @@ std::string decodePng(const std::string& bytes, PngImage& image) {
     }
     for (U32 x = 0; x < image.width; ++x) {
       const U8* p = &row[x * channels];
-      image.pixels.push_back((U32(p[0]) << 24) | (U32(p[1]) << 16) | (U32(p[2]) << 8) | (channels == 4 ? p[3] : 0xFF));
+      image.pixels.push_back((U32(p[0]) << 24) | (U32(p[1]) << 16) | (U32(p[2]) << 8) |
+                             (channels == 4 ? p[3] : 0xFF));
     }
     previous = row;
   }

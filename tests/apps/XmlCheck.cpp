@@ -28,7 +28,9 @@ class Checker {
   }
 
  private:
-  bool startsWith(const char* s) const { return text_.compare(at_, std::char_traits<char>::length(s), s) == 0; }
+  bool startsWith(const char* s) const {
+    return text_.compare(at_, std::char_traits<char>::length(s), s) == 0;
+  }
 
   std::string fail(const std::string& what) {
     if (problem_.empty()) problem_ = what + " at offset " + std::to_string(at_);
@@ -60,7 +62,9 @@ class Checker {
     }
   }
 
-  static bool nameStart(char c) { return std::isalpha(static_cast<unsigned char>(c)) || c == '_' || c == ':'; }
+  static bool nameStart(char c) {
+    return std::isalpha(static_cast<unsigned char>(c)) || c == '_' || c == ':';
+  }
   static bool nameChar(char c) {
     return nameStart(c) || std::isdigit(static_cast<unsigned char>(c)) || c == '-' || c == '.';
   }

@@ -6,11 +6,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <future>
+#include <sstream>
 #include <thread>
 
 #include "Brevant/DefragManager.h"
@@ -206,19 +206,19 @@ TEST(AgentRun, ARefusedCreateSucceedsRightAfterTheDefragmentationRun) {
   // a 3..10, b 11..16, c 17..20, d 21..24, e 25..30, f 31..34, g 35..42,
   // h 43..50, i 51..55; b and e go, leaving two holes of 6: a group of 8
   // finds no block although 12 entries (20 with the swap area) are free.
-  AgentSimulation agent(configOf(
-      "create a narrow 8 unicast\n"
-      "create b narrow 6 unicast\n"
-      "create c narrow 4 nat\n"
-      "create d narrow 4 unicast\n"
-      "create e narrow 6 vxlan\n"
-      "create f narrow 4 unicast\n"
-      "create g narrow 8 unicast\n"
-      "create h narrow 8 unicast\n"
-      "create i narrow 5 unicast\n"
-      "delete b\n"
-      "delete e\n"
-      "create x narrow 8 unicast\n"));
+  AgentSimulation agent(
+      configOf("create a narrow 8 unicast\n"
+               "create b narrow 6 unicast\n"
+               "create c narrow 4 nat\n"
+               "create d narrow 4 unicast\n"
+               "create e narrow 6 vxlan\n"
+               "create f narrow 4 unicast\n"
+               "create g narrow 8 unicast\n"
+               "create h narrow 8 unicast\n"
+               "create i narrow 5 unicast\n"
+               "delete b\n"
+               "delete e\n"
+               "create x narrow 8 unicast\n"));
   const Report r = agent.run();
   EXPECT_EQ(r.refusals, (std::map<S32, U64>{{-2, 1}}));
   EXPECT_EQ(r.queuedForRetry, 1u);
@@ -243,12 +243,12 @@ TEST(AgentRun, ARefusedCreateSucceedsRightAfterTheDefragmentationRun) {
   EXPECT_EQ(agent.view(Feature::nat), (Placements{{5, {11, 4}}}));
   // x took the id b left (4) and the block after i.
   EXPECT_EQ(agent.view(Feature::unicast), (Placements{{3, {3, 8}},
-                                                       {4, {44, 8}},
-                                                       {6, {15, 4}},
-                                                       {8, {19, 4}},
-                                                       {9, {23, 8}},
-                                                       {10, {31, 8}},
-                                                       {11, {39, 5}}}));
+                                                      {4, {44, 8}},
+                                                      {6, {15, 4}},
+                                                      {8, {19, 4}},
+                                                      {9, {23, 8}},
+                                                      {10, {31, 8}},
+                                                      {11, {39, 5}}}));
   EXPECT_TRUE(agent.view(Feature::vxlan).empty());
   EXPECT_TRUE(r.passed());
   // The worst moment was the one with the two holes.
@@ -267,17 +267,17 @@ TEST(AgentRun, MovesThroughTheSwapAreaAreHitless) {
   // A hole of 2 below a group of 6: the group's move overlaps its old
   // place, so it goes through the swap area, and every later move of the
   // pass does too.
-  AgentSimulation agent(configOf(
-      "create a narrow 4 unicast\n"
-      "create b narrow 2 nat\n"
-      "create c narrow 6 unicast\n"
-      "create f1 narrow 8 vxlan\n"
-      "create f2 narrow 8 vxlan\n"
-      "create f3 narrow 8 vxlan\n"
-      "create f4 narrow 8 vxlan\n"
-      "create f5 narrow 8 vxlan\n"
-      "delete b\n"
-      "create e narrow 3 nat\n"));
+  AgentSimulation agent(
+      configOf("create a narrow 4 unicast\n"
+               "create b narrow 2 nat\n"
+               "create c narrow 6 unicast\n"
+               "create f1 narrow 8 vxlan\n"
+               "create f2 narrow 8 vxlan\n"
+               "create f3 narrow 8 vxlan\n"
+               "create f4 narrow 8 vxlan\n"
+               "create f5 narrow 8 vxlan\n"
+               "delete b\n"
+               "create e narrow 3 nat\n"));
   const Report r = agent.run();
   EXPECT_EQ(r.defragRuns, 1u);
   EXPECT_EQ(r.retriesSucceeded, 1u);
@@ -466,8 +466,9 @@ TEST_F(AgentSocketTest, BadRequestsNeverDisturbTheAgent) {
   });
   EXPECT_EQ(oversized, "error: request longer than 1024 bytes\n");
   EXPECT_EQ(afterwards, "4\n");
-  EXPECT_THAT(single, StartsWith("group 4: narrow, fixed size, 1 next hop at 7 (entries 7-7), features "
-                                 "RoutingNatFeature\n  0: index 7 data 0x"));
+  EXPECT_THAT(single,
+              StartsWith("group 4: narrow, fixed size, 1 next hop at 7 (entries 7-7), features "
+                         "RoutingNatFeature\n  0: index 7 data 0x"));
 }
 
 TEST_F(AgentSocketTest, ASocketThatCannotBeServedChangesNothing) {
@@ -496,7 +497,8 @@ TEST_P(AgentChurn, EveryRequestAndEveryQueuedCreateIsAccountedFor) {
   const Report r = agent.run();
   U64 requested = 0;
   for (const auto& [kind, c] : r.requests) {
-    EXPECT_EQ(c.requested, c.succeeded + c.refused + c.skipped + c.withdrawn) << requestKindName(kind);
+    EXPECT_EQ(c.requested, c.succeeded + c.refused + c.skipped + c.withdrawn)
+        << requestKindName(kind);
     requested += c.requested;
   }
   EXPECT_EQ(requested, r.workloadRequests);
@@ -532,11 +534,19 @@ TEST(AgentReport, ListsEachRefusalWithItsLineLabelAndMeaning) {
   EXPECT_EQ(r.refusalList[2].kind, RequestKind::read);
   std::ostringstream text;
   printReport(text, r);
-  EXPECT_THAT(text.str(), HasSubstr("  refused by code         -1 invalid request: 3 (3 first, 0 retries)\n"));
-  EXPECT_THAT(text.str(), HasSubstr("line 4 (big): create refused, -1 invalid request: 257 next hops, at most 256\n"));
-  EXPECT_THAT(text.str(), HasSubstr("  skipped                 1 (the label's group not in the table)\n"));
-  EXPECT_THAT(text.str(), HasSubstr("  delete                  2 requested: 1 succeeded at the first attempt, 1 skipped\n"));
-  EXPECT_THAT(text.str(), HasSubstr("  runs                    0 (0 cut by the budget and rescheduled; budget 0.1 s of agent time per pass)\n"));
+  EXPECT_THAT(text.str(),
+              HasSubstr("  refused by code         -1 invalid request: 3 (3 first, 0 retries)\n"));
+  EXPECT_THAT(
+      text.str(),
+      HasSubstr("line 4 (big): create refused, -1 invalid request: 257 next hops, at most 256\n"));
+  EXPECT_THAT(text.str(),
+              HasSubstr("  skipped                 1 (the label's group not in the table)\n"));
+  EXPECT_THAT(
+      text.str(),
+      HasSubstr(
+          "  delete                  2 requested: 1 succeeded at the first attempt, 1 skipped\n"));
+  EXPECT_THAT(text.str(), HasSubstr("  runs                    0 (0 cut by the budget and "
+                                    "rescheduled; budget 0.1 s of agent time per pass)\n"));
   EXPECT_THAT(text.str(), HasSubstr("1 run, largest 53"));
   EXPECT_THAT(text.str(), HasSubstr("  summary's free count    "));
 }
@@ -589,17 +599,20 @@ TEST(AgentWorkload, AWorkloadThatCannotRunOnTheTableIsRefusedWithItsLinesBeforeA
   EXPECT_EQ(Kiln::ActivityManager::instance().clock(), before);
   // On the full table only a wide group of more than 128 next hops is unfit.
   try {
-    AgentSimulation agent(configOf("create w wide 129 vxlan-tunnel\ncreate n narrow 256 nat\n", std::nullopt));
+    AgentSimulation agent(
+        configOf("create w wide 129 vxlan-tunnel\ncreate n narrow 256 nat\n", std::nullopt));
     FAIL() << "the workload ran";
   } catch (const UnfitWorkload& e) {
     ASSERT_EQ(e.problems().size(), 1u);
     EXPECT_EQ(e.problems()[0].line(), 1u);
-    EXPECT_EQ(e.problems()[0].message(), "wide group 'w' of 129 next hops: a wide group holds at most 128");
+    EXPECT_EQ(e.problems()[0].message(),
+              "wide group 'w' of 129 next hops: a wide group holds at most 128");
   }
 }
 
 TEST(AgentWorkload, TheSwapAreaIsTheTablesOwn) {
-  for (const std::optional<U16> bound : {std::optional<U16>(), std::optional<U16>(64), std::optional<U16>(1024)}) {
+  for (const std::optional<U16> bound :
+       {std::optional<U16>(), std::optional<U16>(64), std::optional<U16>(1024)}) {
     AgentSimulation agent(configOf("", bound));
     const Report r = agent.run();
     EXPECT_EQ(r.tableBound - r.swapIndex, swapAreaEntries(bound));
@@ -648,7 +661,8 @@ TEST(AgentRun, ARestartRequestKeepsEveryGroupAndChangesNoTableWord) {
   EXPECT_EQ(agent.view(Feature::unicast), (Placements{{3, {3, 4}}}));
   std::ostringstream text;
   printReport(text, r);
-  EXPECT_THAT(text.str(), HasSubstr("restarts                2, 0 table words changed by the restores"));
+  EXPECT_THAT(text.str(),
+              HasSubstr("restarts                2, 0 table words changed by the restores"));
   EXPECT_THAT(text.str(), HasSubstr("(workload request): warm, restore "));
 }
 
@@ -697,7 +711,8 @@ TEST_F(AgentSocketTest, SavesTheSnapshotAndShowsTheLastRestart) {
   agent.run();
   done.get();
   EXPECT_EQ(saved, "ok: snapshot saved to " + snapshot + "\n");
-  EXPECT_THAT(after, StartsWith("1 restarts, last at t = 0.0 s (workload request): warm, restore "));
+  EXPECT_THAT(after,
+              StartsWith("1 restarts, last at t = 0.0 s (workload request): warm, restore "));
   EXPECT_THAT(after, HasSubstr(", 64 chip words read, 0 changed\n"));
   std::remove(snapshot.c_str());
 }

@@ -33,10 +33,10 @@ TEST(CommandLine, NoArgumentsRunTheBuiltInWorkloadOnTheRealClock) {
 }
 
 TEST(CommandLine, RunTakesEveryOption) {
-  const CommandLine line = parseCommandLine({"run", "--workload", "w.txt", "--seed", "42", "--duration",
-                                             "60.5", "--sim-bound", "64", "--manual-clock", "--svg",
-                                             "t.svg", "--socket", "/tmp/a.sock", "--serve", "--no-progress",
-                                             "--check-every-write"});
+  const CommandLine line =
+      parseCommandLine({"run", "--workload", "w.txt", "--seed", "42", "--duration", "60.5",
+                        "--sim-bound", "64", "--manual-clock", "--svg", "t.svg", "--socket",
+                        "/tmp/a.sock", "--serve", "--no-progress", "--check-every-write"});
   EXPECT_EQ(line.command, CommandLine::Command::run);
   EXPECT_EQ(line.run.workloadFile, "w.txt");
   EXPECT_EQ(line.run.seed, 42u);
@@ -74,11 +74,14 @@ TEST(CommandLine, ClientJoinsTheRequestWords) {
 
 TEST(CommandLine, RefusesBadValues) {
   EXPECT_EQ(usageErrorOf({"--sim-bound", "63"}), "--sim-bound must be even, not 63");
-  EXPECT_EQ(usageErrorOf({"--sim-bound", "8"}), "--sim-bound expects a number from 16 to 65534, not '8'");
+  EXPECT_EQ(usageErrorOf({"--sim-bound", "8"}),
+            "--sim-bound expects a number from 16 to 65534, not '8'");
   EXPECT_EQ(usageErrorOf({"--sim-bound", "65536"}),
             "--sim-bound expects a number from 16 to 65534, not '65536'");
-  EXPECT_EQ(usageErrorOf({"--seed", "x"}), "--seed expects a number from 0 to 18446744073709551615, not 'x'");
-  EXPECT_EQ(usageErrorOf({"--duration", "-1"}), "--duration expects a number from 0 to 1e+07, not '-1'");
+  EXPECT_EQ(usageErrorOf({"--seed", "x"}),
+            "--seed expects a number from 0 to 18446744073709551615, not 'x'");
+  EXPECT_EQ(usageErrorOf({"--duration", "-1"}),
+            "--duration expects a number from 0 to 1e+07, not '-1'");
   EXPECT_EQ(usageErrorOf({"--workload"}), "--workload needs a value");
   EXPECT_EQ(usageErrorOf({"run", "--fast"}), "unknown option '--fast'");
 }
@@ -89,7 +92,9 @@ TEST(CommandLine, HelpListsCommandsAndRequests) {
   EXPECT_EQ(parseCommandLine({"--version"}).command, CommandLine::Command::version);
   EXPECT_THAT(usageText(), HasSubstr("brevant-agent --version"));
   EXPECT_THAT(usageText(), HasSubstr("brevant-agent client --socket PATH REQUEST..."));
-  EXPECT_THAT(usageText(), HasSubstr("show free-entries | show resources | show group ID | get PATH | set PATH VALUE"));
+  EXPECT_THAT(
+      usageText(),
+      HasSubstr("show free-entries | show resources | show group ID | get PATH | set PATH VALUE"));
 }
 
 TEST(CommandLine, RestartEveryTakesSecondsOfAgentTime) {
@@ -111,7 +116,8 @@ TEST(CommandLine, EverySubcommandAnswersHelp) {
     EXPECT_THAT(usageText(command), HasSubstr(command));
   }
   // Help wins over options before it, even incomplete ones.
-  EXPECT_EQ(parseCommandLine({"serve", "--manual-clock", "--help"}).command, CommandLine::Command::help);
+  EXPECT_EQ(parseCommandLine({"serve", "--manual-clock", "--help"}).command,
+            CommandLine::Command::help);
   EXPECT_EQ(parseCommandLine({"--help"}).helpTopic, "");
   EXPECT_THAT(usageText("run"), HasSubstr("--chip-call-time SECONDS"));
   EXPECT_THAT(usageText("client"), Not(HasSubstr("--seed")));
@@ -135,5 +141,6 @@ TEST(CommandLine, TakesTheChipTiming) {
   EXPECT_EQ(line.run.chipCallTime, 2e-6);
   EXPECT_EQ(line.run.chipWordTime, 0.0);
   EXPECT_FALSE(parseCommandLine({}).run.chipCallTime);
-  EXPECT_EQ(usageErrorOf({"--chip-word-time", "-1"}), "--chip-word-time expects a number from 0 to 1, not '-1'");
+  EXPECT_EQ(usageErrorOf({"--chip-word-time", "-1"}),
+            "--chip-word-time expects a number from 0 to 1, not '-1'");
 }

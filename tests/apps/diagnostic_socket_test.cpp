@@ -2,10 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <stdio.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -71,7 +71,8 @@ class DiagnosticSocketTest : public ::testing::Test {
 
   // Connects, sends raw bytes, optionally ends the sending side, and reads
   // the answer until the server closes.
-  static std::string rawExchange(const std::string& path, const std::string& bytes, bool endSending) {
+  static std::string rawExchange(const std::string& path, const std::string& bytes,
+                                 bool endSending) {
     const int fd = connectTo(path);
     if (fd < 0) return "connect failed";
     send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -162,7 +163,8 @@ TEST_F(DiagnosticSocketTest, AnEndlessRequestIsCutOff) {
 
 TEST_F(DiagnosticSocketTest, ControlCharactersAreMalformed) {
   serveEcho();
-  EXPECT_EQ(raw(std::string("show\x01", 5) + "\n"), "error: malformed request (control character)\n");
+  EXPECT_EQ(raw(std::string("show\x01", 5) + "\n"),
+            "error: malformed request (control character)\n");
   EXPECT_EQ(raw(std::string("a\0b\n", 4)), "error: malformed request (control character)\n");
   EXPECT_TRUE(handled_.empty());
   // A tab and a trailing carriage return are fine.

@@ -1,7 +1,7 @@
 // The brevant-agent program itself: its commands, exit codes and output.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -79,8 +79,8 @@ class ProgramTest : public ::testing::Test {
   // Runs the client in its own output files.
   Outcome client(const std::string& socket, const std::string& request) {
     const std::string out = dir_ + "/client.out";
-    const std::string command = std::string(BREVANT_AGENT_PROGRAM) + " client --socket '" + socket + "' " +
-                                request + " > '" + out + "' 2>&1";
+    const std::string command = std::string(BREVANT_AGENT_PROGRAM) + " client --socket '" + socket +
+                                "' " + request + " > '" + out + "' 2>&1";
     Outcome o;
     const int status = std::system(command.c_str());
     o.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -115,15 +115,20 @@ TEST_F(ProgramTest, VersionPrintsTheLibraryVersion) {
 TEST_F(ProgramTest, RunsAWorkloadAndPrintsTheReportAndTheSummary) {
   const std::string workload = file("w.txt", goodWorkload);
   const std::string svg = dir_ + "/table.svg";
-  const Outcome o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", workload, "--svg", svg,
-                         "--no-progress"});
+  const Outcome o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", workload,
+                         "--svg", svg, "--no-progress"});
   EXPECT_EQ(o.status, 0) << o.err;
   EXPECT_THAT(o.out, StartsWith("Agent run\n  workload                " + workload +
                                 ": 3 requests and 1 pause (sleep)\n"));
   EXPECT_THAT(o.out, HasSubstr("  clock                   manual, agent time 1.0 s"));
-  EXPECT_THAT(o.out, HasSubstr("  create                  2 requested: 2 succeeded at the first attempt\n"));
-  EXPECT_THAT(o.out, HasSubstr("  hitless                 passed: 2 chip writes checked, 0 violations\n"));
-  EXPECT_THAT(o.out, HasSubstr("  feature views           passed: 2 (group, feature) pairs of 2 groups checked"));
+  EXPECT_THAT(
+      o.out,
+      HasSubstr("  create                  2 requested: 2 succeeded at the first attempt\n"));
+  EXPECT_THAT(o.out,
+              HasSubstr("  hitless                 passed: 2 chip writes checked, 0 violations\n"));
+  EXPECT_THAT(
+      o.out,
+      HasSubstr("  feature views           passed: 2 (group, feature) pairs of 2 groups checked"));
   EXPECT_THAT(o.out, HasSubstr("  occupancy picture       " + svg + "\n"));
   EXPECT_THAT(o.out, HasSubstr("Free-entry summary\n"
                                "NextHopTable Defragmentation Scheduled : no\n"
@@ -149,7 +154,8 @@ TEST_F(ProgramTest, ShowsProgressOnlyWhenAsked) {
 }
 
 TEST_F(ProgramTest, ABadWorkloadLineStopsBeforeAnythingRuns) {
-  const std::string workload = file("bad.txt", "create a narrow 4 unicast\n\ncrate b narrow 1 nat\n");
+  const std::string workload =
+      file("bad.txt", "create a narrow 4 unicast\n\ncrate b narrow 1 nat\n");
   const Outcome o = run({"run", "--manual-clock", "--workload", workload});
   EXPECT_EQ(o.status, 2);
   EXPECT_THAT(o.err, StartsWith("brevant-agent: " + workload + ":3: unknown request 'crate'"));
@@ -160,7 +166,8 @@ TEST_F(ProgramTest, AWorkloadThatIsNotARegularFileIsAnError) {
   for (const std::string& workload : {dir_, std::string("/dev/zero")}) {
     const Outcome o = run({"run", "--manual-clock", "--workload", workload});
     EXPECT_EQ(o.status, 2) << workload;
-    EXPECT_THAT(o.err, StartsWith("brevant-agent: workload " + workload + " is not a regular file"));
+    EXPECT_THAT(o.err,
+                StartsWith("brevant-agent: workload " + workload + " is not a regular file"));
     EXPECT_EQ(o.out, "");
   }
 }
@@ -173,7 +180,8 @@ TEST_F(ProgramTest, NoArgumentsRunTheBuiltInWorkload) {
 
 TEST_F(ProgramTest, AWorkloadTooLargeForTheTableIsRefusedWithItsLines) {
   const std::string workload =
-      file("big.txt", "create a narrow 4 unicast\ncreate b narrow 16 unicast\ncreate c wide 8 vxlan-tunnel\n");
+      file("big.txt",
+           "create a narrow 4 unicast\ncreate b narrow 16 unicast\ncreate c wide 8 vxlan-tunnel\n");
   const Outcome o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", workload});
   EXPECT_EQ(o.status, 2);
   EXPECT_THAT(o.err, StartsWith("brevant-agent: " + workload + ":2: group 'b' takes 16 entries"));
@@ -185,17 +193,22 @@ TEST_F(ProgramTest, CreatesStillWaitingAtTheEndExitWithThree) {
   std::string text;
   for (int g = 0; g < 6; ++g) text += "create a" + std::to_string(g) + " narrow 8 unicast\n";
   text += "create a6 narrow 5 unicast\ncreate c narrow 8 nat\n";
-  const Outcome o = run({"run", "--manual-clock", "--sim-bound", "64", "--workload", file("w.txt", text)});
+  const Outcome o =
+      run({"run", "--manual-clock", "--sim-bound", "64", "--workload", file("w.txt", text)});
   EXPECT_EQ(o.status, 3) << o.err;
   EXPECT_THAT(o.out, HasSubstr("  ended by                settle limit\n"));
-  EXPECT_THAT(o.out, HasSubstr("line 8 (c): create refused, -2 no room: no block of 8 free entries in a row\n"));
+  EXPECT_THAT(
+      o.out,
+      HasSubstr("line 8 (c): create refused, -2 no room: no block of 8 free entries in a row\n"));
 }
 
 TEST_F(ProgramTest, AnUnwritablePictureIsRefusedBeforeTheRun) {
   const std::string workload = file("w.txt", goodWorkload);
-  Outcome o = run({"run", "--manual-clock", "--workload", workload, "--svg", dir_ + "/missing/t.svg"});
+  Outcome o =
+      run({"run", "--manual-clock", "--workload", workload, "--svg", dir_ + "/missing/t.svg"});
   EXPECT_EQ(o.status, 2);
-  EXPECT_THAT(o.err, HasSubstr("cannot write the picture " + dir_ + "/missing/t.svg: No such file or directory"));
+  EXPECT_THAT(o.err, HasSubstr("cannot write the picture " + dir_ +
+                               "/missing/t.svg: No such file or directory"));
   EXPECT_EQ(o.out, "");
   o = run({"run", "--manual-clock", "--workload", workload, "--svg", dir_});
   EXPECT_EQ(o.status, 2);
@@ -203,7 +216,8 @@ TEST_F(ProgramTest, AnUnwritablePictureIsRefusedBeforeTheRun) {
 }
 
 TEST_F(ProgramTest, ARealClockRunWithoutATerminalLogsItsProgress) {
-  const Outcome o = run({"run", "--sim-bound", "64", "--workload", file("w.txt", "create a narrow 1 nat\n")});
+  const Outcome o =
+      run({"run", "--sim-bound", "64", "--workload", file("w.txt", "create a narrow 1 nat\n")});
   EXPECT_EQ(o.status, 0) << o.err;
   EXPECT_THAT(o.err, StartsWith("brevant-agent: t = 0 s, "));
   EXPECT_THAT(o.err, HasSubstr("requests 1 of 1, groups 1, defragmentation runs 0, waiting 0\n"));
@@ -234,7 +248,8 @@ const char* const sevenRequests =
 
 TEST_F(ProgramTest, SevenValidRequestsNeverStopTheHardenedAgent) {
   const std::string workload = file("seven.txt", sevenRequests);
-  for (const std::vector<std::string>& table : {std::vector<std::string>{}, std::vector<std::string>{"--sim-bound", "64"}}) {
+  for (const std::vector<std::string>& table :
+       {std::vector<std::string>{}, std::vector<std::string>{"--sim-bound", "64"}}) {
     std::vector<std::string> args = {"run", "--manual-clock", "--workload", workload};
     args.insert(args.end(), table.begin(), table.end());
     const Outcome o = run(args);
@@ -251,8 +266,10 @@ TEST_F(ProgramTest, SevenValidRequestsRunAsTheLibraryDoesInTheReferenceBehaviour
   // either ends with its report or the library stops it on an assertion
   // with the expression text; nothing else.
   const std::string workload = file("seven.txt", sevenRequests);
-  for (const std::vector<std::string>& table : {std::vector<std::string>{}, std::vector<std::string>{"--sim-bound", "64"}}) {
-    std::vector<std::string> args = {"run", "--manual-clock", "--reference-behaviour", "--workload", workload};
+  for (const std::vector<std::string>& table :
+       {std::vector<std::string>{}, std::vector<std::string>{"--sim-bound", "64"}}) {
+    std::vector<std::string> args = {"run", "--manual-clock", "--reference-behaviour", "--workload",
+                                     workload};
     args.insert(args.end(), table.begin(), table.end());
     const Outcome o = run(args);
     if (o.status == -1) {

@@ -88,19 +88,25 @@ TEST(OccupancySvg, DrawsEachPanelWithTitleFiguresAndRuns) {
   const std::string svg = svgOf({smallTable("start"), smallTable("end")});
   EXPECT_EQ(occurrences(svg, "<g id=\"panel-"), 2);
   EXPECT_THAT(svg, HasSubstr(">start (t = 12.2 s)</text>"));
-  EXPECT_THAT(svg, HasSubstr(">37 usable free in 2 runs, largest 35, stranded 2; swap area 8 free</text>"));
+  EXPECT_THAT(
+      svg, HasSubstr(">37 usable free in 2 runs, largest 35, stranded 2; swap area 8 free</text>"));
   EXPECT_THAT(svg, HasSubstr(">8 narrow, 8 wide entries of 64; swap area from 56</text>"));
   // 16 columns of 32 pixels: entries 0..2 reserved are one rectangle, 3..9
   // narrow another, and row 3 (48..63) holds wide 48..55 and swap 56..63.
-  EXPECT_THAT(svg, HasSubstr("<rect x=\"72\" y=\"92\" width=\"96\" height=\"32\" fill=\"#333333\"/>"));
-  EXPECT_THAT(svg, HasSubstr("<rect x=\"168\" y=\"92\" width=\"224\" height=\"32\" fill=\"#2f6db5\"/>"));
-  EXPECT_THAT(svg, HasSubstr("<rect x=\"72\" y=\"188\" width=\"256\" height=\"32\" fill=\"#e8892b\"/>"));
-  EXPECT_THAT(svg, HasSubstr("<rect x=\"328\" y=\"188\" width=\"256\" height=\"32\" fill=\"#b39ddb\"/>"));
+  EXPECT_THAT(svg,
+              HasSubstr("<rect x=\"72\" y=\"92\" width=\"96\" height=\"32\" fill=\"#333333\"/>"));
+  EXPECT_THAT(svg,
+              HasSubstr("<rect x=\"168\" y=\"92\" width=\"224\" height=\"32\" fill=\"#2f6db5\"/>"));
+  EXPECT_THAT(svg,
+              HasSubstr("<rect x=\"72\" y=\"188\" width=\"256\" height=\"32\" fill=\"#e8892b\"/>"));
+  EXPECT_THAT(
+      svg, HasSubstr("<rect x=\"328\" y=\"188\" width=\"256\" height=\"32\" fill=\"#b39ddb\"/>"));
   // A rectangle per run of one kind on a row: rows 0 (reserved, narrow, free,
   // narrow, free), 1 and 2 (free), 3 (wide, swap).
   const std::regex cellRect("<rect x=\"\\d+\" y=\"\\d+\" width=\"\\d+\" height=\"32\" fill=");
-  const std::string firstPanel = svg.substr(svg.find("<g id=\"panel-0\">"),
-                                            svg.find("<g id=\"panel-1\">") - svg.find("<g id=\"panel-0\">"));
+  const std::string firstPanel =
+      svg.substr(svg.find("<g id=\"panel-0\">"),
+                 svg.find("<g id=\"panel-1\">") - svg.find("<g id=\"panel-0\">"));
   EXPECT_EQ(std::distance(std::sregex_iterator(firstPanel.begin(), firstPanel.end(), cellRect),
                           std::sregex_iterator()),
             9);
@@ -151,7 +157,8 @@ TEST(OccupancySvg, WritesAFileAndReportsAnUnwritableOne) {
   std::stringstream text;
   text << in.rdbuf();
   EXPECT_EQ(AgentTest::xmlProblem(text.str()), "");
-  EXPECT_FALSE(writeOccupancySvgFile(std::string(dir) + "/missing/table.svg", {smallTable("x")}, nullptr, error));
+  EXPECT_FALSE(writeOccupancySvgFile(std::string(dir) + "/missing/table.svg", {smallTable("x")},
+                                     nullptr, error));
   EXPECT_THAT(error, HasSubstr("cannot open"));
   unlink(path.c_str());
   rmdir(dir);
@@ -207,8 +214,9 @@ TEST(OccupancySvg, PlotsFreeSpaceOverTimeWithRunsAndRefusalsMarked) {
   EXPECT_EQ(occurrences(plot, "<polyline "), 3);
   EXPECT_THAT(plot, HasSubstr(">defragmentation run (2)</text>"));
   EXPECT_THAT(plot, HasSubstr(">refused create, tick below the axis (1)</text>"));
-  const std::string runs = plot.substr(plot.find("<g id=\"defrag-runs\">"), plot.find("<g id=\"refused-creates\">") -
-                                                                                  plot.find("<g id=\"defrag-runs\">"));
+  const std::string runs =
+      plot.substr(plot.find("<g id=\"defrag-runs\">"),
+                  plot.find("<g id=\"refused-creates\">") - plot.find("<g id=\"defrag-runs\">"));
   EXPECT_EQ(occurrences(runs, "<line "), 2);
   EXPECT_THAT(plot, HasSubstr(">100.0 s</text>"));
   // Without a timeline there is no plot.
@@ -225,13 +233,15 @@ TEST(OccupancySvg, AnEmptyTableAtTheStartDoesNotFlattenThePlot) {
   const std::string plot = out.str().substr(out.str().find("<g id=\"timeline\">"));
   // The scale's top is the largest later value (41), not 1000.
   EXPECT_THAT(plot, HasSubstr(">41</text>"));
-  EXPECT_THAT(plot, HasSubstr("(values above 41 in the first hundredth of the time, up to 1000, are drawn at the top)"));
+  EXPECT_THAT(plot, HasSubstr("(values above 41 in the first hundredth of the time, up to 1000, "
+                              "are drawn at the top)"));
   EXPECT_EQ(AgentTest::xmlProblem(out.str()), "");
 }
 
 TEST(OccupancySvg, RendersToAWellFormedPictureThatIsNotBlank) {
 #ifndef BREVANT_RSVG_CONVERT
-  GTEST_SKIP() << "rsvg-convert was not found when the build was configured (Debian package librsvg2-bin)";
+  GTEST_SKIP()
+      << "rsvg-convert was not found when the build was configured (Debian package librsvg2-bin)";
 #else
   char dir[] = "/tmp/agent-png-XXXXXX";
   ASSERT_NE(mkdtemp(dir), nullptr);
@@ -239,7 +249,9 @@ TEST(OccupancySvg, RendersToAWellFormedPictureThatIsNotBlank) {
   const std::string pngPath = std::string(dir) + "/table.png";
   const Timeline timeline = sampleTimeline();
   std::string error;
-  ASSERT_TRUE(writeOccupancySvgFile(svgPath, {smallTable("start"), smallTable("end")}, &timeline, error)) << error;
+  ASSERT_TRUE(
+      writeOccupancySvgFile(svgPath, {smallTable("start"), smallTable("end")}, &timeline, error))
+      << error;
   const std::string command =
       std::string(BREVANT_RSVG_CONVERT) + " -o '" + pngPath + "' '" + svgPath + "' 2>&1";
   ASSERT_EQ(std::system(command.c_str()), 0) << command;
@@ -254,7 +266,8 @@ TEST(OccupancySvg, RendersToAWellFormedPictureThatIsNotBlank) {
   svgText << svgIn.rdbuf();
   const std::string svg = svgText.str();
   std::smatch size;
-  ASSERT_TRUE(std::regex_search(svg, size, std::regex("<svg [^>]*width=\"(\\d+)\" height=\"(\\d+)\"")));
+  ASSERT_TRUE(
+      std::regex_search(svg, size, std::regex("<svg [^>]*width=\"(\\d+)\" height=\"(\\d+)\"")));
   EXPECT_EQ(image.width, std::stoul(size[1]));
   EXPECT_EQ(image.height, std::stoul(size[2]));
   // Not blank: many colours, a fair share of ink, and the free colour shows.

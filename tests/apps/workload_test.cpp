@@ -68,7 +68,8 @@ TEST(Workload, ParsesEveryKindOfRequest) {
 
 TEST(Workload, AcceptsSizesTheManagerRefuses) {
   // The parser checks the form; the manager decides what a size may be.
-  const Workload w = parseWorkload("create big narrow 257 unicast\ncreate none narrow 0 nat fixed\n");
+  const Workload w =
+      parseWorkload("create big narrow 257 unicast\ncreate none narrow 0 nat fixed\n");
   EXPECT_EQ(w[0].size, 257);
   EXPECT_EQ(w[1].size, 0);
 }
@@ -85,7 +86,8 @@ TEST(Workload, ReportsTheLineOfAnUnknownRequest) {
 }
 
 TEST(Workload, ReportsBadFieldsWithTheirLine) {
-  EXPECT_EQ(errorOf("create a medium 1 unicast\n").message(), "expected narrow or wide, not 'medium'");
+  EXPECT_EQ(errorOf("create a medium 1 unicast\n").message(),
+            "expected narrow or wide, not 'medium'");
   EXPECT_EQ(errorOf("create a narrow 65536 unicast\n").message(),
             "size '65536' is not a number from 0 to 65535");
   EXPECT_EQ(errorOf("create a narrow -1 unicast\n").message(),
@@ -93,18 +95,23 @@ TEST(Workload, ReportsBadFieldsWithTheirLine) {
   EXPECT_EQ(errorOf("create a narrow 4x unicast\n").message(),
             "size '4x' is not a number from 0 to 65535");
   EXPECT_THAT(errorOf("create a narrow 4 bgp\n").message(), HasSubstr("unknown feature 'bgp'"));
-  EXPECT_THAT(errorOf("create a narrow 4 nat fixed fixed\n").message(), HasSubstr("unexpected 'fixed'"));
-  EXPECT_THAT(errorOf("create a narrow 4 nat mcast mcast\n").message(), HasSubstr("unexpected 'mcast'"));
+  EXPECT_THAT(errorOf("create a narrow 4 nat fixed fixed\n").message(),
+              HasSubstr("unexpected 'fixed'"));
+  EXPECT_THAT(errorOf("create a narrow 4 nat mcast mcast\n").message(),
+              HasSubstr("unexpected 'mcast'"));
   EXPECT_EQ(errorOf("create a narrow\n").message(),
             "expected: create LABEL narrow|wide SIZE FEATURE [fixed|variable] [mcast]");
   EXPECT_EQ(errorOf("sleep\n").message(), "expected: sleep SECONDS");
   EXPECT_EQ(errorOf("restart now\n").message(), "expected: restart");
   EXPECT_EQ(errorOf("sleep -1\n").message(), "seconds '-1' is not a number from 0 to 1e6");
   EXPECT_EQ(errorOf("sleep nan\n").message(), "seconds 'nan' is not a number from 0 to 1e6");
-  EXPECT_EQ(errorOf("sleep 2000000\n").message(), "seconds '2000000' is not a number from 0 to 1e6");
+  EXPECT_EQ(errorOf("sleep 2000000\n").message(),
+            "seconds '2000000' is not a number from 0 to 1e6");
   EXPECT_EQ(errorOf("create a narrow 1 nat\nread a\n").message(), "expected: read LABEL POSITION");
-  EXPECT_EQ(errorOf("create a narrow 1 nat\nupdate a 1 2\n").message(), "expected: update LABEL [POSITION]");
-  EXPECT_THAT(errorOf("create a;b narrow 1 nat\n").message(), HasSubstr("label 'a;b' has a character"));
+  EXPECT_EQ(errorOf("create a narrow 1 nat\nupdate a 1 2\n").message(),
+            "expected: update LABEL [POSITION]");
+  EXPECT_THAT(errorOf("create a;b narrow 1 nat\n").message(),
+              HasSubstr("label 'a;b' has a character"));
   EXPECT_EQ(errorOf("create " + std::string(65, 'x') + " narrow 1 nat\n").message(),
             "label longer than 64 characters");
 }
@@ -119,7 +126,8 @@ TEST(Workload, LabelsMustBeLiveWhereTheyAreUsed) {
   const WorkloadError deleted = errorOf("create a narrow 1 nat\ndelete a\nread a 0\n");
   EXPECT_EQ(deleted.line(), 3u);
   // A deleted label may be created again.
-  EXPECT_EQ(parseWorkload("create a narrow 1 nat\ndelete a\ncreate a wide 2 vxlan-tunnel\n").size(), 3u);
+  EXPECT_EQ(parseWorkload("create a narrow 1 nat\ndelete a\ncreate a wide 2 vxlan-tunnel\n").size(),
+            3u);
 }
 
 TEST(Workload, RequestTextReadsBackToTheSameRequest) {

@@ -14,8 +14,9 @@ TEST_F(NextHopTableTest, NarrowRequestOnAFreshTableStartsAtThree) {
   EXPECT_EQ(m().lastNarrowIndex(), 6);
   EXPECT_THAT(capture.texts(8), ElementsAre("findAvailableBlock length: 4 Wide: 0",
                                             "findAvailableNarrowBlockLength: 4"));
-  EXPECT_THAT(capture.texts(4), ElementsAre("finding narrow block from index: 3length: 4",
-                                            "Found narrow block at index: 3Last narrow index is : 6"));
+  EXPECT_THAT(capture.texts(4),
+              ElementsAre("finding narrow block from index: 3length: 4",
+                          "Found narrow block at index: 3Last narrow index is : 6"));
   EXPECT_THAT(capture.texts(2), ElementsAre("Found a block at index 3"));
   // Finding reserves nothing.
   EXPECT_TRUE(m().freeEntries(3));
@@ -28,9 +29,8 @@ TEST_F(NextHopTableTest, WideRequestOnAFreshTableEndsBelowTheSwapIndex) {
   EXPECT_EQ(m().lastWideIndex(), 65274);
   EXPECT_THAT(capture.texts(8), ElementsAre("findAvailableBlock length: 4 Wide: 1",
                                             "findAvailableWideBlock length: 4"));
-  EXPECT_THAT(capture.texts(4),
-              ElementsAre("finding wide block from index: 65277 of length: 4",
-                          "Found wide block at index( last wide index ): 65274"));
+  EXPECT_THAT(capture.texts(4), ElementsAre("finding wide block from index: 65277 of length: 4",
+                                            "Found wide block at index( last wide index ): 65274"));
   EXPECT_THAT(capture.texts(2), ElementsAre("Found a block at index 65274"));
 }
 
@@ -109,8 +109,9 @@ TEST_F(NextHopTableTest, OnlyTheSwapAreaFreeSchedulesDefragmentation) {
   clock_->timeIs(1.0);
   Trace::Capture capture(Brevant::nextHopTrace(), Trace::allLevels);
   EXPECT_EQ(m().findAvailableBlock(8, false), -2);
-  EXPECT_THAT(capture.texts(1), ElementsAre("NOT found narrow block of length 8",
-                                            "NexthopTable appears to be full. Schedule defragment"));
+  EXPECT_THAT(capture.texts(1),
+              ElementsAre("NOT found narrow block of length 8",
+                          "NexthopTable appears to be full. Schedule defragment"));
   EXPECT_TRUE(defrag().scheduleDefragment());
   EXPECT_EQ(defrag().defragScheduler()->timeMin(), 6.0);
   EXPECT_TRUE(capture.contains(8, "startDefragScheduler"));
@@ -166,10 +167,9 @@ TEST_F(NextHopTableTest, UninitialisedTableRefusesEveryAllocatorOperation) {
   EXPECT_EQ(m().allocateBlock(3, 4), -7);
   EXPECT_EQ(m().freeBlock(3, 4), -7);
   EXPECT_EQ(m().updateNextHopHWIndex(3, true), -7);
-  EXPECT_THAT(capture.texts(1), ElementsAre("NexthopTable is not initialized",
-                                            "NexthopTable is not initialized",
-                                            "NexthopTable is not initialized",
-                                            "NexthopTable is not initialized"));
+  EXPECT_THAT(capture.texts(1),
+              ElementsAre("NexthopTable is not initialized", "NexthopTable is not initialized",
+                          "NexthopTable is not initialized", "NexthopTable is not initialized"));
   EXPECT_TRUE(m().freeEntries(3));
   EXPECT_EQ(m().allocatedEntries().members(), 0u);
 }
@@ -226,8 +226,8 @@ TEST_F(NextHopTableTest, FreeRefusesTheReservedEntriesAndPastTheBound) {
   EXPECT_EQ(m().freeBlock(1, 1), -1);
   EXPECT_EQ(m().freeBlock(65533, 2), -1);
   EXPECT_FALSE(m().freeEntries(1));
-  EXPECT_THAT(Flashlog::texts(), ElementsAre("freeBlock: Index is out of range",
-                                             "freeBlock: Index is out of range"));
+  EXPECT_THAT(Flashlog::texts(),
+              ElementsAre("freeBlock: Index is out of range", "freeBlock: Index is out of range"));
 }
 
 TEST_F(NextHopTableTest, FreeingDoesNotMoveTheBoundaries) {

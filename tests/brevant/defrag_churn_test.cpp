@@ -247,8 +247,7 @@ TEST_P(DefragChurnTest, EveryWriteIsHitlessAndEveryFinishedRunPacksTheTable) {
 
 INSTANTIATE_TEST_SUITE_P(SmallTables, DefragChurnTest,
                          testing::Values(ChurnCase{1, 96, 0, 4000}, ChurnCase{2, 96, 0.03, 4000},
-                                         ChurnCase{3, 160, 0.045, 4000},
-                                         ChurnCase{4, 160, 0, 4000},
+                                         ChurnCase{3, 160, 0.045, 4000}, ChurnCase{4, 160, 0, 4000},
                                          ChurnCase{5, 64, 0.035, 4000}));
 
 }  // namespace

@@ -230,8 +230,8 @@ TEST_F(DefragPassTest, DefragmentRunsTheNarrowPassOnlyWhenAHoleLiesBelowTheNarro
   capture.clear();
   remove(3);  // free 3..6 below the boundary 10
   defrag().defragment();
-  EXPECT_THAT(capture.texts(8), testing::IsSupersetOf({"defragment", "defragNarrowBlock",
-                                                       "defragWideBlock"}));
+  EXPECT_THAT(capture.texts(8),
+              testing::IsSupersetOf({"defragment", "defragNarrowBlock", "defragWideBlock"}));
   EXPECT_EQ(startOf(4), 3);
   EXPECT_EQ(m().lastNarrowIndex(), 6);
 }
@@ -257,7 +257,7 @@ TEST_F(DefragPassTest, AFinishedNarrowPassGoesStraightOnToTheWidePass) {
 
 TEST_F(DefragPassTest, WithNoFreeEntryAtAllNothingMovesAndNothingFails) {
   tableIs(64);
-  const U16 g = groupAt(3, 53);     // 3..55
+  const U16 g = groupAt(3, 53);            // 3..55
   ASSERT_EQ(m().allocateBlock(56, 8), 0);  // even the swap area
   ASSERT_EQ(m().freeEntries().members(), 0u);
   Trace::Capture capture(Brevant::nextHopTrace(), Trace::allLevels);

@@ -163,11 +163,11 @@ TEST_F(DefragRunTest, EachPassHasItsOwnBudgetSoARunMaySpendNearlyTwice) {
 }
 
 TEST_F(DefragRunTest, AMoveThroughTheSwapAreaIsNeverCutShortByTheBudget) {
-  create(2, false);                     // 3..4
-  const S32 hole = create(1, false);    // 5
+  create(2, false);                       // 3..4
+  const S32 hole = create(1, false);      // 5
   const S32 g = create(3, false, 0x500);  // 6..8: one entry away, closer than its size
-  const S32 hole2 = create(2, false);   // 9..10
-  const S32 h = create(2, false);       // 11..12
+  const S32 hole2 = create(2, false);     // 9..10
+  const S32 h = create(2, false);         // 11..12
   m().deleteECMPGroup(0, U16(hole));
   m().deleteECMPGroup(0, U16(hole2));
   Trace::Capture capture(Brevant::nextHopTrace(), Trace::levelBit(3));

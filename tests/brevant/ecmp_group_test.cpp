@@ -75,10 +75,10 @@ TEST_F(NextHopTableTest, CreatePlacesAndWritesANarrowGroup) {
             "createECMPGroup: Creating a fixed sized ECMP group with 4 narrow entries for "
             "featureRoutingNatFeature");
   EXPECT_TRUE(capture.contains(8, "addECMPGroupToTable groupId: 3"));
-  EXPECT_THAT(capture.texts(9), ElementsAre("Issuing ECMP group ID 3", "nhData 10nhWideData a",
-                                            "nhData 20nhWideData b", "nhData 30nhWideData 0",
-                                            "nhData 40nhWideData 0",
-                                            "Successfully created ECMP group 3"));
+  EXPECT_THAT(capture.texts(9),
+              ElementsAre("Issuing ECMP group ID 3", "nhData 10nhWideData a",
+                          "nhData 20nhWideData b", "nhData 30nhWideData 0", "nhData 40nhWideData 0",
+                          "Successfully created ECMP group 3"));
   EXPECT_THAT(capture.texts(3), ElementsAre("ECMP group 3 of length 4 written to 3"));
 }
 
@@ -108,8 +108,9 @@ TEST_F(NextHopTableTest, MissingPositionsAreWrittenAsZero) {
   U64Collection data;
   data.dataIs(1, 0x77);
   data.dataIs(9, 0x99);  // beyond the size: ignored
-  ASSERT_EQ(m().createECMPGroup(0, false, true, 3, data, U64Collection(), RoutingUnicastFeature,
-                                false), 3);
+  ASSERT_EQ(
+      m().createECMPGroup(0, false, true, 3, data, U64Collection(), RoutingUnicastFeature, false),
+      3);
   Kiln::Ptr<ECMPGroup> g = m().ecmpGroups(3);
   EXPECT_EQ(g->nextHops(0), NextHopEntry(3, false, 0, 0));
   EXPECT_EQ(g->nextHops(1), NextHopEntry(4, false, 0x77, 0));
@@ -131,14 +132,16 @@ TEST_F(NextHopTableTest, SizeOver256IsInvalidAndIssuesNoId) {
 TEST_F(NextHopTableTest, FixedGroupOfSizeZeroIsInvalid) {
   Trace::Capture capture(Brevant::nextHopTrace(), Trace::allLevels);
   EXPECT_EQ(m().createECMPGroup(0, false, true, 0, U64Collection(), U64Collection(),
-                                RoutingUnicastFeature, false), -1);
+                                RoutingUnicastFeature, false),
+            -1);
   EXPECT_THAT(capture.texts(1), ElementsAre("ECMP Group size is invalid"));
   EXPECT_EQ(m().ecmpGroups().members(), 2u);
 }
 
 TEST_F(NextHopTableTest, VariableGroupOfSizeZeroFindsNoBlockAndIsRolledBack) {
   EXPECT_EQ(m().createECMPGroup(0, false, false, 0, U64Collection(), U64Collection(),
-                                RoutingUnicastFeature, false), -2);
+                                RoutingUnicastFeature, false),
+            -2);
   EXPECT_FALSE(m().ecmpGroups(3));
   EXPECT_TRUE(m().freeGroupIds(3));
   // A run of length 0 never completes, and the free total is at least 0.
@@ -165,7 +168,8 @@ TEST_F(NextHopTableTest, FailedCreateRollsBackTheGroupAndTheId) {
   EXPECT_EQ(m().lastNarrowIndex(), narrowTop);
   EXPECT_EQ(m().lastWideIndex(), wideBottom);
   EXPECT_TRUE(FmSim::calls().empty());
-  EXPECT_TRUE(capture.contains(1, "Something went wrong when creating ECMP group 4; deleting group"));
+  EXPECT_TRUE(
+      capture.contains(1, "Something went wrong when creating ECMP group 4; deleting group"));
   const std::vector<Flashlog::Record> records = Flashlog::records();
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].format(), "Something went wrong when creating ECMP group %d");
@@ -187,9 +191,9 @@ TEST_F(NextHopTableTest, UninitialisedTableRefusesGroupOperations) {
   EXPECT_EQ(m().removeECMPGroupFromTable(3), -7);
   EXPECT_EQ(m().deleteECMPGroup(0, 3), -7);
   EXPECT_EQ(m().addFeatureToGroup(3, RoutingNatFeature), -7);
-  EXPECT_THAT(capture.texts(1), ElementsAre("NexthopTable not initialized",
-                                            "NexthopTable is not initialized",
-                                            "NexthopTable is not initialized"));
+  EXPECT_THAT(capture.texts(1),
+              ElementsAre("NexthopTable not initialized", "NexthopTable is not initialized",
+                          "NexthopTable is not initialized"));
   // Nothing changed: the group is still placed, its id still issued.
   EXPECT_EQ(m().ecmpGroups(3)->hwStartIndex(), 3);
   EXPECT_FALSE(m().ecmpGroups(3)->featuresSupported(RoutingNatFeature));
@@ -214,8 +218,8 @@ TEST_F(NextHopTableTest, DeleteFreesTheBlockAndRecyclesTheId) {
   ASSERT_EQ(create(4), 4);
   Trace::Capture capture(Brevant::nextHopTrace(), Trace::allLevels);
   EXPECT_EQ(m().deleteECMPGroup(0, 3), 0);
-  EXPECT_THAT(capture.texts(3), ElementsAre("Deleting ECMP group 3",
-                                            "ECMP group 3 removed from next hop table"));
+  EXPECT_THAT(capture.texts(3),
+              ElementsAre("Deleting ECMP group 3", "ECMP group 3 removed from next hop table"));
   EXPECT_TRUE(capture.contains(8, "removeECMPGroupFromTablegroupId: 3"));
   EXPECT_FALSE(m().ecmpGroups(3));
   EXPECT_TRUE(m().freeGroupIds(3));
@@ -258,9 +262,9 @@ TEST_F(NextHopTableTest, PlacingAPlacedGroupAgainTakesASecondBlock) {
 }
 
 TEST_F(NextHopTableTest, RemovingTheTopNarrowGroupPullsTheBoundaryDown) {
-  ASSERT_EQ(create(4), 3);   // 3..6
-  ASSERT_EQ(create(4), 4);   // 7..10
-  ASSERT_EQ(create(4), 5);   // 11..14
+  ASSERT_EQ(create(4), 3);  // 3..6
+  ASSERT_EQ(create(4), 4);  // 7..10
+  ASSERT_EQ(create(4), 5);  // 11..14
   ASSERT_EQ(m().lastNarrowIndex(), 14);
   Trace::Capture capture(Brevant::nextHopTrace(), Trace::allLevels);
   ASSERT_EQ(m().deleteECMPGroup(0, 5), 0);
@@ -361,8 +365,8 @@ TEST_F(NextHopTableTest, AddFeatureToGroupOnlyAddsFeatures) {
   Trace::Capture capture(Brevant::nextHopTrace(), Trace::allLevels);
   EXPECT_EQ(m().addFeatureToGroup(3, RoutingMulticastFeature), 0);
   EXPECT_EQ(m().addFeatureToGroup(3, RoutingMulticastFeature), 0);
-  EXPECT_THAT(capture.texts(9), ElementsAre("Adding a feature to ECMP group 3",
-                                            "Adding a feature to ECMP group 3"));
+  EXPECT_THAT(capture.texts(9),
+              ElementsAre("Adding a feature to ECMP group 3", "Adding a feature to ECMP group 3"));
   Kiln::Ptr<ECMPGroup> g = m().ecmpGroups(3);
   EXPECT_TRUE(g->featuresSupported(RoutingUnicastFeature));
   EXPECT_TRUE(g->featuresSupported(RoutingMulticastFeature));
@@ -372,12 +376,12 @@ TEST_F(NextHopTableTest, AddFeatureToGroupOnlyAddsFeatures) {
 
 TEST_F(NextHopTableTest, GroupOperationsAreReachableByName) {
   const Kiln::TypeRecord& record = m().fwkType();
-  EXPECT_THAT(record.operation("createECMPGroup")->parameterNames,
-              ElementsAre("sw", "wide", "fixedSize", "size", "data", "wideData", "feature",
-                          "mcast"));
-  EXPECT_EQ(record.invoke(m(), "createECMPGroup",
-                          {"0", "False", "True", "2", "{0: 5, 1: 6}", "{}",
-                           "RoutingNatFeature", "False"}),
+  EXPECT_THAT(
+      record.operation("createECMPGroup")->parameterNames,
+      ElementsAre("sw", "wide", "fixedSize", "size", "data", "wideData", "feature", "mcast"));
+  EXPECT_EQ(record.invoke(
+                m(), "createECMPGroup",
+                {"0", "False", "True", "2", "{0: 5, 1: 6}", "{}", "RoutingNatFeature", "False"}),
             "3");
   EXPECT_EQ(FmSim::tableWord(4), 6u);
   EXPECT_EQ(record.invoke(m(), "addFeatureToGroup", {"3", "RoutingVxlanFeature"}), "0");

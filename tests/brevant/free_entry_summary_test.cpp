@@ -155,7 +155,8 @@ TEST_F(FreeEntrySummary, IsReachableByNameWithItsParameterSocket) {
   char text[256] = {};
   const ssize_t n = read(fds[0], text, sizeof(text) - 1);
   close(fds[0]);
-  EXPECT_EQ(std::string(text, n > 0 ? static_cast<size_t>(n) : 0), header("no", 0, 3, 65534) + "3-65533:       65531\n");
+  EXPECT_EQ(std::string(text, n > 0 ? static_cast<size_t>(n) : 0),
+            header("no", 0, 3, 65534) + "3-65533:       65531\n");
 }
 
 }  // namespace
@@ -173,9 +174,9 @@ TEST_F(FreeEntrySummary, ADescriptorThatIsNotOpenIsRefusedBeforeAnyWrite) {
   m().showFreeEntrySummary(static_cast<U32>(fds[1]));
   m().showFreeEntrySummary(0xFFFFFFFFu);
   EXPECT_THAT(capture.texts(1),
-              testing::ElementsAre("showFreeEntrySummary: descriptor " + std::to_string(fds[1]) +
-                                       " is not open",
-                                   "showFreeEntrySummary: descriptor 4294967295 is not open"));
+              testing::ElementsAre(
+                  "showFreeEntrySummary: descriptor " + std::to_string(fds[1]) + " is not open",
+                  "showFreeEntrySummary: descriptor 4294967295 is not open"));
   EXPECT_EQ(m().freeEntries().members(), 65531u);
 }
 

@@ -73,8 +73,9 @@ TEST_F(HitlessCheckTest, AWriteThatChangesAnOwnedEntryIsAViolation) {
   EXPECT_EQ(violations(), 0u);
   write(100, {0xa, 0xdead});
   EXPECT_EQ(violations(), 1u);
-  EXPECT_THAT(problem(0),
-              HasSubstr("write of 0xdead at 101 inside group 3 (n) at 100, whose owners expect 0xb"));
+  EXPECT_THAT(
+      problem(0),
+      HasSubstr("write of 0xdead at 101 inside group 3 (n) at 100, whose owners expect 0xb"));
 }
 
 TEST_F(HitlessCheckTest, AnOwnersRewriteIsExpected) {
@@ -100,7 +101,7 @@ TEST_F(HitlessCheckTest, WideGroupsExpectTheirWideWords) {
 TEST_F(HitlessCheckTest, CopyFirstThenRepointIsHitless) {
   created(3, narrow(100, {0xa, 0xb, 0xc, 0xd}));
   write(96, {0xa, 0xb, 0xc, 0xd});  // new place written first
-  check().ownedMovedTo(3, 96);            // owners told
+  check().ownedMovedTo(3, 96);      // owners told
   write(100, {7, 7, 7, 7});         // the old place is free now
   EXPECT_EQ(violations(), 0u);
 }
@@ -108,10 +109,12 @@ TEST_F(HitlessCheckTest, CopyFirstThenRepointIsHitless) {
 TEST_F(HitlessCheckTest, RepointingBeforeWritingIsCaughtAtTheNextWrite) {
   created(3, narrow(100, {0xa, 0xb, 0xc, 0xd}));
   check().ownedMovedTo(3, 96);  // nothing at 96 yet
-  write(500, {1});        // any later write
+  write(500, {1});              // any later write
   EXPECT_EQ(violations(), 1u);
-  EXPECT_THAT(problem(0),
-              HasSubstr("group 3 (n) at 96: entry 96 holds 0x0, not 0xa, when its owners were told it moved"));
+  EXPECT_THAT(
+      problem(0),
+      HasSubstr(
+          "group 3 (n) at 96: entry 96 holds 0x0, not 0xa, when its owners were told it moved"));
 }
 
 TEST_F(HitlessCheckTest, RepointingIsCheckedWhenTheHandlerEnds) {

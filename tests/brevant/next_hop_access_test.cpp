@@ -152,11 +152,13 @@ TEST_F(NextHopAccessTest, EntryIntoEachAccessIsTracedAtLevelEight) {
   U64 data[3] = {};
   writeNextHopInternal(5, 3, data);
   readNextHopInternal(65533, 1, data);
-  EXPECT_THAT(capture.lines(),
-              ElementsAre(Trace::Line{"BrevantNextHop", 8,
-                                      "writeNextHopInternal Writing 3 next hop entries, starting at 5"},
-                          Trace::Line{"BrevantNextHop", 8,
-                                      "readNextHopInternal Reading 1 next hop entries, starting at 65533"}));
+  EXPECT_THAT(
+      capture.lines(),
+      ElementsAre(
+          Trace::Line{"BrevantNextHop", 8,
+                      "writeNextHopInternal Writing 3 next hop entries, starting at 5"},
+          Trace::Line{"BrevantNextHop", 8,
+                      "readNextHopInternal Reading 1 next hop entries, starting at 65533"}));
 }
 
 TEST_F(NextHopAccessTest, NothingIsTracedWhenTheLevelsAreOff) {
@@ -174,13 +176,13 @@ TEST_F(NextHopAccessTest, ChipCallsAreTracedWhenTheChipCallLevelIsOn) {
   writeNextHopInternal(5, 3, data);
   readNextHopInternal(32767, 2, data);
   const std::string where = pointerText(data);
-  EXPECT_THAT(capture.lines(),
-              ElementsAre(Trace::Line{"FmApi", Trace::chipCallLevel,
-                                      "writeNextHopInternal: fmWriteUINT64Mult( 0, 0x16000a, 3, " +
-                                          where + " )"},
-                          Trace::Line{"FmApi", Trace::chipCallLevel,
-                                      "readNextHopInternal: fmReadUINT64Mult( 0, 0x16fffe, 2, " +
-                                          where + " )"}));
+  EXPECT_THAT(
+      capture.lines(),
+      ElementsAre(
+          Trace::Line{"FmApi", Trace::chipCallLevel,
+                      "writeNextHopInternal: fmWriteUINT64Mult( 0, 0x16000a, 3, " + where + " )"},
+          Trace::Line{"FmApi", Trace::chipCallLevel,
+                      "readNextHopInternal: fmReadUINT64Mult( 0, 0x16fffe, 2, " + where + " )"}));
 }
 
 TEST_F(NextHopAccessTest, ActivityLockIsReleasedAroundEveryCallAndHeldAfter) {
@@ -228,7 +230,9 @@ TEST_F(NextHopAccessTest, UnreleasableLockThrowsWithoutTouchingTheChip) {
 // A program that builds the manager without the activity lock and catches
 // nothing ends (std::terminate prints the text) with the reason in words.
 TEST_F(NextHopAccessWithoutLockTest, ProgramForgettingTheActivityLockStopsSayingSo) {
-  const auto program = []() noexcept { Kiln::Ptr<Brevant::NextHopManager> m = new Brevant::NextHopManager(); };
+  const auto program = []() noexcept {
+    Kiln::Ptr<Brevant::NextHopManager> m = new Brevant::NextHopManager();
+  };
   EXPECT_DEATH(program(),
                "the activity lock is not held by this thread: take it with "
                "Kiln::ActivityLockGuard before calling the next-hop manager");
@@ -267,8 +271,10 @@ TEST_F(NextHopAccessTest, GlortLookupIsTracedUnderItsCallersName) {
   Brevant::logicalPortGlort(65530);
   const std::vector<std::string> texts = capture.texts(Trace::chipCallLevel);
   ASSERT_EQ(texts.size(), 2u);
-  EXPECT_THAT(texts[0], MatchesRegex("initHandler: fmGetLogicalPortGlort\\( 0, 65532, 0x[0-9a-f]+ \\)"));
-  EXPECT_THAT(texts[1], MatchesRegex("TestBody: fmGetLogicalPortGlort\\( 0, 65530, 0x[0-9a-f]+ \\)"));
+  EXPECT_THAT(texts[0],
+              MatchesRegex("initHandler: fmGetLogicalPortGlort\\( 0, 65532, 0x[0-9a-f]+ \\)"));
+  EXPECT_THAT(texts[1],
+              MatchesRegex("TestBody: fmGetLogicalPortGlort\\( 0, 65530, 0x[0-9a-f]+ \\)"));
 }
 
 TEST_F(NextHopAccessTest, GlortLookupFailureThrowsTheChipError) {
@@ -281,9 +287,10 @@ TEST_F(NextHopAccessTest, GlortLookupFailureThrowsTheChipError) {
     } catch (const FmApi::FmError& e) {
       EXPECT_EQ(e.status, status);
       EXPECT_STREQ(e.function, "fmGetLogicalPortGlort");
-      const std::string text = std::string(": status ") + std::to_string(status) + " \\(" +
-                               fmErrorMsg(status) + "\\)";
-      EXPECT_THAT(e.what(), MatchesRegex("fmGetLogicalPortGlort\\( 0, 65532, 0x[0-9a-f]+ \\)" + text));
+      const std::string text =
+          std::string(": status ") + std::to_string(status) + " \\(" + fmErrorMsg(status) + "\\)";
+      EXPECT_THAT(e.what(),
+                  MatchesRegex("fmGetLogicalPortGlort\\( 0, 65532, 0x[0-9a-f]+ \\)" + text));
     }
     EXPECT_TRUE(Kiln::ActivityUnlockAnchor::lock()->heldByCurrentThread());
   }
@@ -298,7 +305,8 @@ TEST_F(NextHopAccessTest, ChipErrorTextIsTheCallThenStatusAndMessage) {
                              reinterpret_cast<void*>(0x160002), 3, reinterpret_cast<void*>(0x10));
   EXPECT_EQ(error.status, 5);
   EXPECT_STREQ(error.function, "fmWriteUINT64Mult");
-  EXPECT_STREQ(error.what(), "fmWriteUINT64Mult( 0, 0x160002, 3, 0x10 ): status 5 (Unknown status)");
+  EXPECT_STREQ(error.what(),
+               "fmWriteUINT64Mult( 0, 0x160002, 3, 0x10 ): status 5 (Unknown status)");
   EXPECT_STREQ(Brevant::chipCallError(2, "f", "call").what(), "call: status 2 (Invalid argument)");
 }
 

@@ -131,8 +131,8 @@ TEST_F(NextHopEntryTest, ReadRefusesUnknownGroupsAndPositionsPastTheSize) {
   Trace::Capture capture(Brevant::nextHopTrace(), Trace::allLevels);
   EXPECT_EQ(m().readNextHop(8, 0), NextHopEntry());
   EXPECT_EQ(m().readNextHop(3, 3), NextHopEntry());
-  EXPECT_THAT(capture.texts(1), ElementsAre("Invalid ECMP Group ",
-                                            "NextHopId is greater than Ecmp group Size : 3"));
+  EXPECT_THAT(capture.texts(1),
+              ElementsAre("Invalid ECMP Group ", "NextHopId is greater than Ecmp group Size : 3"));
 }
 
 TEST_F(NextHopEntryTest, ReadComesFromTheChipNotFromTheRecord) {
@@ -213,8 +213,9 @@ TEST_F(NextHopEntryTest, EntryOperationsAreReachableByName) {
   EXPECT_THAT(record.operation("updateNextHop")->parameterNames,
               ElementsAre("groupId", "nhId", "entry"));
   EXPECT_EQ(record.invoke(m(), "updateNextHop",
-                          {"3", "1", "Value('Brevant::NextHopEntry', ** {'hwIndex': 4, 'wide': "
-                                     "False, 'data': 77, 'wideData': 0})"}),
+                          {"3", "1",
+                           "Value('Brevant::NextHopEntry', ** {'hwIndex': 4, 'wide': "
+                           "False, 'data': 77, 'wideData': 0})"}),
             "0");
   EXPECT_EQ(record.invoke(m(), "readNextHop", {"3", "1"}),
             "Value('Brevant::NextHopEntry', ** {'hwIndex': 4, 'wide': False, 'data': 77, "

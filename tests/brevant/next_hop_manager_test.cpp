@@ -82,7 +82,8 @@ TEST_F(NextHopTableTest, ReservedEntriesHoldTheGlortsTheChipAnswers) {
   manager_ = new NextHopManager();
   EXPECT_EQ(FmSim::tableWord(1), 0xABCDu);
   EXPECT_EQ(FmSim::tableWord(2), 0x1234u);
-  EXPECT_THAT(capture.texts(8), ElementsAre("initHandler", "writeNextHopInternal Writing 1 next "
+  EXPECT_THAT(capture.texts(8), ElementsAre("initHandler",
+                                            "writeNextHopInternal Writing 1 next "
                                             "hop entries, starting at 1",
                                             "writeNextHopInternal Writing 1 next hop entries, "
                                             "starting at 2",
@@ -323,10 +324,9 @@ TEST_F(NextHopTableTest, AttributesAndOperationsAreReachableByName) {
   std::vector<std::string> names;
   for (const auto* a : record.attributes()) names.push_back(a->name);
   EXPECT_THAT(names, ElementsAre("allocatedEntries", "freeEntries", "lastNarrowIndex",
-                                 "lastWideIndex", "ecmpGroups", "freeGroupIds",
-                                 "hwStartToGroupId", "features", "simNextHopTableBound",
-                                 "simMode", "defragManager", "initialized",
-                                 "hardened"));
+                                 "lastWideIndex", "ecmpGroups", "freeGroupIds", "hwStartToGroupId",
+                                 "features", "simNextHopTableBound", "simMode", "defragManager",
+                                 "initialized", "hardened"));
   EXPECT_EQ(record.attribute("allocatedEntries")->index, 130u);
   EXPECT_EQ(record.get(m(), "lastNarrowIndex"), "2");
   EXPECT_EQ(record.invoke(m(), "getNextHopTableBound", {}), "65534");

@@ -34,9 +34,9 @@ TEST(FeatureType, HasFixedValuesAndNames) {
   ASSERT_NE(record, nullptr);
   std::vector<std::string> names;
   for (const auto& v : record->enumValues()) names.push_back(v.name);
-  EXPECT_THAT(names, ElementsAre("RoutingUnicastFeature", "RoutingMulticastFeature",
-                                 "RoutingNatFeature", "RoutingVxlanFeature",
-                                 "RoutingVxlanTunnelFeature"));
+  EXPECT_THAT(names,
+              ElementsAre("RoutingUnicastFeature", "RoutingMulticastFeature", "RoutingNatFeature",
+                          "RoutingVxlanFeature", "RoutingVxlanTunnelFeature"));
 }
 
 TEST(FeatureType, OfValueThreePrintsAsRoutingVxlanFeature) {
@@ -50,8 +50,7 @@ TEST(FeatureType, IsFoundByNumberAndByName) {
   EXPECT_EQ(FeatureTypeInstance(std::string("RoutingNatFeature")), RoutingNatFeature);
   EXPECT_EQ(FeatureTypeInstance(5), std::nullopt);
   EXPECT_EQ(Kiln::strepToValue<FeatureType>("RoutingVxlanFeature"), RoutingVxlanFeature);
-  EXPECT_THROW(Kiln::strepToValue<FeatureType>("RoutingFeature"),
-               Kiln::DeserializationException);
+  EXPECT_THROW(Kiln::strepToValue<FeatureType>("RoutingFeature"), Kiln::DeserializationException);
 }
 
 TEST(NextHopEntry, DefaultsToZero) {
@@ -177,8 +176,8 @@ TEST(ECMPGroup, AttributesFollowDeclarationOrder) {
   ASSERT_NE(record, nullptr);
   std::vector<std::string> names;
   for (const auto* a : record->attributes()) names.push_back(a->name);
-  EXPECT_THAT(names, ElementsAre("groupId", "wide", "fixedSize", "mcast", "size",
-                                 "hwStartIndex", "nextHops", "featuresSupported"));
+  EXPECT_THAT(names, ElementsAre("groupId", "wide", "fixedSize", "mcast", "size", "hwStartIndex",
+                                 "nextHops", "featuresSupported"));
   EXPECT_EQ(record->attribute("groupId")->index, 130u);
   Kiln::Ptr<ECMPGroup> g = new ECMPGroup(9);
   g->featuresSupportedIs(RoutingMulticastFeature, true);
@@ -224,8 +223,7 @@ TEST(NextHopCallback, ReadsFTypeAndInvokesTheActionByName) {
 TEST(NextHopCallback, RefusesEverythingElseAsNotSupported) {
   Kiln::Ptr<RecordingCallback> cb = new RecordingCallback("uc", RoutingUnicastFeature);
   const Kiln::TypeRecord& record = cb->fwkType();
-  EXPECT_THROW(record.set(*cb, "fType", "RoutingNatFeature"),
-               Kiln::OperationNotSupportedException);
+  EXPECT_THROW(record.set(*cb, "fType", "RoutingNatFeature"), Kiln::OperationNotSupportedException);
   EXPECT_THROW(record.members(*cb, "fType"), Kiln::OperationNotSupportedException);
   EXPECT_THROW(record.get(*cb, "updateNextHopAction"), Kiln::OperationNotSupportedException);
   EXPECT_THROW(record.invoke(*cb, "fType", {}), Kiln::OperationNotSupportedException);
@@ -254,16 +252,15 @@ TEST(NextHopTypes, AreRegisteredInOrder) {
   std::vector<std::string> ours;
   for (const Kiln::TypeRecord* r : Kiln::typeRecords()) {
     for (const char* name : {"Brevant::DefragManager", "Brevant::NextHopManager",
-                             "Brevant::FeatureType", "Brevant::NextHopEntry",
-                             "Brevant::ECMPGroup", "Brevant::U64Collection",
-                             "Brevant::NextHopCallback"}) {
+                             "Brevant::FeatureType", "Brevant::NextHopEntry", "Brevant::ECMPGroup",
+                             "Brevant::U64Collection", "Brevant::NextHopCallback"}) {
       if (r->name() == name) ours.push_back(name);
     }
   }
-  EXPECT_THAT(ours, ElementsAre("Brevant::DefragManager", "Brevant::NextHopManager",
-                                "Brevant::FeatureType", "Brevant::NextHopEntry",
-                                "Brevant::ECMPGroup", "Brevant::U64Collection",
-                                "Brevant::NextHopCallback"));
+  EXPECT_THAT(
+      ours, ElementsAre("Brevant::DefragManager", "Brevant::NextHopManager", "Brevant::FeatureType",
+                        "Brevant::NextHopEntry", "Brevant::ECMPGroup", "Brevant::U64Collection",
+                        "Brevant::NextHopCallback"));
 }
 
 }  // namespace

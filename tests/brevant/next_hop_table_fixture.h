@@ -34,9 +34,7 @@ constexpr U16 tableBound = 65534;
 constexpr U16 swapIndex = 65278;
 
 // The glorts that the reserved entries 1 and 2 hold.
-inline U64 reservedWord(U16 index) {
-  return FmSim::defaultGlort(index == 1 ? 65532 : 65530);
-}
+inline U64 reservedWord(U16 index) { return FmSim::defaultGlort(index == 1 ? 65532 : 65530); }
 
 // Words by position: {w0, w1, ...}.
 inline U64Collection words(std::initializer_list<U64> values) {

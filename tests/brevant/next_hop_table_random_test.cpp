@@ -33,14 +33,13 @@ struct Snapshot {
 Snapshot snapshot(const NextHopManager& m) {
   U32 allocated = 0;
   for (const auto& member : m.allocatedEntries()) allocated += member.value();
-  return {keysOf(m.ecmpGroups()), m.freeGroupIds().members(), m.freeEntries().members(),
-          allocated, m.lastNarrowIndex(), m.lastWideIndex()};
+  return {keysOf(m.ecmpGroups()), m.freeGroupIds().members(), m.freeEntries().members(), allocated,
+          m.lastNarrowIndex(),    m.lastWideIndex()};
 }
 
 // (seed, simulated bound or 0 for the full table, steps)
-class NextHopTableRandomTest
-    : public NextHopTableTest,
-      public testing::WithParamInterface<std::tuple<unsigned, U16, int>> {
+class NextHopTableRandomTest : public NextHopTableTest,
+                               public testing::WithParamInterface<std::tuple<unsigned, U16, int>> {
  protected:
   void SetUp() override {
     NextHopTableTest::SetUp();

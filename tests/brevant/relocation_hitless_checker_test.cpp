@@ -75,11 +75,11 @@ TEST_F(HitlessCheckerTest, FindsNothingWrongWithAFreshTableOfGroups) {
 TEST_F(HitlessCheckerTest, RegistersOneOwnerPerFeatureAndRemovesThemWhenDestroyed) {
   std::vector<std::string> names;
   for (const auto& f : m().features()) names.push_back(f.key());
-  EXPECT_THAT(names,
-              testing::UnorderedElementsAre(
-                  "HitlessChecker.RoutingUnicastFeature", "HitlessChecker.RoutingMulticastFeature",
-                  "HitlessChecker.RoutingNatFeature", "HitlessChecker.RoutingVxlanFeature",
-                  "HitlessChecker.RoutingVxlanTunnelFeature"));
+  EXPECT_THAT(names, testing::UnorderedElementsAre("HitlessChecker.RoutingUnicastFeature",
+                                                   "HitlessChecker.RoutingMulticastFeature",
+                                                   "HitlessChecker.RoutingNatFeature",
+                                                   "HitlessChecker.RoutingVxlanFeature",
+                                                   "HitlessChecker.RoutingVxlanTunnelFeature"));
   {
     HitlessChecker second(m(), [](U16) { return U64(0); });
     EXPECT_EQ(m().features().members(), 5u);
@@ -113,8 +113,9 @@ TEST_F(HitlessCheckerTest, SeesABlockThatIsNoLongerAllocated) {
   const S32 id = create(2, false, 0x100);  // 3..4
   m().freeBlock(4, 1);
   EXPECT_EQ(checker().check(), 1u);
-  EXPECT_THAT(textsOf(checker()), ElementsAre("group " + std::to_string(id) +
-                                              ": entry 4 of its block at 3 (record) is not allocated"));
+  EXPECT_THAT(textsOf(checker()),
+              ElementsAre("group " + std::to_string(id) +
+                          ": entry 4 of its block at 3 (record) is not allocated"));
 }
 
 TEST_F(HitlessCheckerTest, SeesAStartTheTableDoesNotMapToTheGroup) {
@@ -143,7 +144,7 @@ TEST_F(HitlessCheckerTest, CatchesAnOverlappingMoveMadeWithoutTheSwapArea) {
   // Copying 10..13 straight onto 8..11 overwrites live entries while the
   // records still point at them.
   ChipWriteWatch watch(m());
-  create(7, false, 0x100);  // 3..9
+  create(7, false, 0x100);                 // 3..9
   const S32 id = create(4, false, 0x500);  // 10..13
   ASSERT_EQ(m().ecmpGroups(U16(id))->hwStartIndex(), 10);
   m().deleteECMPGroup(0, 3);
@@ -178,7 +179,8 @@ TEST_F(HitlessCheckerTest, CatchesABlockFreedUnderItsOwnersEvenBeforeItIsReused)
   moveBehindTheOwnersBack(U16(g), 11, true);
   EXPECT_EQ(checker().check(), 4u);
   EXPECT_THAT(textsOf(checker()),
-              Contains("group " + std::to_string(g) + ": entry 3 of its block at 3 (owners) is not allocated"));
+              Contains("group " + std::to_string(g) +
+                       ": entry 3 of its block at 3 (owners) is not allocated"));
 }
 
 TEST_F(HitlessCheckerTest, BetweenMovesTheOwnersMustHoldTheRecordsBase) {
@@ -226,7 +228,8 @@ TEST_F(HitlessCheckerTest, KeepsTheFirstViolationsAndCountsThemAll) {
   EXPECT_EQ(checker().violationCount(), 100u);
   EXPECT_EQ(checker().violations().size(), HitlessChecker::violationsKept);
   const std::string report = checker().report();
-  EXPECT_THAT(report, testing::StartsWith("100 violations in 2 checks\ncheck 1: group 3: entry 3 of"));
+  EXPECT_THAT(report,
+              testing::StartsWith("100 violations in 2 checks\ncheck 1: group 3: entry 3 of"));
   checker().violationsDelAll();
   EXPECT_TRUE(checker().hitless());
   EXPECT_THAT(checker().violations(), IsEmpty());
@@ -299,14 +302,15 @@ TEST_F(HitlessCheckerBothModesTest, TheIncrementalModeSeesAWriteOverAnOwnedGroup
   Brevant::writeNextHopInternal(4, 1, &word);
   EXPECT_EQ(incremental(), 1u);
   EXPECT_THAT(checker().violations().at(0).text,
-              HasSubstr("write of 0xbad at 4 inside group " + std::to_string(a) + " at 3, whose owners expect 0x101"));
+              HasSubstr("write of 0xbad at 4 inside group " + std::to_string(a) +
+                        " at 3, whose owners expect 0x101"));
   // The whole-table mode sees it too, when asked.
   EXPECT_EQ(checker().check(), 1u);
   EXPECT_EQ(checker().violationCount(HitlessChecker::Mode::wholeTable), 1u);
 }
 
 TEST_F(HitlessCheckerBothModesTest, OnlyTheWholeTableModeSeesAMoveTheOwnersWereNotToldOf) {
-  const U16 a = owned(2, 0x100);  // 3..4
+  const U16 a = owned(2, 0x100);     // 3..4
   EXPECT_EQ(checker().check(), 0u);  // the whole-table owners learn base 3
   moveBehindTheOwnersBack(a, 10, true);
   // The owners' block at 3 still holds their words: no write touched it.

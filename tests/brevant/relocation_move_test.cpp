@@ -202,9 +202,10 @@ TEST_F(RelocationTest, TheTraceOnEntryJoinsItsArgumentsWithoutSeparators) {
   m().moveECMPGroup(id, 98, true);
   m().moveECMPGroup(id, 94, false);
   const std::vector<std::string> lines = capture.texts(8);
-  EXPECT_EQ(lines.front(), "moveECMPGroupgroupId: " + std::to_string(id) + " to index 98 overlap : 1");
-  EXPECT_TRUE(capture.contains(8, "moveECMPGroupgroupId: " + std::to_string(id) +
-                                      " to index 94 overlap : 0"));
+  EXPECT_EQ(lines.front(),
+            "moveECMPGroupgroupId: " + std::to_string(id) + " to index 98 overlap : 1");
+  EXPECT_TRUE(capture.contains(
+      8, "moveECMPGroupgroupId: " + std::to_string(id) + " to index 94 overlap : 0"));
 }
 
 TEST_F(RelocationTest, IndexesOneAndTwoAreRefusedButZeroIsNot) {
@@ -213,7 +214,8 @@ TEST_F(RelocationTest, IndexesOneAndTwoAreRefusedButZeroIsNot) {
   FmSim::callsDelAll();
   EXPECT_EQ(m().moveECMPGroup(id, 1, false), -1);
   EXPECT_EQ(m().moveECMPGroup(id, 2, true), -1);
-  EXPECT_THAT(capture.texts(1), ElementsAre("baseIndex:1is out of range", "baseIndex:2is out of range"));
+  EXPECT_THAT(capture.texts(1),
+              ElementsAre("baseIndex:1is out of range", "baseIndex:2is out of range"));
   EXPECT_TRUE(FmSim::calls().empty());
   EXPECT_EQ(m().ecmpGroups(id)->hwStartIndex(), 100);
   EXPECT_EQ(m().moveECMPGroup(id, 0, false), 0);

@@ -167,7 +167,8 @@ class ResourcesRandomTest : public NextHopTableTest,
     if (bound()) size = U16(pick(0, wide ? 4 : 8));
     if (pick(0, 40) == 0) size = 257;  // refused as invalid
     const bool valid = !(fixed && size == 0) && size <= 256;
-    if (valid && hasFreeId()) tally_.shortLength = std::max<U32>(tally_.shortLength, size * (wide ? 2 : 1));
+    if (valid && hasFreeId())
+      tally_.shortLength = std::max<U32>(tally_.shortLength, size * (wide ? 2 : 1));
     const S32 rc = m().createECMPGroup(0, wide, fixed, size, wordRun(size, 0x100),
                                        wordRun(size, 0x900), FeatureType(pick(0, 4)), false);
     if (rc < 0) ++tally_.refused[rc];
@@ -348,9 +349,11 @@ TEST_F(NextHopTableTest, AlarmsAreTraced) {
   m().resources()->usedHighWatermarkIs(50);
   m().resources()->usedLowWatermarkIs(10);
   ASSERT_EQ(create(60), 3);
-  EXPECT_THAT(capture.texts(3), testing::Contains("Next-hop table use 63% reached the high watermark 50%"));
+  EXPECT_THAT(capture.texts(3),
+              testing::Contains("Next-hop table use 63% reached the high watermark 50%"));
   ASSERT_EQ(m().deleteECMPGroup(0, 3), 0);
-  EXPECT_THAT(capture.texts(3), testing::Contains("Next-hop table use 3% is back at the low watermark 10%"));
+  EXPECT_THAT(capture.texts(3),
+              testing::Contains("Next-hop table use 3% is back at the low watermark 10%"));
 }
 
 TEST_F(NextHopTableTest, FragmentationWatermarkFollowsShortRuns) {
@@ -383,8 +386,8 @@ TEST_F(NextHopTableTest, PlacementQuerySaysNowCompactionOrNeverAndChangesNothing
   m().setSimulationMode(true, 64);  // free 3..55 for groups, swap 56..63
   NextHopResources& res = *m().resources();
   for (int i = 0; i < 13; ++i) ASSERT_GE(create(4), 3);  // 3..54
-  ASSERT_EQ(m().deleteECMPGroup(0, 4), 0);                // hole 7..10
-  ASSERT_EQ(m().deleteECMPGroup(0, 6), 0);                // hole 15..18
+  ASSERT_EQ(m().deleteECMPGroup(0, 4), 0);               // hole 7..10
+  ASSERT_EQ(m().deleteECMPGroup(0, 6), 0);               // hole 15..18
   const U16 lastNarrow = m().lastNarrowIndex();
   EXPECT_EQ(res.groupPlacement(4, false), GroupPlacement::placeNow);
   EXPECT_EQ(res.groupPlacement(6, false), GroupPlacement::needsCompaction);

@@ -6,15 +6,15 @@
 #include <algorithm>
 #include <cmath>
 #include <optional>
-#include <type_traits>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "../sable/ReflectiveDefaults.h"
-#include "Bridging/Config.h"
-#include "Brevant/NextHopManager.h"
-#include "Bridging/HwCapabilities.h"
 #include "Brevant/BrevantCommonSmData.h"
+#include "Brevant/NextHopManager.h"
+#include "Bridging/Config.h"
+#include "Bridging/HwCapabilities.h"
 #include "Errdisable/CauseStatus.h"
 #include "FmSim/FmSim.h"
 #include "Gantry/TimerWheel.h"
@@ -132,20 +132,52 @@ const std::string reinstantiationText(const std::string& newVersion,
 // --- The type record
 
 TEST(BrevantCommonSmData, OwnAttributesTakeIndexes386To431AfterTheBases) {
-  const std::vector<std::string> names = {
-      "switchInfo", "linecardEpochName", "intfNameToFocalPointPortMap",
-      "focalPointPortToIntfNameMap", "loopbackPortId", "loopbackPortVlan", "ebiPortId", "numLags",
-      "lagIndex", "lagIndexToLagName", "peerChipDynamicTrigId", "peerDynamicTrigId",
-      "peerStaticTrigId", "dropMacTrigId", "veloMirrorGroup", "cpuMacAddress",
-      "purgeRequestsToSw", "pendingLagDelete", "freeExternalLAGIndexMetadata",
-      "freeExternalLAGIndex", "flowcontrolMode", "timerWheel", "bridgingConfig",
-      "bridgingHwCapabilities", "hwEpochStatus", "pdpModeEnabled", "nextHopManager",
-      "latestTimestamp", "ingressTimestampUserRequestor", "ingressTimestampPtpRequestor",
-      "mcIndexRestrictedFlood", "mcIndexRestrictedFloodCpu", "mlagMirrorGroup",
-      "mlagMirrorGroupRsvd", "vlanIntfDeferredQueueMetadata", "vlanIntfDeferredQueue",
-      "physicalMirrorDest", "tapAggMode", "l2Mtu", "config", "trafficSteeringMacAclMatchIp",
-      "intfNameToPortEventCount", "maxPortEventCount", "portEventInterval",
-      "linkInterruptStormCauseStatus", "programDefaultEPQPolicy"};
+  const std::vector<std::string> names = {"switchInfo",
+                                          "linecardEpochName",
+                                          "intfNameToFocalPointPortMap",
+                                          "focalPointPortToIntfNameMap",
+                                          "loopbackPortId",
+                                          "loopbackPortVlan",
+                                          "ebiPortId",
+                                          "numLags",
+                                          "lagIndex",
+                                          "lagIndexToLagName",
+                                          "peerChipDynamicTrigId",
+                                          "peerDynamicTrigId",
+                                          "peerStaticTrigId",
+                                          "dropMacTrigId",
+                                          "veloMirrorGroup",
+                                          "cpuMacAddress",
+                                          "purgeRequestsToSw",
+                                          "pendingLagDelete",
+                                          "freeExternalLAGIndexMetadata",
+                                          "freeExternalLAGIndex",
+                                          "flowcontrolMode",
+                                          "timerWheel",
+                                          "bridgingConfig",
+                                          "bridgingHwCapabilities",
+                                          "hwEpochStatus",
+                                          "pdpModeEnabled",
+                                          "nextHopManager",
+                                          "latestTimestamp",
+                                          "ingressTimestampUserRequestor",
+                                          "ingressTimestampPtpRequestor",
+                                          "mcIndexRestrictedFlood",
+                                          "mcIndexRestrictedFloodCpu",
+                                          "mlagMirrorGroup",
+                                          "mlagMirrorGroupRsvd",
+                                          "vlanIntfDeferredQueueMetadata",
+                                          "vlanIntfDeferredQueue",
+                                          "physicalMirrorDest",
+                                          "tapAggMode",
+                                          "l2Mtu",
+                                          "config",
+                                          "trafficSteeringMacAclMatchIp",
+                                          "intfNameToPortEventCount",
+                                          "maxPortEventCount",
+                                          "portEventInterval",
+                                          "linkInterruptStormCauseStatus",
+                                          "programDefaultEPQPolicy"};
   const Kiln::TypeRecord& r = BrevantCommonSmData::kilnType();
   EXPECT_EQ(r.name(), "Brevant::BrevantCommonSmData");
   EXPECT_EQ(r.kind(), Kiln::TypeKind::entity);
@@ -187,7 +219,9 @@ TEST(BrevantCommonSmData, AttributeKindsAreAsDeclared) {
 
 // pdpModeEnabled is listed in the record only: no storage and no accessor.
 template <class T>
-concept HasPdpModeAccessor = requires(T& t) { t.pdpModeEnabled(); };
+concept HasPdpModeAccessor = requires(T& t) {
+  t.pdpModeEnabled();
+};
 static_assert(!HasPdpModeAccessor<BrevantCommonSmData>);
 
 TEST(BrevantCommonSmData, PdpModeEnabledCannotBeReadOrWritten) {
@@ -215,36 +249,55 @@ TEST(BrevantCommonSmData, ReflectiveInterfaceReadsEveryAttributeAtItsDefault) {
   Kiln::Ptr<BrevantCommonSmData> s = Brevant::brevantCommonSmDataFactory("agent");
   StateTest::DefaultTexts defaults =
       StateTest::sableCommonSmDataDefaults("agent", "Brevant::BrevantCommonSmData");
-  defaults.insert({{"linecardEpochName", "''"}, {"loopbackPortId", "0"}, {"ebiPortId", "0"},
-                   {"numLags", "0"}, {"peerChipDynamicTrigId", "0"}, {"peerDynamicTrigId", "0"},
-                   {"peerStaticTrigId", "0"}, {"dropMacTrigId", "0"}, {"veloMirrorGroup", "4"},
-                   {"cpuMacAddress",
-                    "Value('Nimbet::EthAddr', ** {'word0': 0, 'word1': 0, 'word2': 0})"},
-                   {"freeExternalLAGIndexMetadata", StateTest::emptyQueueMetadata},
-                   {"flowcontrolMode", "none"}, {"timerWheel", "None"},
-                   {"bridgingConfig", "None"}, {"bridgingHwCapabilities", "None"},
-                   {"hwEpochStatus", "None"}, {"nextHopManager", "None"},
-                   {"ingressTimestampUserRequestor", "False"},
-                   {"ingressTimestampPtpRequestor", "False"}, {"mcIndexRestrictedFlood", "0"},
-                   {"mcIndexRestrictedFloodCpu", "0"}, {"mlagMirrorGroup", "255"},
-                   {"mlagMirrorGroupRsvd", "False"},
-                   {"vlanIntfDeferredQueueMetadata", StateTest::emptyQueueMetadata},
-                   {"tapAggMode", "False"}, {"config", "None"},
-                   {"trafficSteeringMacAclMatchIp", "False"}, {"maxPortEventCount", "128"},
-                   {"portEventInterval", "60.0"}, {"linkInterruptStormCauseStatus", "None"},
-                   {"programDefaultEPQPolicy", "False"}});
+  defaults.insert(
+      {{"linecardEpochName", "''"},
+       {"loopbackPortId", "0"},
+       {"ebiPortId", "0"},
+       {"numLags", "0"},
+       {"peerChipDynamicTrigId", "0"},
+       {"peerDynamicTrigId", "0"},
+       {"peerStaticTrigId", "0"},
+       {"dropMacTrigId", "0"},
+       {"veloMirrorGroup", "4"},
+       {"cpuMacAddress", "Value('Nimbet::EthAddr', ** {'word0': 0, 'word1': 0, 'word2': 0})"},
+       {"freeExternalLAGIndexMetadata", StateTest::emptyQueueMetadata},
+       {"flowcontrolMode", "none"},
+       {"timerWheel", "None"},
+       {"bridgingConfig", "None"},
+       {"bridgingHwCapabilities", "None"},
+       {"hwEpochStatus", "None"},
+       {"nextHopManager", "None"},
+       {"ingressTimestampUserRequestor", "False"},
+       {"ingressTimestampPtpRequestor", "False"},
+       {"mcIndexRestrictedFlood", "0"},
+       {"mcIndexRestrictedFloodCpu", "0"},
+       {"mlagMirrorGroup", "255"},
+       {"mlagMirrorGroupRsvd", "False"},
+       {"vlanIntfDeferredQueueMetadata", StateTest::emptyQueueMetadata},
+       {"tapAggMode", "False"},
+       {"config", "None"},
+       {"trafficSteeringMacAclMatchIp", "False"},
+       {"maxPortEventCount", "128"},
+       {"portEventInterval", "60.0"},
+       {"linkInterruptStormCauseStatus", "None"},
+       {"programDefaultEPQPolicy", "False"}});
   StateTest::expectDeclaredDefaults(*s, defaults);
 }
 
 TEST(BrevantCommonSmData, CollectionsStartEmptyWithInitialBucketParameterFour) {
   Kiln::Ptr<BrevantCommonSmData> s = BrevantCommonSmData::BrevantCommonSmDataIs("agent");
-  const std::vector<U8> log2Buckets = {
-      s->switchInfo().log2Buckets(), s->intfNameToFocalPointPortMap().log2Buckets(),
-      s->focalPointPortToIntfNameMap().log2Buckets(), s->loopbackPortVlan().log2Buckets(),
-      s->lagIndex().log2Buckets(), s->lagIndexToLagName().log2Buckets(),
-      s->purgeRequestsToSw().log2Buckets(), s->pendingLagDelete().log2Buckets(),
-      s->latestTimestamp().log2Buckets(), s->physicalMirrorDest().log2Buckets(),
-      s->l2Mtu().log2Buckets(), s->intfNameToPortEventCount().log2Buckets()};
+  const std::vector<U8> log2Buckets = {s->switchInfo().log2Buckets(),
+                                       s->intfNameToFocalPointPortMap().log2Buckets(),
+                                       s->focalPointPortToIntfNameMap().log2Buckets(),
+                                       s->loopbackPortVlan().log2Buckets(),
+                                       s->lagIndex().log2Buckets(),
+                                       s->lagIndexToLagName().log2Buckets(),
+                                       s->purgeRequestsToSw().log2Buckets(),
+                                       s->pendingLagDelete().log2Buckets(),
+                                       s->latestTimestamp().log2Buckets(),
+                                       s->physicalMirrorDest().log2Buckets(),
+                                       s->l2Mtu().log2Buckets(),
+                                       s->intfNameToPortEventCount().log2Buckets()};
   EXPECT_EQ(log2Buckets, std::vector<U8>(12, 4));
   EXPECT_TRUE(s->switchInfo().empty());
   EXPECT_TRUE(s->l2Mtu().empty());
@@ -363,8 +416,8 @@ TEST(BrevantCommonSmData, LagIndexMapsKeyByInterfaceAndByIndex) {
   const Kiln::TypeRecord& r = o.state->fwkType();
   EXPECT_EQ(r.members(*o.state, "lagIndex"),
             (std::vector<Kiln::MemberText>{{"'Port-Channel1'", "3"}}));
-  EXPECT_EQ(o.log->calls, (Calls{"lagIndex Port-Channel1", "lagIndexToLagName 3",
-                                 "lagIndexToLagName -1"}));
+  EXPECT_EQ(o.log->calls,
+            (Calls{"lagIndex Port-Channel1", "lagIndexToLagName 3", "lagIndexToLagName -1"}));
 }
 
 TEST(BrevantCommonSmData, SetsOfBoolKeepMembersByPresence) {
@@ -501,9 +554,9 @@ TEST(BrevantCommonSmData, DeferredVlanInterfacesKeepTheirArrivalOrder) {
   EXPECT_EQ(o.state->vlanIntfDeferredQueue(1), IntfId("Vlan5"));
   EXPECT_EQ(o.state->vlanIntfDeferredQueueDel(1), IntfId("Vlan5"));
   EXPECT_EQ(o.state->vlanIntfDeferredQueueDeq(), IntfId("Vlan10"));
-  EXPECT_EQ(o.log->calls, (Calls{"vlanIntfDeferredQueue 0", "vlanIntfDeferredQueue 1",
-                                 "vlanIntfDeferredQueue 7", "vlanIntfDeferredQueue 1",
-                                 "vlanIntfDeferredQueue 0"}));
+  EXPECT_EQ(o.log->calls,
+            (Calls{"vlanIntfDeferredQueue 0", "vlanIntfDeferredQueue 1", "vlanIntfDeferredQueue 7",
+                   "vlanIntfDeferredQueue 1", "vlanIntfDeferredQueue 0"}));
 }
 
 TEST(BrevantCommonSmData, EnqueueIntoAFullIndexSpaceThrows) {
@@ -525,8 +578,7 @@ TEST(BrevantCommonSmData, LagIndexesPlacedAtBothEndsOfTheIndexSpaceLeaveNoRoomTo
   Observed o;
   o.state->freeExternalLAGIndexIs(0, 1);
   o.state->freeExternalLAGIndexIs(0xFFFFFFFEu, 2);
-  EXPECT_EQ(o.state->freeExternalLAGIndexMetadata(),
-            (Kiln::LinkQueueMetadata{0, 0xFFFFFFFFu}));
+  EXPECT_EQ(o.state->freeExternalLAGIndexMetadata(), (Kiln::LinkQueueMetadata{0, 0xFFFFFFFFu}));
   o.log->calls.clear();
   for (U32 lag : {3u, 4u}) {
     try {
@@ -545,8 +597,7 @@ TEST(BrevantCommonSmData, QueueMetadataSetterAlwaysNotifies) {
   Observed o;
   o.state->freeExternalLAGIndexMetadataIs({0, 0});
   o.state->freeExternalLAGIndexMetadataIs({0, 0});
-  EXPECT_EQ(o.log->calls,
-            (Calls{"freeExternalLAGIndexMetadata", "freeExternalLAGIndexMetadata"}));
+  EXPECT_EQ(o.log->calls, (Calls{"freeExternalLAGIndexMetadata", "freeExternalLAGIndexMetadata"}));
 }
 
 // --- References
@@ -597,8 +648,8 @@ TEST(BrevantCommonSmData, BaseNotifieeHearsOnlyTheBasesAttributes) {
   o.state->l2MtuIs(IntfId("Ethernet2"), 9214);
   o.state->freeExternalLAGIndexEnq(1);
   EXPECT_EQ(base->calls, (Calls{"operationalMode", "intf Ethernet2"}));
-  EXPECT_EQ(o.log->calls,
-            (Calls{"operationalMode", "switchInfo 0", "veloMirrorGroup", "freeExternalLAGIndex 0"}));
+  EXPECT_EQ(o.log->calls, (Calls{"operationalMode", "switchInfo 0", "veloMirrorGroup",
+                                 "freeExternalLAGIndex 0"}));
 }
 
 TEST(BrevantCommonSmData, DerivedNotifieeDoesNotAttachToABaseEntity) {
@@ -705,8 +756,7 @@ TEST_F(BrevantCommonSmDataWithChip, DestructionTellsARegisteredNotifieeAboutChip
 
 TEST(BrevantCommonSmData, DestructionReleasesEverythingItHeld) {
   const Kiln::AllocationRecord& infos = Kiln::allocationRecord<SwitchInfo>();
-  const Kiln::AllocationRecord& members =
-      Kiln::allocationRecord<BrevantCommonSmData::KilnL2Mtu>();
+  const Kiln::AllocationRecord& members = Kiln::allocationRecord<BrevantCommonSmData::KilnL2Mtu>();
   const U64 liveInfos = infos.live();
   const U64 liveMembers = members.live();
   Kiln::Ptr<Gantry::TimerWheel> wheel = Gantry::timerWheelFactory("wheel");

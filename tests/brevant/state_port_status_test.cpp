@@ -49,18 +49,26 @@ TEST(BrevantPortStatus, BaseAttributesComeFirstThenThePortAt386) {
   for (const Kiln::AttributeRecord* a : r.attributes()) {
     if (a->index >= 258) seen.emplace_back(a->name, a->index);
   }
-  EXPECT_EQ(seen, (std::vector<std::pair<std::string, U32>>{
-                      {"intfName", 258}, {"linkStatus", 259}, {"faultType", 260},
-                      {"partnerAutonegAdvertisement", 261}, {"autonegResult", 262}, {"port", 386}}));
+  EXPECT_EQ(seen, (std::vector<std::pair<std::string, U32>>{{"intfName", 258},
+                                                            {"linkStatus", 259},
+                                                            {"faultType", 260},
+                                                            {"partnerAutonegAdvertisement", 261},
+                                                            {"autonegResult", 262},
+                                                            {"port", 386}}));
   EXPECT_EQ(r.attribute("port")->kind, Kiln::AttributeKind::constructorParameter);
 }
 
 TEST(BrevantPortStatus, ReflectiveInterfaceReadsEveryAttributeAtItsDefault) {
   Kiln::Ptr<BrevantPortStatus> s = new BrevantPortStatus(IntfId("Ethernet7"), SwitchPort(1, 33));
   StateTest::expectDeclaredDefaults(
-      *s, {{"name", "'Ethernet7'"}, {"parent", "None"}, {"parentAttrName", "''"},
-           {"fullName", "'Ethernet7'"}, {"entity", "Ref('Brevant::BrevantPortStatus', 'Ethernet7')"},
-           {"intfName", "'Ethernet7'"}, {"linkStatus", "linkUnknown"}, {"faultType", "faultNone"},
+      *s, {{"name", "'Ethernet7'"},
+           {"parent", "None"},
+           {"parentAttrName", "''"},
+           {"fullName", "'Ethernet7'"},
+           {"entity", "Ref('Brevant::BrevantPortStatus', 'Ethernet7')"},
+           {"intfName", "'Ethernet7'"},
+           {"linkStatus", "linkUnknown"},
+           {"faultType", "faultNone"},
            {"partnerAutonegAdvertisement", "advertisementUnknown"},
            {"autonegResult", "autonegUnknown"},
            {"port", "Value('Brevant::SwitchPort', ** {'sw': 1, 'portId': 33})"}});
@@ -78,8 +86,8 @@ TEST(BrevantPortStatus, NotifieeDerivesFromTheBasesAndHearsTheStatusAttributes) 
   s->partnerAutonegAdvertisementIs(SablePortStatus::advertisement100G);
   s->autonegResultIs(SablePortStatus::autonegSucceeded);
   s->autonegResultIs(SablePortStatus::autonegSucceeded);
-  EXPECT_EQ(log->calls, (Calls{"linkStatus", "faultType", "partnerAutonegAdvertisement",
-                               "autonegResult"}));
+  EXPECT_EQ(log->calls,
+            (Calls{"linkStatus", "faultType", "partnerAutonegAdvertisement", "autonegResult"}));
 }
 
 TEST(BrevantPortStatus, DerivedNotifieeDoesNotAttachToABaseStatus) {
@@ -96,7 +104,8 @@ TEST(BrevantPortStatus, IsConstructedReflectivelyFromItsInterfaceAndPort) {
       {"'Ethernet2'", "Value('Brevant::SwitchPort', ** {'sw': 0, 'portId': 2})"});
   ASSERT_TRUE(built);
   EXPECT_EQ(built->fwkType().get(*built, "name"), "'Ethernet2'");
-  EXPECT_EQ(built->fwkType().get(*built, 386), "Value('Brevant::SwitchPort', ** {'sw': 0, 'portId': 2})");
+  EXPECT_EQ(built->fwkType().get(*built, 386),
+            "Value('Brevant::SwitchPort', ** {'sw': 0, 'portId': 2})");
 }
 
 // --- Vxlan1GStatus
@@ -124,9 +133,11 @@ TEST(Vxlan1GStatus, IsCreatedByNameAsAnEmptySet) {
   const Kiln::TypeRecord& r = Vxlan1GStatus::kilnType();
   EXPECT_EQ(r.attribute("vxlan1G")->index, 258u);
   EXPECT_EQ(r.attribute("vxlan1G")->kind, Kiln::AttributeKind::collection);
-  StateTest::expectDeclaredDefaults(
-      *s, {{"name", "'vxlan'"}, {"parent", "None"}, {"parentAttrName", "''"},
-           {"fullName", "'vxlan'"}, {"entity", "Ref('Brevant::Vxlan1GStatus', 'vxlan')"}});
+  StateTest::expectDeclaredDefaults(*s, {{"name", "'vxlan'"},
+                                         {"parent", "None"},
+                                         {"parentAttrName", "''"},
+                                         {"fullName", "'vxlan'"},
+                                         {"entity", "Ref('Brevant::Vxlan1GStatus', 'vxlan')"}});
   EXPECT_FALSE(Kiln::Ptr<Vxlan1GStatus>(Vxlan1GStatus::Vxlan1GStatusIs("vxlan")) == s);
 }
 
@@ -159,7 +170,8 @@ TEST(Vxlan1GStatus, NewMemberInsertsSilentlyAndNotifyTellsOnRequest) {
 
 TEST(Vxlan1GStatus, DeleteByIteratorAndDeleteAllNotifyPerMember) {
   ObservedVxlan o;
-  for (const char* i : {"Ethernet1", "Ethernet2", "Ethernet3"}) o.status->vxlan1GIs(IntfId(i), true);
+  for (const char* i : {"Ethernet1", "Ethernet2", "Ethernet3"})
+    o.status->vxlan1GIs(IntfId(i), true);
   o.log->calls.clear();
   Vxlan1GStatus::Vxlan1GIterator first = o.status->vxlan1G().begin();
   const std::string firstName = first->key().name();

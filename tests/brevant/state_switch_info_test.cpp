@@ -66,15 +66,37 @@ PortList ports(std::initializer_list<U32> members) {
 }
 
 TEST(SwitchInfo, AttributesTakeIndexes130To160InDeclarationOrder) {
-  const std::vector<std::string> names = {
-      "sw", "switchVersion", "switchName", "baseLag", "baseMulticastGroup",
-      "freeMulticastIndexMetadata", "freeMulticastIndex", "freeMcastDestTableIndexMetadata",
-      "freeMcastDestTableIndex", "intfNameToLogicalPortMap", "logicalPortToIntfNameMap",
-      "lagToLogicalPortList", "peerPortList", "peerLagPort", "minSlice", "maxSlice",
-      "minActionSlice", "minUcRoutingSlice", "minIp6UcRoutingSlice", "minMcRoutingSlice",
-      "minAclSlice", "numAclSlices", "numAclSlicesRequest", "numAclSlicesInUse",
-      "numUcRoutingSlices", "numUcRoutingSlicesRequest", "numIp6UcRoutingSlices",
-      "numMcRoutingSlices", "sliceFreed", "allocationStatus", "v4UcastUseBst"};
+  const std::vector<std::string> names = {"sw",
+                                          "switchVersion",
+                                          "switchName",
+                                          "baseLag",
+                                          "baseMulticastGroup",
+                                          "freeMulticastIndexMetadata",
+                                          "freeMulticastIndex",
+                                          "freeMcastDestTableIndexMetadata",
+                                          "freeMcastDestTableIndex",
+                                          "intfNameToLogicalPortMap",
+                                          "logicalPortToIntfNameMap",
+                                          "lagToLogicalPortList",
+                                          "peerPortList",
+                                          "peerLagPort",
+                                          "minSlice",
+                                          "maxSlice",
+                                          "minActionSlice",
+                                          "minUcRoutingSlice",
+                                          "minIp6UcRoutingSlice",
+                                          "minMcRoutingSlice",
+                                          "minAclSlice",
+                                          "numAclSlices",
+                                          "numAclSlicesRequest",
+                                          "numAclSlicesInUse",
+                                          "numUcRoutingSlices",
+                                          "numUcRoutingSlicesRequest",
+                                          "numIp6UcRoutingSlices",
+                                          "numMcRoutingSlices",
+                                          "sliceFreed",
+                                          "allocationStatus",
+                                          "v4UcastUseBst"};
   const Kiln::TypeRecord& r = SwitchInfo::kilnType();
   EXPECT_EQ(r.name(), "Brevant::SwitchInfo");
   EXPECT_EQ(r.kind(), Kiln::TypeKind::pointerInterface);
@@ -133,18 +155,30 @@ TEST(SwitchInfo, FreshInfoReadsItsDefaults) {
 TEST(SwitchInfo, ReflectiveInterfaceReadsEveryAttributeAtItsDefault) {
   Observed o;
   StateTest::expectDeclaredDefaults(
-      *o.info,
-      {{"sw", "1"}, {"switchVersion", "2"}, {"switchName", "''"}, {"baseLag", "0"},
-       {"baseMulticastGroup", "0"},
-       {"freeMulticastIndexMetadata", StateTest::emptyQueueMetadata},
-       {"freeMcastDestTableIndexMetadata", StateTest::emptyQueueMetadata},
-       {"minSlice", "0"}, {"maxSlice", "23"}, {"minActionSlice", "0"},
-       {"minUcRoutingSlice", "0"}, {"minIp6UcRoutingSlice", "0"}, {"minMcRoutingSlice", "0"},
-       {"minAclSlice", "0"}, {"numAclSlices", "0"}, {"numAclSlicesRequest", "0"},
-       {"numAclSlicesInUse", "0"}, {"numUcRoutingSlices", "0"},
-       {"numUcRoutingSlicesRequest", "0"}, {"numIp6UcRoutingSlices", "0"},
-       {"numMcRoutingSlices", "0"}, {"sliceFreed", "0"}, {"allocationStatus", "False"},
-       {"v4UcastUseBst", "True"}});
+      *o.info, {{"sw", "1"},
+                {"switchVersion", "2"},
+                {"switchName", "''"},
+                {"baseLag", "0"},
+                {"baseMulticastGroup", "0"},
+                {"freeMulticastIndexMetadata", StateTest::emptyQueueMetadata},
+                {"freeMcastDestTableIndexMetadata", StateTest::emptyQueueMetadata},
+                {"minSlice", "0"},
+                {"maxSlice", "23"},
+                {"minActionSlice", "0"},
+                {"minUcRoutingSlice", "0"},
+                {"minIp6UcRoutingSlice", "0"},
+                {"minMcRoutingSlice", "0"},
+                {"minAclSlice", "0"},
+                {"numAclSlices", "0"},
+                {"numAclSlicesRequest", "0"},
+                {"numAclSlicesInUse", "0"},
+                {"numUcRoutingSlices", "0"},
+                {"numUcRoutingSlicesRequest", "0"},
+                {"numIp6UcRoutingSlices", "0"},
+                {"numMcRoutingSlices", "0"},
+                {"sliceFreed", "0"},
+                {"allocationStatus", "False"},
+                {"v4UcastUseBst", "True"}});
 }
 
 TEST(SwitchInfo, ChipNumberAndVersionAreFixed) {
@@ -217,9 +251,9 @@ TEST(SwitchInfo, PortListSetterWithAnEqualListNotifiesNobody) {
   flagged.portIs(7, false);
   o.info->lagToLogicalPortListIs(IntfId("Port-Channel1"), flagged);
   EXPECT_EQ(o.info->peerPortList(4), ports({10, 11, 12}));
-  EXPECT_EQ(o.log->calls, (Calls{"peerPortList 4", "peerPortList 4",
-                                 "lagToLogicalPortList Port-Channel1",
-                                 "lagToLogicalPortList Port-Channel1"}));
+  EXPECT_EQ(o.log->calls,
+            (Calls{"peerPortList 4", "peerPortList 4", "lagToLogicalPortList Port-Channel1",
+                   "lagToLogicalPortList Port-Channel1"}));
 }
 
 TEST(SwitchInfo, PortListSetterReplacesTheWholeList) {
@@ -238,8 +272,7 @@ TEST(SwitchInfo, PortListsCrossTheReflectiveInterfaceInTheCollectionForm) {
   const Kiln::TypeRecord& r = o.info->fwkType();
   r.memberIs(*o.info, "peerPortList", "3", "{5: True}");
   EXPECT_EQ(o.info->peerPortList(3), ports({5}));
-  EXPECT_EQ(r.members(*o.info, "peerPortList"),
-            (std::vector<Kiln::MemberText>{{"3", "None"}}));
+  EXPECT_EQ(r.members(*o.info, "peerPortList"), (std::vector<Kiln::MemberText>{{"3", "None"}}));
   r.memberDel(*o.info, "peerPortList", "3");
   EXPECT_TRUE(o.info->peerPortList().empty());
 }

@@ -63,13 +63,15 @@ Names elfSectionTexts(const std::string& path, const std::string& name) {
 TEST(TypeRegistration, TypesAreRegisteredInTheLibrarysOrder) {
   EXPECT_EQ(registeredLibraryTypes(),
             (Names{"Brevant::BrevantCommonSmData", "Brevant::BrevantCommonSmData::SwitchMode",
-                   "Brevant::KernelDev", "Brevant::PortList", "Brevant::BrevantPortStatus",
-                   "Brevant::Vxlan1GStatus", "Brevant::PortEventCounter", "Brevant::SwitchInfo",
-                   "Brevant::SwitchPort", "Brevant::LagIndex", "Brevant::FfuEntries",
-                   "Brevant::DefragManager", "Brevant::NextHopManager", "Brevant::FeatureType",
-                   "Brevant::NextHopEntry", "Brevant::ECMPGroup", "Brevant::U64Collection",
-                   "Brevant::NextHopCallback", "Brevant::NextHopResources",
-                   "Brevant::GroupPlacement"}));
+                   "Brevant::KernelDev",           "Brevant::PortList",
+                   "Brevant::BrevantPortStatus",   "Brevant::Vxlan1GStatus",
+                   "Brevant::PortEventCounter",    "Brevant::SwitchInfo",
+                   "Brevant::SwitchPort",          "Brevant::LagIndex",
+                   "Brevant::FfuEntries",          "Brevant::DefragManager",
+                   "Brevant::NextHopManager",      "Brevant::FeatureType",
+                   "Brevant::NextHopEntry",        "Brevant::ECMPGroup",
+                   "Brevant::U64Collection",       "Brevant::NextHopCallback",
+                   "Brevant::NextHopResources",    "Brevant::GroupPlacement"}));
 }
 
 TEST(TypeRegistration, RecordsAreFoundByTheirQualifiedNames) {

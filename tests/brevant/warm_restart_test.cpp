@@ -92,7 +92,8 @@ class WarmRestartTest : public NextHopTableTest {
     RestoreResult scratch;
     RestoreResult& r = result ? *result : scratch;
     Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManager(path_, options, &r);
-    EXPECT_EQ(r.outcome, RestoreResult::Outcome::warm) << (r.differences.empty() ? r.coldReason : r.differences[0].text);
+    EXPECT_EQ(r.outcome, RestoreResult::Outcome::warm)
+        << (r.differences.empty() ? r.coldReason : r.differences[0].text);
     EXPECT_TRUE(writeCalls().empty());
     EXPECT_EQ(r.wordsWritten, 0u);
     EXPECT_EQ(tableWords(), before);
@@ -298,13 +299,15 @@ TEST_F(WarmRestartTest, ABodyThatPassesTheChecksumButBreaksTheRecordsIsCorrupt) 
   const Kiln::Ptr<ECMPGroup> group = m().ecmpGroups(4);
   ASSERT_TRUE(group);
   // The group's first entry said to be free.
-  const std::string line = "member\tfreeEntries\t" + std::to_string(group->hwStartIndex()) + "\tTrue\n";
+  const std::string line =
+      "member\tfreeEntries\t" + std::to_string(group->hwStartIndex()) + "\tTrue\n";
   const size_t pos = text.find("\nrun\tfreeEntries\t");
   ASSERT_NE(pos, std::string::npos);
   writeAll(path_, resealed(text.substr(0, pos + 1) + line + text.substr(pos + 1)));
   expectProblem(path_, SnapshotError::Problem::corrupt, "is not allocated");
   // An attribute the type has not.
-  writeAll(path_, resealed(text.substr(0, pos + 1) + "attr\tnoSuchThing\t1\n" + text.substr(pos + 1)));
+  writeAll(path_,
+           resealed(text.substr(0, pos + 1) + "attr\tnoSuchThing\t1\n" + text.substr(pos + 1)));
   expectProblem(path_, SnapshotError::Problem::corrupt, "has no attribute noSuchThing");
   // A value that does not parse as its type.
   std::string badValue = text;
@@ -421,8 +424,8 @@ TEST_F(WarmRestartTest, RestartsInsideRandomChurnKeepTheTableHitless) {
   std::vector<U16> live;
   U64 fresh = 0xC0DE000000000000ull;
   U32 restarts = 0;
-  auto checker = std::make_unique<Brevant::HitlessChecker>(
-      m(), [](U16 i) { return FmSim::tableWord(i); });
+  auto checker =
+      std::make_unique<Brevant::HitlessChecker>(m(), [](U16 i) { return FmSim::tableWord(i); });
   // Every chip write (the defragmenter's moves) is checked as it happens.
   U64 violations = 0;
   FmSim::writeObserverIs([&](const FmSim::Call&, const U64*) {
@@ -434,9 +437,9 @@ TEST_F(WarmRestartTest, RestartsInsideRandomChurnKeepTheTableHitless) {
       const U16 size = U16(1 + random(4));
       const bool wide = random(4) == 0;
       fresh += 32;
-      const S32 id = m().createECMPGroup(0, wide, true, size, wordRun(size, fresh),
-                                         wordRun(size, fresh + 16),
-                                         Brevant::RoutingUnicastFeature, false);
+      const S32 id =
+          m().createECMPGroup(0, wide, true, size, wordRun(size, fresh), wordRun(size, fresh + 16),
+                              Brevant::RoutingUnicastFeature, false);
       if (id > 0) live.push_back(U16(id));
     } else if (choice < 85 && !live.empty()) {
       const size_t k = random(U32(live.size()));
@@ -457,8 +460,8 @@ TEST_F(WarmRestartTest, RestartsInsideRandomChurnKeepTheTableHitless) {
       ASSERT_TRUE(differences.empty()) << ::testing::PrintToString(differences);
       manager_ = restored;
       ++restarts;
-      checker = std::make_unique<Brevant::HitlessChecker>(
-          m(), [](U16 i) { return FmSim::tableWord(i); });
+      checker =
+          std::make_unique<Brevant::HitlessChecker>(m(), [](U16 i) { return FmSim::tableWord(i); });
       ASSERT_EQ(checker->checkSettled(), 0u) << checker->report();
       for (U16 id : live) EXPECT_EQ(m().getECMPGroup(id)->groupId(), id);
     }

@@ -45,6 +45,5 @@ TEST(FmApiTrace, TraceOneHandlesLongAndEmptyTexts) {
   const std::string longText(1000, 'x');
   FmApi::trace1("caller", "%s", longText.c_str());
   FmApi::trace1("caller", "%s", "");
-  EXPECT_THAT(capture.texts(Trace::chipCallLevel),
-              ElementsAre("caller: " + longText, "caller: "));
+  EXPECT_THAT(capture.texts(Trace::chipCallLevel), ElementsAre("caller: " + longText, "caller: "));
 }

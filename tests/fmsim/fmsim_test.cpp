@@ -79,8 +79,7 @@ TEST_F(FmSimTest, BadArgumentsFailWithInvalidArgumentAndChangeNothing) {
   EXPECT_EQ(fmWriteUINT64Mult(0, base, -1, &word), FmApi::statusInvalidArgument);
   EXPECT_EQ(fmWriteUINT64Mult(0, base, 1, nullptr), FmApi::statusInvalidArgument);
   EXPECT_EQ(fmWriteUINT64Mult(-1, base, 1, &word), FmApi::statusInvalidArgument);
-  EXPECT_EQ(fmWriteUINT64Mult(FmSim::switchCount, base, 1, &word),
-            FmApi::statusInvalidArgument);
+  EXPECT_EQ(fmWriteUINT64Mult(FmSim::switchCount, base, 1, &word), FmApi::statusInvalidArgument);
   EXPECT_EQ(fmWriteUINT64Mult(0, 0xFFFFFFFE, 2, &word), FmApi::statusInvalidArgument);
   EXPECT_EQ(fmReadUINT64Mult(0, base, -5, &word), FmApi::statusInvalidArgument);
   EXPECT_EQ(fmReadUINT64Mult(0, base, 1, nullptr), FmApi::statusInvalidArgument);
@@ -364,7 +363,8 @@ TEST_F(FmSimTimingTest, TimeChargedRunsNoTimerUntilTheClockIsMoved) {
 TEST_F(FmSimTimingTest, RefusesANegativeOrEndlessTimingAndKeepsTheOldOne) {
   FmSim::timingIs(FmSim::Timing::busEstimate());
   EXPECT_THROW(FmSim::timingIs({-1, 0}), std::invalid_argument);
-  EXPECT_THROW(FmSim::timingIs({0, std::numeric_limits<double>::infinity()}), std::invalid_argument);
+  EXPECT_THROW(FmSim::timingIs({0, std::numeric_limits<double>::infinity()}),
+               std::invalid_argument);
   EXPECT_THROW(FmSim::timingIs({std::nan(""), 0}), std::invalid_argument);
   EXPECT_EQ(FmSim::timing(), FmSim::Timing::busEstimate());
   FmSim::reset();

@@ -323,8 +323,9 @@ TEST(Entity, KeyedEntityCollectionRefusesANullEntityWithItsText) {
         try {
           o.station->listenersIs(nullptr);
         } catch (const Kiln::RangeException& e) {
-          EXPECT_STREQ(e.what(), "null _listeners parameter to mutator for "
-                                 "KilnTest::Station::listeners not allowed");
+          EXPECT_STREQ(e.what(),
+                       "null _listeners parameter to mutator for "
+                       "KilnTest::Station::listeners not allowed");
           throw;
         }
       },
@@ -339,8 +340,9 @@ TEST(Entity, KeyedEntityCollectionNullTextCanBeGivenInTheSchema) {
     e->newUsers(nullptr);
     FAIL() << "no exception";
   } catch (const Kiln::RangeException& x) {
-    EXPECT_STREQ(x.what(), "null _users parameter to mutator for KilnTest::Engine::users not "
-                           "allowed\"");
+    EXPECT_STREQ(x.what(),
+                 "null _users parameter to mutator for KilnTest::Engine::users not "
+                 "allowed\"");
   }
 }
 
@@ -351,8 +353,7 @@ TEST(Entity, QueueEnqueuesAtTheNextIndexAndDequeuesInArrivalOrder) {
   EXPECT_EQ(o.chip->freeIndex(1), 20u);
   EXPECT_EQ(o.chip->freeIndexDeq(), 10u);
   EXPECT_EQ(o.chip->freeIndexDeq(), 20u);
-  EXPECT_EQ(o.log->calls,
-            (Calls{"freeIndex 0", "freeIndex 1", "freeIndex 0", "freeIndex 1"}));
+  EXPECT_EQ(o.log->calls, (Calls{"freeIndex 0", "freeIndex 1", "freeIndex 0", "freeIndex 1"}));
 }
 
 TEST(Entity, DequeueOnAnEmptyQueueReturnsTheDefaultAndNotifiesNobody) {
@@ -403,8 +404,8 @@ TEST(Entity, QueueSetterPlacesAtAChosenIndexInOrder) {
   EXPECT_EQ(order, (std::vector<U32>{2, 5, 7, 9}));
   EXPECT_EQ(o.chip->freeIndex(7), 71u);
   EXPECT_EQ(o.chip->freeIndexMetadata().headIndex, 2u);
-  EXPECT_EQ(o.log->calls, (Calls{"freeIndex 5", "freeIndex 9", "freeIndex 7", "freeIndex 2",
-                                 "freeIndex 7"}));
+  EXPECT_EQ(o.log->calls,
+            (Calls{"freeIndex 5", "freeIndex 9", "freeIndex 7", "freeIndex 2", "freeIndex 7"}));
 }
 
 TEST(Entity, QueueMetadataSetterAlwaysStoresAndNotifies) {

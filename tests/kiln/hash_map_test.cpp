@@ -58,9 +58,7 @@ TEST(KilnHash, SixtyFourBitIntegersFoldTheirHalves) {
   EXPECT_EQ(Kiln::kilnHash(S64(-1)), 0u);
 }
 
-TEST(KilnHash, EnumerationsHashToTheirValue) {
-  EXPECT_EQ(Kiln::kilnHash(Colour::blue), 9u);
-}
+TEST(KilnHash, EnumerationsHashToTheirValue) { EXPECT_EQ(Kiln::kilnHash(Colour::blue), 9u); }
 
 TEST(KilnHash, TextsHashWithFnv1a) {
   EXPECT_EQ(Kiln::kilnHash(std::string()), 2166136261u);

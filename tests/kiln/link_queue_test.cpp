@@ -266,7 +266,7 @@ TEST(LinkQueue, RemoveByIndexKeepsTheCountersConsistent) {
   EXPECT_EQ(q.remove(2)->value(), "c");  // middle
   EXPECT_EQ(q.remove(3)->value(), "d");  // tail
   EXPECT_EQ(q.tail()->value(), "b");
-  EXPECT_EQ(q.nextIndex(), 4u);  // never moves back while members remain
+  EXPECT_EQ(q.nextIndex(), 4u);          // never moves back while members remain
   EXPECT_EQ(q.remove(0)->value(), "a");  // head
   EXPECT_EQ(q.headIndex(), 1u);
   EXPECT_EQ(q.changeCount(), 3u);

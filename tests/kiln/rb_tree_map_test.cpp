@@ -15,15 +15,25 @@ namespace Kiln {
 // Reads (and, to prove the checker, damages) a tree's links.
 struct RbTreeAccess {
   template <class Map>
-  static auto* root(const Map& map) { return map.root_; }
+  static auto* root(const Map& map) {
+    return map.root_;
+  }
   template <class M>
-  static M* child(const M* m, int dir) { return m->child_[dir]; }
+  static M* child(const M* m, int dir) {
+    return m->child_[dir];
+  }
   template <class M>
-  static M* parent(const M* m) { return m->parent_; }
+  static M* parent(const M* m) {
+    return m->parent_;
+  }
   template <class M>
-  static bool red(const M* m) { return m->red_; }
+  static bool red(const M* m) {
+    return m->red_;
+  }
   template <class M>
-  static void redIs(M* m, bool red) { m->red_ = red; }
+  static void redIs(M* m, bool red) {
+    m->red_ = red;
+  }
 };
 
 }  // namespace Kiln

@@ -84,8 +84,7 @@ TEST(Strep, StringsAreSingleQuotedWithEscapes) {
 
 TEST(Strep, MalformedStringsDoNotParse) {
   for (const char* text : {"abc", "'abc", "'a\\qb'", "'a\\x4'", "'abc'x", "\"abc\""}) {
-    EXPECT_THROW(Kiln::strepToValue<std::string>(text), Kiln::DeserializationException)
-        << text;
+    EXPECT_THROW(Kiln::strepToValue<std::string>(text), Kiln::DeserializationException) << text;
   }
 }
 
@@ -192,7 +191,8 @@ TEST(Strep, EnumerationInstanceLooksUpTheRegisteredTable) {
 
 TEST(Strep, QueueMetadataHasATextForm) {
   Kiln::LinkQueueMetadata m{3, 9};
-  EXPECT_EQ(Kiln::strep(m), "Value('Kiln::LinkQueueMetadata', ** {'headIndex': 3, 'nextIndex': 9})");
+  EXPECT_EQ(Kiln::strep(m),
+            "Value('Kiln::LinkQueueMetadata', ** {'headIndex': 3, 'nextIndex': 9})");
   EXPECT_EQ(roundTrip(m), m);
 }
 

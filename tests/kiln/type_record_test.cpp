@@ -22,10 +22,10 @@
 #include "KilnTest/PortSet.h"
 #include "KilnTest/Station.h"
 
+using Kiln::MemberText;
 using KilnTest::Chip;
 using KilnTest::Hub;
 using KilnTest::Station;
-using Kiln::MemberText;
 using Texts = std::vector<std::string>;
 
 namespace {
@@ -46,10 +46,10 @@ TEST(TypeRecord, EveryTypeIsRegisteredInDeclarationOrder) {
   for (const Kiln::TypeRecord* r : Kiln::typeRecords()) {
     if (r->name().rfind("KilnTest::", 0) == 0) names.push_back(r->name());
   }
-  EXPECT_EQ(names, (Texts{"KilnTest::Colour", "KilnTest::Port", "KilnTest::Lag",
-                          "KilnTest::Device", "KilnTest::PortSet", "KilnTest::Chip",
-                          "KilnTest::Listener", "KilnTest::Station", "KilnTest::Station::Mode",
-                          "KilnTest::Hub", "KilnTest::Group", "KilnTest::Engine"}));
+  EXPECT_EQ(names, (Texts{"KilnTest::Colour", "KilnTest::Port", "KilnTest::Lag", "KilnTest::Device",
+                          "KilnTest::PortSet", "KilnTest::Chip", "KilnTest::Listener",
+                          "KilnTest::Station", "KilnTest::Station::Mode", "KilnTest::Hub",
+                          "KilnTest::Group", "KilnTest::Engine"}));
   EXPECT_EQ(Kiln::typeRecord("KilnTest::Station"), &Station::kilnType());
   EXPECT_EQ(Kiln::typeRecord("KilnTest::Nothing"), nullptr);
   EXPECT_NE(Kiln::typeRecord("Kiln::Entity"), nullptr);
@@ -268,14 +268,13 @@ TEST(Reflect, IteratesCollectionKeysAndValues) {
   s->pendingEnq("y");
   s->chipsIs(4, 1);
   const Kiln::TypeRecord& r = s->fwkType();
-  EXPECT_EQ(r.members(*s, "levels"),
-            (std::vector<MemberText>{{"1", "False"}, {"3", "True"}}));
+  EXPECT_EQ(r.members(*s, "levels"), (std::vector<MemberText>{{"1", "False"}, {"3", "True"}}));
   EXPECT_EQ(r.members(*s, "pending"), (std::vector<MemberText>{{"0", "'x'"}, {"1", "'y'"}}));
   EXPECT_EQ(r.members(*s, "chips"), (std::vector<MemberText>{{"4", "Ref('KilnTest::Chip')"}}));
   s->portsIs(KilnTest::Port(1, 2), KilnTest::red);
-  EXPECT_EQ(r.members(*s, 261),
-            (std::vector<MemberText>{
-                {"Value('KilnTest::Port', ** {'sw': 1, 'portId': 2})", "red"}}));
+  EXPECT_EQ(
+      r.members(*s, 261),
+      (std::vector<MemberText>{{"Value('KilnTest::Port', ** {'sw': 1, 'portId': 2})", "red"}}));
 }
 
 TEST(Reflect, StoresAndDeletesCollectionMembers) {
@@ -325,8 +324,7 @@ TEST(Reflect, InvokesRegisteredOperationsByName) {
 TEST(Reflect, InvokeWithTheWrongArgumentCountIsNotSupported) {
   Kiln::Ptr<Station> s = Station::StationIs("s");
   EXPECT_THROW(s->fwkType().invoke(*s, "scaled", {}), Kiln::OperationNotSupportedException);
-  EXPECT_THROW(s->fwkType().invoke(*s, "scaled", {"1", "2"}),
-               Kiln::OperationNotSupportedException);
+  EXPECT_THROW(s->fwkType().invoke(*s, "scaled", {"1", "2"}), Kiln::OperationNotSupportedException);
 }
 
 TEST(Reflect, ConstructsEntitiesFromArgumentTexts) {
@@ -405,9 +403,8 @@ TEST(ReflectValue, ParsesAndReadsFields) {
 }
 
 TEST(ReflectValue, HashesHashableTypesAndRefusesTheOthers) {
-  EXPECT_EQ(record("KilnTest::Port").hashValue(
-                "Value('KilnTest::Port', ** {'sw': 2, 'portId': 1})"),
-            3u);
+  EXPECT_EQ(
+      record("KilnTest::Port").hashValue("Value('KilnTest::Port', ** {'sw': 2, 'portId': 1})"), 3u);
   EXPECT_EQ(record("KilnTest::Lag").hashValue("-1"), 0xFFFFFFFFu);
   EXPECT_THROW(record("KilnTest::Device").constructValue({"x"}), Kiln::DeserializationException);
   try {

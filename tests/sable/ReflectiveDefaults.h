@@ -65,16 +65,32 @@ inline void expectDeclaredDefaults(const Kiln::PtrInterface& o, const DefaultTex
 inline DefaultTexts sableCommonSmDataDefaults(const std::string& name,
                                               const std::string& typeName) {
   const std::string zeroMac = "Value('Nimbet::EthAddr', ** {'word0': 0, 'word1': 0, 'word2': 0})";
-  return {{"name", "'" + name + "'"}, {"parent", "None"}, {"parentAttrName", "''"},
-          {"fullName", "'" + name + "'"}, {"entity", "Ref('" + typeName + "', '" + name + "')"},
-          {"operationalMode", "0"}, {"vlanHelper", "None"}, {"minIntfs", "0"},
-          {"cpuIntf", "''"}, {"mlagPeerLinkPort", "''"}, {"hasInitialLagColls", "False"},
-          {"virtualMac", zeroMac}, {"peerRouterMac", zeroMac}, {"cliConfig", "None"},
-          {"freeMirrorSessionMetadata", emptyQueueMetadata}, {"isFabricSlice", "False"},
-          {"parityEvent", "0"}, {"verifyData", "False"}, {"verifySm", "False"},
-          {"doCleanup", "False"}, {"zeltFastBoot", "False"}, {"zeltRenice", "False"},
-          {"zeltReniceValue", "0"}, {"initialized", "False"},
-          {"pfcWatchdogDropActionSupported", "False"}, {"handleInitialized", "False"}};
+  return {{"name", "'" + name + "'"},
+          {"parent", "None"},
+          {"parentAttrName", "''"},
+          {"fullName", "'" + name + "'"},
+          {"entity", "Ref('" + typeName + "', '" + name + "')"},
+          {"operationalMode", "0"},
+          {"vlanHelper", "None"},
+          {"minIntfs", "0"},
+          {"cpuIntf", "''"},
+          {"mlagPeerLinkPort", "''"},
+          {"hasInitialLagColls", "False"},
+          {"virtualMac", zeroMac},
+          {"peerRouterMac", zeroMac},
+          {"cliConfig", "None"},
+          {"freeMirrorSessionMetadata", emptyQueueMetadata},
+          {"isFabricSlice", "False"},
+          {"parityEvent", "0"},
+          {"verifyData", "False"},
+          {"verifySm", "False"},
+          {"doCleanup", "False"},
+          {"zeltFastBoot", "False"},
+          {"zeltRenice", "False"},
+          {"zeltReniceValue", "0"},
+          {"initialized", "False"},
+          {"pfcWatchdogDropActionSupported", "False"},
+          {"handleInitialized", "False"}};
 }
 
 }  // namespace StateTest

@@ -23,8 +23,7 @@ TEST(IntfId, DefaultIsTheEmptyName) {
 TEST(IntfId, TextFormIsTheQuotedNameAndParsesBack) {
   EXPECT_EQ(Kiln::strep(IntfId("Ethernet1")), "'Ethernet1'");
   EXPECT_EQ(Kiln::strep(IntfId()), "''");
-  for (const IntfId& i : {IntfId(), IntfId("Ethernet1"), IntfId("Port-Channel7"),
-                          IntfId("it's")}) {
+  for (const IntfId& i : {IntfId(), IntfId("Ethernet1"), IntfId("Port-Channel7"), IntfId("it's")}) {
     EXPECT_EQ(IntfId::fromStrep(Kiln::strep(i)), i) << Kiln::strep(i);
     std::string text = Kiln::strep(i);
     std::string_view view(text);

@@ -13,9 +13,9 @@
 namespace {
 
 TEST(OtherAgents, TypesAreRegisteredUnderTheirQualifiedNames) {
-  for (const char* name : {"Gantry::TimerWheel", "Bridging::Config", "Bridging::HwCapabilities",
-                           "HwEpoch::Status", "Hardware::Brevant::Config",
-                           "Errdisable::CauseStatus"}) {
+  for (const char* name :
+       {"Gantry::TimerWheel", "Bridging::Config", "Bridging::HwCapabilities", "HwEpoch::Status",
+        "Hardware::Brevant::Config", "Errdisable::CauseStatus"}) {
     const Kiln::TypeRecord* r = Kiln::typeRecord(name);
     ASSERT_NE(r, nullptr) << name;
     EXPECT_EQ(r->kind(), Kiln::TypeKind::entity) << name;

@@ -41,15 +41,44 @@ struct Observed {
 };
 
 TEST(SableCommonSmData, AttributesTakeIndexes258To295InDeclarationOrder) {
-  const std::vector<std::string> names = {
-      "operationalMode", "vlanHelper", "intf", "minIntfs", "unusedIntf", "cpuIntf",
-      "mlagPeerLinkPort", "mlagIntfPort", "lagToPortConfig", "lagToFeatureSet",
-      "hasInitialLagColls", "initialPortToLag", "initialLagToPort", "portToLag", "lagToPort",
-      "lagToLagType", "virtualMac", "peerRouterMac", "internalVlan", "vlanStatus", "encapVlan",
-      "portVlanTpidData", "cliConfig", "freeMirrorSessionMetadata", "freeMirrorSession",
-      "isFabricSlice", "parityEvent", "verifyData", "verifySm", "vlanIntf", "flashlogLevels",
-      "doCleanup", "zeltFastBoot", "zeltRenice", "zeltReniceValue", "initialized",
-      "pfcWatchdogDropActionSupported", "handleInitialized"};
+  const std::vector<std::string> names = {"operationalMode",
+                                          "vlanHelper",
+                                          "intf",
+                                          "minIntfs",
+                                          "unusedIntf",
+                                          "cpuIntf",
+                                          "mlagPeerLinkPort",
+                                          "mlagIntfPort",
+                                          "lagToPortConfig",
+                                          "lagToFeatureSet",
+                                          "hasInitialLagColls",
+                                          "initialPortToLag",
+                                          "initialLagToPort",
+                                          "portToLag",
+                                          "lagToPort",
+                                          "lagToLagType",
+                                          "virtualMac",
+                                          "peerRouterMac",
+                                          "internalVlan",
+                                          "vlanStatus",
+                                          "encapVlan",
+                                          "portVlanTpidData",
+                                          "cliConfig",
+                                          "freeMirrorSessionMetadata",
+                                          "freeMirrorSession",
+                                          "isFabricSlice",
+                                          "parityEvent",
+                                          "verifyData",
+                                          "verifySm",
+                                          "vlanIntf",
+                                          "flashlogLevels",
+                                          "doCleanup",
+                                          "zeltFastBoot",
+                                          "zeltRenice",
+                                          "zeltReniceValue",
+                                          "initialized",
+                                          "pfcWatchdogDropActionSupported",
+                                          "handleInitialized"};
   const Kiln::TypeRecord& r = SableCommonSmData::kilnType();
   ASSERT_EQ(r.ownAttributes().size(), names.size());
   for (std::size_t i = 0; i < names.size(); ++i) {

@@ -43,12 +43,16 @@ TEST(SablePortStatus, AttributesTakeIndexes258To262) {
 
 TEST(SablePortStatus, FreshStatusReadsItsDefaults) {
   Kiln::Ptr<SablePortStatus> s = new SablePortStatus(IntfId("Ethernet3"));
-  StateTest::expectDeclaredDefaults(
-      *s, {{"name", "'Ethernet3'"}, {"parent", "None"}, {"parentAttrName", "''"},
-           {"fullName", "'Ethernet3'"}, {"entity", "Ref('Sable::SablePortStatus', 'Ethernet3')"},
-           {"intfName", "'Ethernet3'"}, {"linkStatus", "linkUnknown"}, {"faultType", "faultNone"},
-           {"partnerAutonegAdvertisement", "advertisementUnknown"},
-           {"autonegResult", "autonegUnknown"}});
+  StateTest::expectDeclaredDefaults(*s, {{"name", "'Ethernet3'"},
+                                         {"parent", "None"},
+                                         {"parentAttrName", "''"},
+                                         {"fullName", "'Ethernet3'"},
+                                         {"entity", "Ref('Sable::SablePortStatus', 'Ethernet3')"},
+                                         {"intfName", "'Ethernet3'"},
+                                         {"linkStatus", "linkUnknown"},
+                                         {"faultType", "faultNone"},
+                                         {"partnerAutonegAdvertisement", "advertisementUnknown"},
+                                         {"autonegResult", "autonegUnknown"}});
 }
 
 TEST(SablePortStatus, EachStatusNotifiesOnlyOnChange) {
@@ -62,8 +66,8 @@ TEST(SablePortStatus, EachStatusNotifiesOnlyOnChange) {
   s->partnerAutonegAdvertisementIs(SablePortStatus::advertisement25G);
   s->autonegResultIs(SablePortStatus::autonegSucceeded);
   s->autonegResultIs(SablePortStatus::autonegSucceeded);
-  EXPECT_EQ(log->calls, (Calls{"linkStatus", "faultType", "partnerAutonegAdvertisement",
-                               "autonegResult"}));
+  EXPECT_EQ(log->calls,
+            (Calls{"linkStatus", "faultType", "partnerAutonegAdvertisement", "autonegResult"}));
   EXPECT_EQ(s->fwkType().get(*s, "faultType"), "faultRemote");
 }
 

@@ -110,9 +110,9 @@ TEST_F(FlashlogTest, RenderingFollowsPrintfConversions) {
   FLASHLOG(1, "%x %llx %o %c", shortMinusOne, big, value, value);
   FLASHLOG(1, "100%% of %s", "entries");
   FLASHLOG(1, "%lu %hd", big, shortMinusOne);
-  EXPECT_THAT(Flashlog::texts(), ElementsAre("ffffffff 2A 002a    -1|", "42 |",
-                                             "ffffffff 123456789 52 *", "100% of entries",
-                                             "4886718345 -1"));
+  EXPECT_THAT(Flashlog::texts(),
+              ElementsAre("ffffffff 2A 002a    -1|", "42 |", "ffffffff 123456789 52 *",
+                          "100% of entries", "4886718345 -1"));
 }
 
 TEST_F(FlashlogTest, RingKeepsTheNewestRecordsOldestFirst) {
@@ -130,8 +130,7 @@ TEST_F(FlashlogTest, RingThatHasNotWrappedKeepsEverything) {
   Flashlog::Handle small("notWrapped", 4);
   Flashlog::defaultHandleIs(&small);
   for (int i = 0; i < 4; ++i) FLASHLOG(1, "record %d", i);
-  EXPECT_THAT(Flashlog::texts(),
-              ElementsAre("record 0", "record 1", "record 2", "record 3"));
+  EXPECT_THAT(Flashlog::texts(), ElementsAre("record 0", "record 1", "record 2", "record 3"));
   EXPECT_EQ(small.recordsPerFile(), 4u);
 }
 

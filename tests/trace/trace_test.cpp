@@ -171,9 +171,9 @@ TEST(TraceEnvironment, VariableSetsLevelsOfHandlesCreatedLater) {
 TEST(TraceEnvironment, MalformedVariableIsReportedAndIgnored) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   setenv("BREVANT_TRACE", "EnvHandle=1-4;EnvHandle=banana", 1);
-  EXPECT_EXIT(
-      { std::exit(Trace::handle("EnvHandle").levels() == Trace::noLevels ? 0 : 1); },
-      testing::ExitedWithCode(0), HasSubstr("BREVANT_TRACE ignored: bad trace levels 'banana'"));
+  EXPECT_EXIT({ std::exit(Trace::handle("EnvHandle").levels() == Trace::noLevels ? 0 : 1); },
+              testing::ExitedWithCode(0),
+              HasSubstr("BREVANT_TRACE ignored: bad trace levels 'banana'"));
   unsetenv("BREVANT_TRACE");
   GTEST_FLAG_SET(death_test_style, "fast");
 }
@@ -196,8 +196,9 @@ TEST(TraceLine, ConcatenatesDecimalNumbersBooleansAndHexWhenAsked) {
   Trace::Capture capture(handle, Trace::levelBit(9));
   const U16 index = 65533;
   const U64 word = 0xABCDEF;
-  TRACE_LINE(handle, 9, "index " << index << " flag " << true << false << " nhData "
-                                 << std::hex << word << " back " << std::dec << 255);
+  TRACE_LINE(handle, 9,
+             "index " << index << " flag " << true << false << " nhData " << std::hex << word
+                      << " back " << std::dec << 255);
   EXPECT_THAT(capture.texts(9), ElementsAre("index 65533 flag 10 nhData abcdef back 255"));
 }
 

@@ -47,8 +47,7 @@ std::string renderedArg(std::string directive, char conversion, char letter, U64
       if (letter == 's') return formatted(directive + 's', reinterpret_cast<const char*>(raw));
       return formatted(directive + "lld", static_cast<long long>(raw));
     case 'd':
-    case 'i':
-      return formatted(directive + "lld", static_cast<long long>(raw));
+    case 'i': return formatted(directive + "lld", static_cast<long long>(raw));
     case 'u':
     case 'x':
     case 'X':
@@ -57,12 +56,9 @@ std::string renderedArg(std::string directive, char conversion, char letter, U64
       const U64 value = letter == 'l' ? raw : raw & 0xFFFFFFFFull;
       return formatted(directive + "ll" + conversion, static_cast<unsigned long long>(value));
     }
-    case 'c':
-      return formatted(directive + 'c', static_cast<int>(raw));
-    case 'p':
-      return formatted(directive + 'p', reinterpret_cast<void*>(raw));
-    default:
-      return directive + conversion;
+    case 'c': return formatted(directive + 'c', static_cast<int>(raw));
+    case 'p': return formatted(directive + 'p', reinterpret_cast<void*>(raw));
+    default: return directive + conversion;
   }
 }
 
@@ -122,8 +118,7 @@ class File {
   U64 written_ = 0;
 };
 
-U32 siteIs(const char* file, U32 line, int level, const char* format,
-           const char* argFormat) {
+U32 siteIs(const char* file, U32 line, int level, const char* format, const char* argFormat) {
   const U32 conversions = conversionCount(format);
   const U32 argCount = static_cast<U32>(std::strlen(argFormat));
   KILN_ASSERT(conversions == argCount);
@@ -212,7 +207,8 @@ File& Handle::fileOfThisThread() {
   auto found = std::find_if(files_.begin(), files_.end(),
                             [self](const auto& file) { return file->owner() == self; });
   if (found == files_.end()) {
-    files_.push_back(std::make_unique<File>(static_cast<U32>(files_.size()), recordsPerFile_, self));
+    files_.push_back(
+        std::make_unique<File>(static_cast<U32>(files_.size()), recordsPerFile_, self));
     found = files_.end() - 1;
   }
   cache = {serial_, found->get()};

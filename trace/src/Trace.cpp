@@ -69,8 +69,7 @@ std::vector<Setting> parseSettings(std::string_view text) {
 }
 
 // The levels that settings give a handle called name, starting from levels.
-LevelMask levelsFor(const std::vector<Setting>& settings, std::string_view name,
-                    LevelMask levels) {
+LevelMask levelsFor(const std::vector<Setting>& settings, std::string_view name, LevelMask levels) {
   for (const Setting& setting : settings) {
     if (setting.name == "*" || setting.name == name) levels = setting.levels;
   }
@@ -94,7 +93,8 @@ class Registry {
     std::lock_guard<std::mutex> hold(mutex_);
     auto found = handles_.find(name);
     if (found != handles_.end()) return *found->second;
-    auto created = std::make_unique<Handle>(std::string(name), levelsFor(settings_, name, noLevels));
+    auto created =
+        std::make_unique<Handle>(std::string(name), levelsFor(settings_, name, noLevels));
     Handle& result = *created;
     handles_.emplace(std::string(name), std::move(created));
     return result;
@@ -152,7 +152,8 @@ LevelMask parseLevels(std::string_view text) {
   for (std::string_view item : split(list, ',')) {
     const size_t dash = item.find('-');
     const int first = parseLevel(item.substr(0, dash), text);
-    const int last = dash == std::string_view::npos ? first : parseLevel(item.substr(dash + 1), text);
+    const int last =
+        dash == std::string_view::npos ? first : parseLevel(item.substr(dash + 1), text);
     if (last < first) badLevels(text);
     for (int level = first; level <= last; ++level) mask |= levelBit(level);
   }

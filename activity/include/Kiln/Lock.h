@@ -45,9 +45,7 @@ class Lock {
 
   // Whether code may release the lock for the duration of a slow call.
   bool releasable() const { return releasable_.load(std::memory_order_relaxed); }
-  void releasableIs(bool releasable) {
-    releasable_.store(releasable, std::memory_order_relaxed);
-  }
+  void releasableIs(bool releasable) { releasable_.store(releasable, std::memory_order_relaxed); }
 
  private:
   pthread_mutex_t mutex_;

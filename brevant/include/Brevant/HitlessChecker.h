@@ -37,9 +37,9 @@
 //   can run at every write of a full table.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <map>
-#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -186,8 +186,7 @@ class HitlessChecker {
   U16 ownerBaseOf(const Kiln::Ptr<ECMPGroup>& group);
   // Checks group's block at base, as `view` sees it. claims maps each
   // entry checked so far to the group that uses it.
-  void checkBlock(const ECMPGroup& group, U16 base, const char* view,
-                  std::map<U16, U16>& claims);
+  void checkBlock(const ECMPGroup& group, U16 base, const char* view, std::map<U16, U16>& claims);
   void violationIs(U16 groupId, std::string text, Mode mode = Mode::wholeTable);
   // Marks (or clears) the entries of an owned group as in use by it.
   void own(U16 groupId, const OwnedGroup& group, bool owned);

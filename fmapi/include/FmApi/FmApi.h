@@ -51,7 +51,6 @@ class FmError : public Kiln::Exception {
 // handle "FmApi" at Trace::chipCallLevel. The caller decides whether to
 // trace (it tests the chip-call level of its own handle), so the line is
 // always written.
-void trace1(const char* caller, const char* format, ...)
-    __attribute__((format(printf, 2, 3)));
+void trace1(const char* caller, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 }  // namespace FmApi

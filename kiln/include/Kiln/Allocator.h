@@ -187,7 +187,9 @@ inline constinit SlotPool slotPoolOf{};
 // The name under which T's allocations are listed.
 template <class T>
 std::string allocationTypeName() {
-  if constexpr (requires { { T::allocationName() } -> std::convertible_to<std::string>; }) {
+  if constexpr (requires {
+                  { T::allocationName() } -> std::convertible_to<std::string>;
+                }) {
     return T::allocationName();
   } else {
     return demangledTypeName(typeid(T));

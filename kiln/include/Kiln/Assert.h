@@ -9,17 +9,17 @@
 
 // Stops the process unless expr holds. The message reads
 //   <program>: <file>:<line>: <function>: Assertion `<expr>' failed.
-#define KILN_ASSERT(expr)                                                     \
-  ((expr) ? static_cast<void>(0)                                              \
-          : ::Kiln::assertionFailed(KILN_ASSERT_TEXT(expr), __FILE__,         \
-                                    __LINE__, __PRETTY_FUNCTION__))
+#define KILN_ASSERT(expr)     \
+  ((expr)                     \
+       ? static_cast<void>(0) \
+       : ::Kiln::assertionFailed(KILN_ASSERT_TEXT(expr), __FILE__, __LINE__, __PRETTY_FUNCTION__))
 
 namespace Kiln {
 
 // Writes the assertion message to stderr, runs the fatal hooks in the order
 // they were added, and aborts. Never returns.
-[[noreturn]] void assertionFailed(const char* expression, const char* file,
-                                  unsigned line, const char* function);
+[[noreturn]] void assertionFailed(const char* expression, const char* file, unsigned line,
+                                  const char* function);
 
 // A function run when the process stops on a fatal error, before abort().
 typedef void (*FatalHook)();

@@ -13,8 +13,8 @@
 #include <utility>
 
 #include "Kiln/Allocator.h"
-#include "Kiln/CollectionMember.h"
 #include "Kiln/Assert.h"
+#include "Kiln/CollectionMember.h"
 #include "Kiln/Ptr.h"
 #include "Kiln/Types.h"
 
@@ -25,7 +25,7 @@ namespace Kiln {
 // FNV-1a hash. Other key types supply their own `U32 kilnHash(const K&)`
 // beside the type, where argument-dependent lookup finds it.
 template <class T>
-  requires std::integral<T>
+requires std::integral<T>
 constexpr U32 kilnHash(T key) {
   if constexpr (sizeof(T) > sizeof(U32)) {
     U64 wide = static_cast<U64>(key);
@@ -36,10 +36,8 @@ constexpr U32 kilnHash(T key) {
 }
 
 template <class T>
-  requires std::is_enum_v<T>
-constexpr U32 kilnHash(T key) {
-  return kilnHash(static_cast<std::underlying_type_t<T>>(key));
-}
+requires std::is_enum_v<T>
+constexpr U32 kilnHash(T key) { return kilnHash(static_cast<std::underlying_type_t<T>>(key)); }
 
 U32 kilnHash(const std::string& key);
 
@@ -108,9 +106,7 @@ class HashMap {
       ++*this;
       return before;
     }
-    friend bool operator==(const Iterator& a, const Iterator& b) {
-      return a.member_ == b.member_;
-    }
+    friend bool operator==(const Iterator& a, const Iterator& b) { return a.member_ == b.member_; }
 
    private:
     friend class HashMap;
@@ -237,7 +233,7 @@ class HashMap {
   }
 
  private:
-  static std::unique_ptr<M*[]> newBuckets(U8 log2Buckets) {
+  static std::unique_ptr<M* []> newBuckets(U8 log2Buckets) {
     return std::unique_ptr<M*[]>(new M*[std::size_t(1) << log2Buckets]());
   }
 

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "Kiln/Allocator.h"
-#include "Kiln/CollectionMember.h"
 #include "Kiln/Assert.h"
+#include "Kiln/CollectionMember.h"
 #include "Kiln/Exception.h"
 #include "Kiln/Ptr.h"
 #include "Kiln/Types.h"
@@ -85,9 +85,7 @@ class LinkQueue {
       ++*this;
       return before;
     }
-    friend bool operator==(const Iterator& a, const Iterator& b) {
-      return a.member_ == b.member_;
-    }
+    friend bool operator==(const Iterator& a, const Iterator& b) { return a.member_ == b.member_; }
 
    private:
     friend class LinkQueue;
@@ -130,8 +128,7 @@ class LinkQueue {
     // Full when the new index, or the next one after it, is the head's:
     // the indexes have gone once round the circle. A tail placed at the
     // head's index minus one leaves no index after it either.
-    if (head_ && (offset(index) == 0 || offset(index + 1) == 0 ||
-                  offset(tail_->key_ + 1) == 0)) {
+    if (head_ && (offset(index) == 0 || offset(index + 1) == 0 || offset(tail_->key_ + 1) == 0)) {
       throw RangeException("linkqueue index space full");
     }
     m->key_ = index;

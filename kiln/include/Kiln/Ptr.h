@@ -80,8 +80,7 @@ class PtrInterface {
   void deleteRef() const {
     U32 left;
     if (enableThreadSafePointers.load(std::memory_order_relaxed)) {
-      left = std::atomic_ref<U32>(references_).fetch_sub(
-                 1, std::memory_order_acq_rel) - 1;
+      left = std::atomic_ref<U32>(references_).fetch_sub(1, std::memory_order_acq_rel) - 1;
     } else {
       left = --references_;
     }
@@ -107,8 +106,9 @@ class Ptr {
   Ptr(const Ptr& other) : object_(other.object_) { acquire(); }
   Ptr(Ptr&& other) noexcept : object_(other.object_) { other.object_ = nullptr; }
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(const Ptr<U>& other) : object_(other.ptr()) { acquire(); }
+  requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& other) : object_(other.ptr()) {
+    acquire();
+  }
   ~Ptr() { release(); }
 
   Ptr& operator=(const Ptr& other) {

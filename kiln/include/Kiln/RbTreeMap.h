@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "Kiln/Allocator.h"
-#include "Kiln/CollectionMember.h"
 #include "Kiln/Assert.h"
+#include "Kiln/CollectionMember.h"
 #include "Kiln/Ptr.h"
 #include "Kiln/Types.h"
 
@@ -75,9 +75,7 @@ class RbTreeMap {
       --*this;
       return before;
     }
-    friend bool operator==(const Iterator& a, const Iterator& b) {
-      return a.member_ == b.member_;
-    }
+    friend bool operator==(const Iterator& a, const Iterator& b) { return a.member_ == b.member_; }
 
    private:
     friend class RbTreeMap;

@@ -104,8 +104,7 @@ template <class T>
 std::string reflectText(const T& v) {
   if constexpr (IsPtr<T>::value) {
     return entityRefText(v.ptr());
-  } else if constexpr (std::is_pointer_v<T> &&
-                       std::is_convertible_v<T, const PtrInterface*>) {
+  } else if constexpr (std::is_pointer_v<T> && std::is_convertible_v<T, const PtrInterface*>) {
     return entityRefText(v);
   } else if constexpr (HasStrep<T>) {
     return valueToStrep(v);

@@ -32,20 +32,20 @@ namespace Kiln {
 enum class TypeKind { value, enumeration, pointerInterface, entity };
 
 enum class AttributeKind {
-  field,          // a value type's field
-  derived,        // a value type's read-only attribute computed from its fields
+  field,    // a value type's field
+  derived,  // a value type's read-only attribute computed from its fields
   scalar,
   counter,
-  key,            // fixed at construction; the key in the owner's collection
+  key,                   // fixed at construction; the key in the owner's collection
   constructorParameter,  // fixed at construction
-  collection,     // Kiln::HashMap
-  orderedCollection,  // Kiln::RbTreeMap
-  queue,          // Kiln::LinkQueue
-  queueMetadata,  // the queue's head and next index
-  singleton,      // an entity the owner creates and deletes
-  reference,      // an entity owned elsewhere
-  recordOnly,     // listed in the record, without storage or accessor
-  base,           // one of Kiln::Entity's own attributes
+  collection,            // Kiln::HashMap
+  orderedCollection,     // Kiln::RbTreeMap
+  queue,                 // Kiln::LinkQueue
+  queueMetadata,         // the queue's head and next index
+  singleton,             // an entity the owner creates and deletes
+  reference,             // an entity owned elsewhere
+  recordOnly,            // listed in the record, without storage or accessor
+  base,                  // one of Kiln::Entity's own attributes
 };
 
 // Returns the kind's name as written in schemas ("scalar", "collection", ...).
@@ -78,8 +78,7 @@ typedef std::pair<std::string, std::string> MemberText;
 class TypeRecord {
  public:
   TypeRecord(std::string name, TypeKind kind, const TypeRecord* base,
-             std::vector<AttributeRecord> attributes,
-             std::vector<OperationRecord> operations = {},
+             std::vector<AttributeRecord> attributes, std::vector<OperationRecord> operations = {},
              std::vector<EnumValueRecord> enumValues = {});
   TypeRecord(const TypeRecord&) = delete;
   TypeRecord& operator=(const TypeRecord&) = delete;

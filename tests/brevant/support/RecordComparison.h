@@ -46,7 +46,8 @@ inline void recordDifferences(const Kiln::PtrInterface& a, const Kiln::PtrInterf
       }
       case Kind::singleton:
       case Kind::reference: {
-        Kiln::Ptr<Kiln::PtrInterface> ca = type.child(a, attr->name), cb = type.child(b, attr->name);
+        Kiln::Ptr<Kiln::PtrInterface> ca = type.child(a, attr->name),
+                                      cb = type.child(b, attr->name);
         if (!ca != !cb) {
           out.push_back(where + ": held by one side only");
         } else if (ca && recurse) {
@@ -64,8 +65,8 @@ inline void recordDifferences(const Kiln::PtrInterface& a, const Kiln::PtrInterf
           std::sort(mb.begin(), mb.end());
         }
         if (ma.size() != mb.size()) {
-          out.push_back(where + ": " + std::to_string(ma.size()) + " members != " +
-                        std::to_string(mb.size()));
+          out.push_back(where + ": " + std::to_string(ma.size()) +
+                        " members != " + std::to_string(mb.size()));
         }
         for (size_t i = 0; i < std::min(ma.size(), mb.size()); ++i) {
           if (ma[i].first != mb[i].first) {
@@ -79,14 +80,14 @@ inline void recordDifferences(const Kiln::PtrInterface& a, const Kiln::PtrInterf
             recordDifferences(*ca, *cb, *held, where + "[" + ma[i].first + "]", out);
           } else if (!held || held->kind() != Kiln::TypeKind::entity) {
             if (ma[i].second != mb[i].second) {
-              out.push_back(where + "[" + ma[i].first + "]: " + ma[i].second + " != " + mb[i].second);
+              out.push_back(where + "[" + ma[i].first + "]: " + ma[i].second +
+                            " != " + mb[i].second);
             }
           }
         }
         break;
       }
-      default:
-        break;
+      default: break;
     }
   }
 }

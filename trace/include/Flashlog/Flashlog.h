@@ -52,8 +52,7 @@ struct Site {
 // conversions must match argFormat one for one (the process stops on
 // "conversions == argCount" otherwise), and there may be at most maxArgs
 // arguments.
-U32 siteIs(const char* file, U32 line, int level, const char* format,
-           const char* argFormat);
+U32 siteIs(const char* file, U32 line, int level, const char* format, const char* argFormat);
 
 // Returns the descriptor registered under id.
 const Site& site(U32 id);
@@ -205,10 +204,10 @@ void record(U32 siteId, A... args) {
 
 // Records a message in the default handle. The call site registers its
 // descriptor once, on its first execution.
-#define FLASHLOG(level, format, ...)                                          \
-  do {                                                                        \
-    static const U32 flashlogSite_ = ::Flashlog::siteIs(                      \
-        __FILE__, __LINE__, (level), (format),                                \
-        decltype(::Flashlog::argFormatOf(__VA_ARGS__))::text);                \
-    ::Flashlog::record(flashlogSite_ __VA_OPT__(, ) __VA_ARGS__);             \
+#define FLASHLOG(level, format, ...)                                              \
+  do {                                                                            \
+    static const U32 flashlogSite_ =                                              \
+        ::Flashlog::siteIs(__FILE__, __LINE__, (level), (format),                 \
+                           decltype(::Flashlog::argFormatOf(__VA_ARGS__))::text); \
+    ::Flashlog::record(flashlogSite_ __VA_OPT__(, ) __VA_ARGS__);                 \
   } while (0)

@@ -75,9 +75,7 @@ class Handle {
   LevelMask levels() const { return levels_.load(std::memory_order_relaxed); }
 
   // Replaces the enabled levels; bits outside levels 1..9 are dropped.
-  void levelsIs(LevelMask levels) {
-    levels_.store(levels & allLevels, std::memory_order_relaxed);
-  }
+  void levelsIs(LevelMask levels) { levels_.store(levels & allLevels, std::memory_order_relaxed); }
 
   // Switches one level on or off. Throws Kiln::RangeException for a level
   // outside 1..9.
@@ -175,12 +173,12 @@ class Capture : public Sink {
 
 // Traces the stream expression expr at level on handle when that level is
 // enabled; expr may use any ostream manipulator (std::hex, std::dec).
-#define TRACE_LINE(handle, level, expr)                         \
-  do {                                                          \
-    ::Trace::Handle& traceHandle_ = (handle);                   \
-    if (traceHandle_.enabled(level)) {                          \
-      std::ostringstream traceStream_;                          \
-      traceStream_ << expr;                                     \
+#define TRACE_LINE(handle, level, expr)                          \
+  do {                                                           \
+    ::Trace::Handle& traceHandle_ = (handle);                    \
+    if (traceHandle_.enabled(level)) {                           \
+      std::ostringstream traceStream_;                           \
+      traceStream_ << expr;                                      \
       ::Trace::emit(traceHandle_, (level), traceStream_.view()); \
-    }                                                           \
+    }                                                            \
   } while (0)
