@@ -17,6 +17,10 @@ constexpr U16 invalidGroupId = 0xFFFF;
 
 // The largest group, narrow or wide, in next hops.
 constexpr U16 maxGroupSize = 256;
+// The largest wide group that fits the largest block (256 entries): a
+// hardened manager refuses larger wide groups instead of stopping on the
+// block-length assertion.
+constexpr U16 maxHardenedWideGroupSize = 128;
 
 // Table entries per next hop.
 U16 strideOf(const ECMPGroup& group) { return group.wide() ? 2 : 1; }
@@ -64,7 +68,8 @@ S32 NextHopManager::createECMPGroup(U32, bool wide, bool fixedSize, U16 size,
     NH_TRACE(1, "NexthopTable not initialized");
     return -7;
   }
-  if ((fixedSize && size == 0) || size > maxGroupSize) {
+  if ((fixedSize && size == 0) || size > maxGroupSize ||
+      (hardened_ && wide && size > maxHardenedWideGroupSize)) {
     NH_TRACE(1, "ECMP Group size is invalid");
     return -1;
   }
@@ -141,28 +146,57 @@ S32 NextHopManager::removeECMPGroupFromTable(U16 groupId) {
   // allocated entry. Both scans test the entry first and the limit only
   // after a step, in 16 bits: the wide scan may end on the swap index, and
   // the narrow scan below index 3 wraps round through 65535 until it meets
-  // an allocated entry or comes back to 2.
+  // an allocated entry or comes back to 2. The allocation index answers
+  // each scan in a few word steps.
   if (group->wide() && start == lastWideIndex_) {
-    const U16 swapIndex = getNextHopTableSwapIndex();
-    U16 index = U16(start + 1);
-    while (!allocatedEntries(index)) {
-      ++index;
-      if (index == swapIndex) break;
-    }
+    const U16 index = wideBoundaryAfterRemoving(start);
     NH_TRACE(4, " updated Wide index : " << index);
     KILN_ASSERT(index % 2 == 0);
     lastWideIndexIs(index);
   } else if (!group->wide() && start == U16(lastNarrowIndex_ - length + 1)) {
-    U16 index = U16(start - 1);
-    while (!allocatedEntries(index)) {
-      --index;
-      if (index == 2) break;
-    }
+    const U16 index = narrowBoundaryAfterRemoving(start);
     NH_TRACE(4, " updated Narrow index : " << index);
     lastNarrowIndexIs(index);
   }
   NH_TRACE(3, "ECMP group " << groupId << " removed from next hop table");
   return 0;
+}
+
+U16 NextHopManager::wideBoundaryAfterRemoving(U16 start) {
+  // From start + 1 upward, the first allocated entry; the swap index is
+  // reached (and ends the scan untested) only after a step.
+  const U16 first = U16(start + 1);
+  if (allocatedIndex_.test(first)) return first;
+  const U16 swapIndex = getNextHopTableSwapIndex();
+  S32 found;
+  if (first < swapIndex) {
+    found = allocatedIndex_.findFirst(first + 1U, swapIndex);
+  } else {
+    found = allocatedIndex_.findFirst(first + 1U, TableBitmap::indexes);
+    if (found < 0) found = allocatedIndex_.findFirst(0, swapIndex);
+  }
+  return found < 0 ? swapIndex : U16(found);
+}
+
+U16 NextHopManager::narrowBoundaryAfterRemoving(U16 start) {
+  // Hardened: the scan stays inside the narrow region [3, start) and ends
+  // on 2 when nothing there is allocated, never wrapping round.
+  if (hardened_) {
+    const S32 found = allocatedIndex_.findLast(3, start);
+    return found < 0 ? 2 : U16(found);
+  }
+  // From start - 1 downward, the first allocated entry; 2 is reached (and ends
+  // the scan untested) only after a step, below 0 the scan wraps to 65535.
+  const U16 first = U16(start - 1);
+  if (allocatedIndex_.test(first)) return first;
+  S32 found;
+  if (first > 2) {
+    found = allocatedIndex_.findLast(3, first);
+  } else {
+    found = allocatedIndex_.findLast(0, first);
+    if (found < 0) found = allocatedIndex_.findLast(3, TableBitmap::indexes);
+  }
+  return found < 0 ? 2 : U16(found);
 }
 
 S32 NextHopManager::deleteECMPGroup(U32, U16 groupId) {
