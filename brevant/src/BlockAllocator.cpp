@@ -74,24 +74,12 @@ S32 NextHopManager::findAvailableNarrowBlock(U16 length) {
   KILN_ASSERT(length <= 256);
   // First fit from the lowest free index: the start of the lowest run that
   // is long enough, so holes are reused before the region grows.
-  U32 run = 0;
-  U16 narrowIndex = 0;
-  bool found = false;
-  for (U32 index = start; index < lastWideIndex_; ++index) {
-    if (freeEntries(U16(index))) {
-      if (run == 0) narrowIndex = U16(index);
-      if (++run == length) {
-        found = true;
-        break;
-      }
-    } else {
-      run = 0;
-    }
-  }
-  if (!found) {
+  const S32 found = freeIndex_.findFirstRun(start, lastWideIndex_, length);
+  if (found < 0) {
     NH_TRACE(1, "NOT found narrow block of length " << length);
     return -2;
   }
+  const U16 narrowIndex = U16(found);
   KILN_ASSERT(narrowIndex != 0);
   const U16 last = U16(narrowIndex + length - 1);
   if (last > lastNarrowIndex_) lastNarrowIndexIs(last);
@@ -101,25 +89,17 @@ S32 NextHopManager::findAvailableNarrowBlock(U16 length) {
 }
 
 S32 NextHopManager::findAvailableWideBlock(U16 length) {
-  NH_TRACE(8, "findAvailableWideBlock"
-                  << " length: " << length);
-  U16 index = U16(getNextHopTableSwapIndex() - 1);
-  NH_TRACE(4, "finding wide block from index: " << index << " of length: " << length);
+  NH_TRACE(8, "findAvailableWideBlock" << " length: " << length);
+  const U16 top = U16(getNextHopTableSwapIndex() - 1);
+  NH_TRACE(4, "finding wide block from index: " << top << " of length: " << length);
   KILN_ASSERT(length <= 256);
-  if (index <= lastNarrowIndex_) return -2;
+  if (top <= lastNarrowIndex_) return -2;
   // First fit from the top: the block ends the highest run that is long
-  // enough, keeping the wide region packed against the swap area. The
-  // limit is compared only after each step, in 16 bits.
-  U32 run = 0;
-  for (;;) {
-    if (freeEntries(index)) {
-      if (++run == length) break;
-    } else {
-      run = 0;
-    }
-    --index;
-    if (index <= lastNarrowIndex_) return -2;
-  }
+  // enough, keeping the wide region packed against the swap area. The run
+  // lies above lastNarrowIndex and no higher than top.
+  const S32 found = freeIndex_.findLastRun(lastNarrowIndex_ + 1U, top + 1U, length);
+  if (found < 0) return -2;
+  const U16 index = U16(found);
   NH_TRACE(4, "Found wide block at index( last wide index ): " << index);
   if (index < lastWideIndex_) lastWideIndexIs(index);
   // Wide blocks must start even; only the result is checked.
@@ -150,6 +130,22 @@ S32 NextHopManager::updateNextHopHWIndex(U16 index, bool value) {
   }
   freeRuns.entryIs(index, !value);
   return 0;
+}
+
+// The observers keep the table index exact: whatever changes a member (the
+// allocator, initialisation, simulation mode, deleting every member, a write
+// by name), the index hears of it. A member whose value is false is neither
+// free nor allocated.
+void NextHopManager::freeEntriesObserved(U16 key, const bool* value) {
+  freeIndex_.set(key, value && *value);
+}
+
+void NextHopManager::allocatedEntriesObserved(U16 key, const bool* value) {
+  allocatedIndex_.set(key, value && *value);
+}
+
+void NextHopManager::hwStartToGroupIdObserved(U16 key, const U16* value) {
+  groupStartIndex_.set(key, value && *value != 0);
 }
 
 }  // namespace Brevant

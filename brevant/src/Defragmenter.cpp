@@ -45,6 +45,31 @@ Kiln::Ptr<ECMPGroup> groupAt(const NextHopManager& nhm, U16 index, U16 groupId) 
   return group;
 }
 
+// Walks down from index (included) to the nearest index that
+// hwStartToGroupId maps to a group, with no bound but the 16-bit index
+// space: index becomes that start and its group id is returned. A walk that
+// comes back round to where it began has found no start: index is left
+// there and the invalid id is returned, which the caller reports.
+U16 walkDownToGroupStart(const NextHopManager& nhm, U16& index) {
+  const TableBitmap& starts = nhm.groupStartIndex();
+  S32 found = starts.findLast(0, index + 1U);
+  if (found < 0) found = starts.findLast(index + 1U, TableBitmap::indexes);
+  if (found < 0) return invalidGroupId;
+  index = U16(found);
+  return nhm.hwStartToGroupId(index);
+}
+
+// The first index from index on, below end, that the narrow pass stops at:
+// allocated and the start of a group. end when there is none. Every index
+// stepped over counts as a gap.
+U16 nextPlacedStart(const NextHopManager& nhm, U16 index, U16 end) {
+  const TableBitmap& starts = nhm.groupStartIndex();
+  for (S32 at = starts.findFirst(index, end); at >= 0; at = starts.findFirst(at + 1U, end)) {
+    if (nhm.allocatedIndex().test(U32(at))) return U16(at);
+  }
+  return end;
+}
+
 }  // namespace
 
 void DefragManager::handleDefragSchedulerTimeOut() {
@@ -89,19 +114,23 @@ void DefragManager::defragNarrowBlock() {
   bool overlapSeen = false;
   PassBudget budget(defragTime_);
   while (index < nhm->lastWideIndex() && budget.holds()) {
-    const U16 groupId = nhm->allocatedEntries(index) ? nhm->hwStartToGroupId(index) : 0;
+    const U16 groupId = nhm->allocatedIndex().test(index) ? nhm->hwStartToGroupId(index) : 0;
     if (groupId == 0) {
-      ++gap;
-      ++index;
+      // The entries up to the next group all count as gap, at once: no time
+      // passes while the pass steps over them, so one budget check for the
+      // whole gap answers as one per entry would.
+      const U16 next = nextPlacedStart(*nhm, U16(index + 1), nhm->lastWideIndex());
+      gap = U16(gap + (next - index));
+      index = next;
     } else {
       Kiln::Ptr<ECMPGroup> g = groupAt(*nhm, index, groupId);
       // Hardened, a wide group ends the narrow region for this pass.
       if (nhm->hardened() && g->wide()) break;
-      const U16 newBase = U16(g->hwStartIndex() - gap);
       if (gap != 0) {
         // Once a move of this pass needed the swap area, every later one
         // goes through it too.
         if (gap < g->size()) overlapSeen = true;
+        const U16 newBase = U16(g->hwStartIndex() - gap);
         nhm->moveECMPGroup(groupId, newBase, overlapSeen);
         lastIndex = U16(newBase + g->size() - 1);
       } else {
@@ -131,19 +160,18 @@ void DefragManager::defragWideBlock() {
   bool overlapSeen = false;
   PassBudget budget(defragTime_);
   while (index > nhm->lastNarrowIndex() && budget.holds()) {
-    if (!nhm->allocatedEntries(index)) {
-      ++blockLength;
-      --index;
+    if (!nhm->allocatedIndex().test(index)) {
+      // The free entries down to the next allocated one (or to the narrow
+      // region) join the hole at once, with one budget check for them all.
+      const S32 below = nhm->allocatedIndex().findLast(nhm->lastNarrowIndex() + 1U, index);
+      const U16 next = below < 0 ? nhm->lastNarrowIndex() : U16(below);
+      blockLength = U16(blockLength + (index - next));
+      index = next;
     } else {
       // index may lie inside a block: its group is known by its start,
-      // wherever that lies (a block may straddle lastNarrowIndex). A walk
-      // round the whole index space without a start finds no group.
-      U16 groupId = nhm->hwStartToGroupId(index);
-      for (U32 steps = 0; groupId == 0 && steps <= 0xFFFF; ++steps) {
-        --index;
-        groupId = nhm->hwStartToGroupId(index);
-      }
-      Kiln::Ptr<ECMPGroup> g = groupAt(*nhm, index, groupId == 0 ? invalidGroupId : groupId);
+      // wherever that lies (a block may straddle lastNarrowIndex).
+      const U16 groupId = walkDownToGroupStart(*nhm, index);
+      Kiln::Ptr<ECMPGroup> g = groupAt(*nhm, index, groupId);
       // Hardened, a narrow group ends the wide region for this pass.
       if (nhm->hardened() && !g->wide()) break;
       if (!g->wide()) {

@@ -17,6 +17,10 @@ constexpr U16 invalidGroupId = 0xFFFF;
 
 // The largest group, narrow or wide, in next hops.
 constexpr U16 maxGroupSize = 256;
+// The largest wide group that fits the largest block (256 entries): a
+// hardened manager refuses larger wide groups instead of stopping on the
+// block-length assertion.
+constexpr U16 maxHardenedWideGroupSize = 128;
 
 // Table entries per next hop.
 U16 strideOf(const ECMPGroup& group) { return group.wide() ? 2 : 1; }
@@ -158,33 +162,52 @@ S32 NextHopManager::removeECMPGroupFromTable(U16 groupId) {
   // the narrow scan below index 3 wraps round through 65535 until it meets
   // an allocated entry or comes back to 2 (unless the manager is hardened).
   if (group->wide() && start == lastWideIndex_) {
-    const U16 swapIndex = getNextHopTableSwapIndex();
-    U16 index = U16(start + 1);
-    while (!allocatedEntries(index)) {
-      ++index;
-      if (index == swapIndex) break;
-    }
+    const U16 index = wideBoundaryAfterRemoving(start);
     NH_TRACE(4, " updated Wide index : " << index);
     KILN_ASSERT(index % 2 == 0);
     lastWideIndexIs(index);
   } else if (!group->wide() && start == U16(lastNarrowIndex_ - length + 1)) {
-    U16 index = U16(start - 1);
-    while (!allocatedEntries(index)) {
-      // Hardened, the scan ends at the narrow region's floor instead of
-      // wrapping round the index space.
-      if (hardened_ && index <= 2) {
-        index = 2;
-        break;
-      }
-      --index;
-      if (index == 2) break;
-    }
+    const U16 index = narrowBoundaryAfterRemoving(start);
     NH_TRACE(4, " updated Narrow index : " << index);
     lastNarrowIndexIs(index);
   }
   refreshResources();
   NH_TRACE(3, "ECMP group " << groupId << " removed from next hop table");
   return 0;
+}
+
+U16 NextHopManager::wideBoundaryAfterRemoving(U16 start) {
+  // From start + 1 upward, the first allocated entry; the swap index is
+  // reached (and ends the scan untested) only after a step.
+  const U16 first = U16(start + 1);
+  if (allocatedIndex_.test(first)) return first;
+  const U16 swapIndex = getNextHopTableSwapIndex();
+  S32 found;
+  if (first < swapIndex) {
+    found = allocatedIndex_.findFirst(first + 1U, swapIndex);
+  } else {
+    found = allocatedIndex_.findFirst(first + 1U, TableBitmap::indexes);
+    if (found < 0) found = allocatedIndex_.findFirst(0, swapIndex);
+  }
+  return found < 0 ? swapIndex : U16(found);
+}
+
+U16 NextHopManager::narrowBoundaryAfterRemoving(U16 start) {
+  // From start - 1 downward, the first allocated entry; 2 is reached (and ends
+  // the scan untested) only after a step. Below 3 the scan wraps round through
+  // 65535, unless the manager is hardened: then it ends on 2 at once.
+  const U16 first = U16(start - 1);
+  if (allocatedIndex_.test(first)) return first;
+  S32 found;
+  if (first > 2) {
+    found = allocatedIndex_.findLast(3, first);
+  } else if (hardened_) {
+    found = -1;
+  } else {
+    found = allocatedIndex_.findLast(0, first);
+    if (found < 0) found = allocatedIndex_.findLast(3, TableBitmap::indexes);
+  }
+  return found < 0 ? 2 : U16(found);
 }
 
 S32 NextHopManager::deleteECMPGroup(U32, U16 groupId) {

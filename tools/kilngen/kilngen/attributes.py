@@ -232,12 +232,26 @@ class Collection(Emitter):
     def M(self):
         return f"Kiln{self.X}"
 
+    def observed(self, value):
+        """The call that tells the owner's hand-written observer of a change."""
+        return [f"{self.x}Observed(key, {value});"] if self.a.observed else []
+
     def member_types(self):
         M, K, V, X = self.M, self.K, self.V, self.X
+        guard = []
+        if self.a.observed:
+            # Only the owner may change a member's value: it tells its observer.
+            base = f"Kiln::CollectionMember<{M}, {K}, {V}>"
+            guard = [f"  const {V}& value() const {{ return {base}::value(); }}",
+                     "",
+                     " private:",
+                     f"  friend class {self.owner.name};",
+                     f"  using {base}::valueIs;"]
         return [f"// A member of {self.x}: key {K}, value {V}.",
                 f"class {M} : public Kiln::{self.member_base}<{M}, {K}, {V}> {{",
                 " public:",
                 f"  using {self.member_base}::{self.member_base};",
+                *guard,
                 "};",
                 f"typedef Kiln::{self.container}<{M}, {K}, {V}> {X}Map;",
                 f"typedef {X}Map::Iterator {X}Iterator;"]
@@ -270,6 +284,7 @@ class Collection(Emitter):
                 f"  if ({M}* m = {x}_.find(key)) {{",
                 "    if (m->value() == value) return;",
                 "    m->valueIs(value);",
+                *["    " + c for c in self.observed("&m->value()")],
                 "  } else {",
                 f"    new{X}(key, value);",
                 "  }",
@@ -279,10 +294,12 @@ class Collection(Emitter):
                 f"Kiln::Ptr<{M}> new{X}({KP} key, {VP} value) {{",
                 f"  if ({M}* m = {x}_.find(key)) {{",
                 "    m->valueIs(value);",
+                *["    " + c for c in self.observed("&m->value()")],
                 "    return m;",
                 "  }",
                 f"  Kiln::Ptr<{M}> m = new {M}(key, value);",
                 f"  {x}_.insert(m);",
+                *["  " + c for c in self.observed("&m->value()")],
                 "  return m;",
                 "}"]
 
@@ -295,6 +312,7 @@ class Collection(Emitter):
                  f"  Kiln::Ptr<{self.M}> m = {x}_.remove(key);",
                  f"  if (!m) return {V}();",
                  *self.forget("m->value()"),
+                 *["  " + c for c in self.observed("nullptr")],
                  *tell,
                  "  return m->value();",
                  "}",
@@ -303,8 +321,9 @@ class Collection(Emitter):
                  f"  const {K} key = position->key();",
                  *self.forget("position->value()"),
                  f"  {X}Iterator next = {x}_.remove(position);",
+                 *["  " + c for c in self.observed("nullptr")],
                  *tell]
-        if not tell:
+        if not tell and not self.a.observed:
             lines.append("  static_cast<void>(key);")
         lines += ["  return next;",
                   "}",
@@ -327,8 +346,15 @@ class Collection(Emitter):
         """Statements run on a deleted member's value before it goes."""
         return []
 
+    def observer_decl(self):
+        if not self.a.observed:
+            return []
+        return [f"// Hand-written: called after every change of a member of {self.x}, with",
+                "// the member's new value, or null when key has left the collection.",
+                f"void {self.x}Observed({self.p(self.K)} key, const {self.V}* value);"]
+
     def operations(self):
-        return self.read_ops() + self.store_ops() + self.delete_ops()
+        return self.read_ops() + self.store_ops() + self.delete_ops() + self.observer_decl()
 
     def reflect_members(self):
         return [f"{self.case()} return Kiln::reflectMembers(self.{self.x}());"]

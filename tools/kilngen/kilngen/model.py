@@ -19,6 +19,7 @@ class Attribute:
     key_type: str = ""        # collections
     default: Optional[str] = None
     custom: bool = False      # hand-written setter
+    observed: bool = False    # collection of values: every member change calls xObserved
     plain: bool = False       # ctor parameter kept without a type-record entry
     entity: bool = False      # collection/singleton value is an entity the owner creates
     entity_params: List[Param] = field(default_factory=list)

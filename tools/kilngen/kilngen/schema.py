@@ -252,7 +252,7 @@ class _Parser:
         a.name, decl = m.group(1), m.group(2).strip()
         words = decl.split()
         # Trailing options.
-        while words and words[-1] in ("custom", "plain"):
+        while words and words[-1] in ("custom", "plain", "observed"):
             setattr(a, words.pop(), True)
         if len(words) >= 3 and words[-2] == "by":
             a.by = words[-1]
@@ -266,6 +266,8 @@ class _Parser:
             self.fail(number, "only a scalar attribute has a hand-written ('custom') setter")
         if a.plain and kind != "ctor":
             self.fail(number, "only a constructor parameter is 'plain'")
+        if a.observed and kind not in ("coll", "ordered"):
+            self.fail(number, "only a collection is 'observed'")
         if a.default is not None and kind not in ("attr", "counter", "field"):
             self.fail(number, f"a {kind} attribute has no default")
         if a.null_text and not a.by:
@@ -288,6 +290,8 @@ class _Parser:
             a.type = decl
         else:
             a.type = decl
+        if a.observed and a.entity:
+            self.fail(number, "only a collection of values is 'observed'")
         if a.by and kind not in ("coll", "ordered"):
             self.fail(number, "only a collection is keyed 'by' an accessor of its value")
         if not a.type:
