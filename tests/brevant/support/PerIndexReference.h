@@ -105,20 +105,36 @@ inline Outcome boundaryAfterRemoving(NextHopManager& m, bool wide, U16 start, U1
   }
   if (!wide && start == U16(m.lastNarrowIndex() - length + 1)) {
     U16 index = U16(start - 1);
-    if (m.hardened()) {
-      index = start > 3 ? index : 2;
-      while (index > 2 && !allocated(index)) --index;
-    } else {
-      while (!allocated(index)) {
-        --index;
-        if (index == 2) break;
+    while (!allocated(index)) {
+      if (m.hardened() && index <= 2) {
+        index = 2;
+        break;
       }
+      --index;
+      if (index == 2) break;
     }
     NH_TRACE(4, " updated Narrow index : " << index);
     return {index, ""};
   }
   return {-1, ""};
 }
+
+// True when moving groupId to newBaseIndex would stop the process: a move
+// through the swap area that does not fit in it. Moves are not what the
+// table index changed; the reference runs the library's.
+inline bool moveStops(NextHopManager& m, U16 groupId, U16 newBaseIndex, bool overlap) {
+  Kiln::Ptr<ECMPGroup> g = m.initialized() && groupId != 0 ? m.ecmpGroups(groupId) : nullptr;
+  if (!g || !overlap) return false;
+  const U16 numEntries = U16((g->wide() ? 2 : 1) * g->size());
+  if (U16(newBaseIndex - 1) <= 1 ||
+      S32(newBaseIndex) + S32(numEntries) > S32(m.getNextHopTableSwapIndex())) {
+    return false;
+  }
+  return m.getNextHopTableSwapIndex() + numEntries > m.getNextHopTableBound();
+}
+
+inline const char* const swapAreaAssertion =
+    "( swapIndex + numEntries ) <= getNextHopTableBound()";
 
 // The time budget of a pass, read after every index or group examined.
 class PassBudget {
@@ -158,20 +174,17 @@ inline Outcome defragNarrowBlock(NextHopManager& m) {
     } else {
       Kiln::Ptr<ECMPGroup> g = groupAt(m, index, groupId);
       if (!g) return stop("0");
+      if (m.hardened() && g->wide()) break;
       const U16 newBase = U16(g->hwStartIndex() - gap);
-      if (g->wide() && m.hardened()) {
-        gap = 0;
-        index = U16(index + 2 * g->size());
+      if (gap != 0) {
+        if (gap < g->size()) overlapSeen = true;
+        if (moveStops(m, groupId, newBase, overlapSeen)) return stop(swapAreaAssertion);
+        m.moveECMPGroup(groupId, newBase, overlapSeen);
+        lastIndex = U16(newBase + g->size() - 1);
       } else {
-        if (gap != 0) {
-          if (gap < g->size()) overlapSeen = true;
-          m.moveECMPGroup(groupId, newBase, overlapSeen);
-          lastIndex = U16(newBase + g->size() - 1);
-        } else {
-          lastIndex = U16(g->hwStartIndex() + g->size() - 1);
-        }
-        index = U16(index + g->size());
+        lastIndex = U16(g->hwStartIndex() + g->size() - 1);
       }
+      index = U16(index + g->size());
     }
     budget.tick();
   }
@@ -210,12 +223,7 @@ inline Outcome defragWideBlock(NextHopManager& m) {
       } while (index != begin);
       Kiln::Ptr<ECMPGroup> g = groupAt(m, index, groupId == 0 ? invalidGroupId : groupId);
       if (!g) return stop("0");
-      if (!g->wide() && m.hardened()) {
-        blockLength = 0;
-        --index;
-        budget.tick();
-        continue;
-      }
+      if (m.hardened() && !g->wide()) break;
       if (!g->wide()) {
         FLASHLOG(1, "%s index: %d", "defragWideBlock", index);
         FLASHLOG(1, "%s last Narrow index: %d", "defragWideBlock", m.lastNarrowIndex());
@@ -232,6 +240,7 @@ inline Outcome defragWideBlock(NextHopManager& m) {
         NH_TRACE(4, " Shuffling block from " << g->hwStartIndex() << "to " << newBaseIndex
                                              << " length: " << numEntries);
         if (blockLength < numEntries) overlapSeen = true;
+        if (moveStops(m, groupId, newBaseIndex, overlapSeen)) return stop(swapAreaAssertion);
         m.moveECMPGroup(groupId, newBaseIndex, overlapSeen);
       }
       lastWide = newBaseIndex;
