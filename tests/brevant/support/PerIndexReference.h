@@ -8,6 +8,7 @@
 // its expression text instead, having done what the library does before it.
 #pragma once
 
+#include <cstdio>
 #include <string>
 
 #include "Brevant/DefragManager.h"
