@@ -6,7 +6,6 @@
 //
 // BREVANT_DIFFERENTIAL_ROUNDS=n multiplies the number of operations by n
 // for a longer run.
-#include <chrono>
 #include <cctype>
 #include <cstdlib>
 #include <random>
@@ -154,7 +153,7 @@ class Differential {
   void run(U32 ops) {
     if (bound_ == 0) prefill();
     for (U32 i = 0; i < ops && !testing::Test::HasFailure(); ++i) {
-      { std::mt19937 peek = random_; const U32 w = std::uniform_int_distribution<U32>(0, 99)(peek); auto t0 = std::chrono::steady_clock::now(); step(); dbgTime[w] += std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count(); }
+      step();
       if (bound_ != 0 || i % 128 == 0) {
         expectIndexExact(*lib_);
         expectIndexExact(*twin_);
@@ -163,9 +162,10 @@ class Differential {
     expectSameTables(*lib_, *twin_);
   }
 
+  // Compaction runs compared, and operations not compared because the
+  // reference stops the process there.
   U32 compactions() const { return compactions_; }
   U32 predictedStops() const { return predictedStops_; }
-  U32 restarts() const { return restarts_; }
 
  private:
   U32 pick(U32 n) { return std::uniform_int_distribution<U32>(0, n - 1)(random_); }
@@ -212,20 +212,23 @@ class Differential {
       search(groupSize(wide) * (wide ? 2 : 1), wide);
     } else if (what < 68) {
       compact();
-    } else if (what < 74) {
+    } else if (what < 71) {
+      // Moves, direct allocations and by-name writes can leave the table in
+      // a state the passes stop the process in, which ends the episode:
+      // a few percent each.
       if (const U16 id = someGroup()) move(id);
-    } else if (what < 78) {
+    } else if (what < 73) {
       const U16 start = U16(pick(tableTop() + 2u));
       const U16 length = U16(pick(6));
       bothSame([&](NextHopManager& m) {
         return chance(50) ? m.allocateBlock(start, length) : m.freeBlock(start, length);
       });
-    } else if (what < 82) {
+    } else if (what < 75) {
       writeFreeEntryByName();
-    } else if (what < 84) {
+    } else if (what < 77) {
       // Leaving simulation mode rebuilds the full table's pools: rarely.
       if (bound_ == 0 || chance(20)) switchSimulationMode();
-    } else if (what < 85) {
+    } else if (what < 78) {
       const bool on = chance(50);
       lib_->hardenedIs(on);
       twin_->hardenedIs(on);
@@ -369,25 +372,21 @@ class Differential {
   // library's on lib from the same chip. An episode whose run the
   // reference stops in starts over.
   void compact() {
-    ++compactions_;
     const std::vector<U64> before = chipWords();
     Observed referenceSeen;
     Ref::Outcome expected;
     twin_->defragManager()->scheduleDefragmentIs(false);
     {
-      const U16 n0 = twin_->lastNarrowIndex(), w0 = twin_->lastWideIndex();
-      auto t0 = std::chrono::steady_clock::now();
       Recording recording;
       expected = Ref::defragment(*twin_);
       referenceSeen = recording.observed();
-      double dt = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-      if (dt > 1) { std::fprintf(stderr, "DBG slow %.1f narrow %u wide %u -> %u %u traces %zu assertion %s\n", dt, n0, w0, twin_->lastNarrowIndex(), twin_->lastWideIndex(), referenceSeen.traces.size(), expected.assertion.c_str()); for (size_t i = 0; i < referenceSeen.traces.size() && i < 30; ++i) std::fprintf(stderr, "  %s\n", referenceSeen.traces[i].text.c_str()); }
     }
     if (!expected.assertion.empty()) {
       ++predictedStops_;
       restart();
       return;
     }
+    ++compactions_;
     const std::vector<U64> referenceChip = chipWords();
     chipWordsIs(before);
     lib_->defragManager()->scheduleDefragmentIs(false);
@@ -402,7 +401,6 @@ class Differential {
 
   // Starts an episode over on fresh managers with the same settings.
   void restart() {
-    ++restarts_;
     const bool hardened = lib_->hardened();
     lib_ = nullptr;
     twin_ = nullptr;
@@ -459,9 +457,6 @@ class Differential {
   Kiln::Ptr<NextHopManager> twin_;
   U32 compactions_ = 0;
   U32 predictedStops_ = 0;
-  U32 restarts_ = 0;
- public:
-  double dbgTime[100] = {};
 };
 
 U32 rounds() {
@@ -475,6 +470,10 @@ struct Case {
   U32 ops;
 };
 
+void PrintTo(const Case& c, std::ostream* os) {
+  *os << "bound " << c.bound << ", " << c.ops << " operations per run";
+}
+
 class TableIndexDifferentialTest : public NextHopTableTest,
                                    public testing::WithParamInterface<Case> {};
 
@@ -486,12 +485,11 @@ TEST_P(TableIndexDifferentialTest, EveryAnswerMatchesThePerIndexReference) {
       Differential d(seed * (c.bound + 1), c.bound, hardened);
       d.run(c.ops * rounds());
       compactions += d.compactions();
-      for (int w = 0; w < 100; ++w) if (d.dbgTime[w] > 0.2) std::fprintf(stderr, "DBG op %d %.2f s\n", w, d.dbgTime[w]);
-      std::fprintf(stderr, "DBG compactions %u stops %u restarts %u\n", d.compactions(), d.predictedStops(), d.restarts());
       ASSERT_FALSE(HasFailure()) << "seed " << seed << " hardened " << hardened;
     }
   }
-  EXPECT_GT(compactions, 0u);
+  // Most compaction runs are compared, not cut short by a predicted stop.
+  EXPECT_GT(compactions, 8 * 20u);
 }
 
 // 8 runs per case: 3 x 8 x 4,000 + 8 x 500 operations, plus the prefill of
