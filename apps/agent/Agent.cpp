@@ -1124,7 +1124,8 @@ void AgentSimulation::tableGeometryIs(std::optional<U16> simBound) {
   const std::vector<WorkloadError> unfit =
       unfitRequests(config_.workload, swapAreaEntries(simBound));
   if (!unfit.empty()) {
-    throw RequestError(std::string("the workload does not fit that table: ") + unfit.front().what());
+    throw RequestError(std::string("the workload does not fit that table: ") +
+                       unfit.front().what());
   }
   config_.simBound = simBound;
 }

@@ -181,7 +181,8 @@ std::string pathList(Kiln::PtrInterface& root, const std::string& path) {
     for (const Kiln::AttributeRecord* a : type.attributes()) {
       std::string value = a->typeName;
       if (!a->keyTypeName.empty()) value = a->keyTypeName + " -> " + value;
-      rows.push_back({a->name, Kiln::attributeKindName(a->kind), value, a->settable ? "yes" : "no"});
+      rows.push_back(
+          {a->name, Kiln::attributeKindName(a->kind), value, a->settable ? "yes" : "no"});
     }
   }
   std::vector<size_t> widths(rows.front().size(), 0);
@@ -204,8 +205,8 @@ namespace {
 
 [[noreturn]] void outOfRange(const Kiln::PtrInterface& owner, const Setting& setting,
                              const std::string& value, const std::string& why = {}) {
-  throw RequestError(qualifiedName(owner.fwkType(), setting.attribute) + " takes " +
-                     setting.range + ", not '" + value + "'" + (why.empty() ? "" : ": " + why));
+  throw RequestError(qualifiedName(owner.fwkType(), setting.attribute) + " takes " + setting.range +
+                     ", not '" + value + "'" + (why.empty() ? "" : ": " + why));
 }
 
 template <class T>

@@ -164,8 +164,7 @@ int client(const Agent::ClientOptions& options) {
 
 int main(int argc, char** argv) {
   try {
-    const Agent::CommandLine line =
-        Agent::parseCommandLine(Agent::argumentsOf(argc, argv));
+    const Agent::CommandLine line = Agent::parseCommandLine(Agent::argumentsOf(argc, argv));
     switch (line.command) {
       case Agent::CommandLine::Command::version:
         std::cout << "brevant-agent " << Brevant::version() << '\n';

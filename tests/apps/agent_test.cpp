@@ -10,8 +10,8 @@
 #include <cstdio>
 #include <fstream>
 #include <future>
-#include <sstream>
 #include <set>
+#include <sstream>
 #include <thread>
 
 #include "Brevant/DefragManager.h"
@@ -360,8 +360,8 @@ class AgentSocketTest : public ::testing::Test {
 
   // Runs the agent until the client function (which ends with quit) is done.
   Report serve(const std::string& workload, const std::function<void()>& client,
-               const std::string& snapshotPath = {}) {
-    AgentConfig config = configOf(workload);
+               const std::string& snapshotPath = {}, std::optional<U16> simBound = 64) {
+    AgentConfig config = configOf(workload, simBound);
     config.socketPath = path_;
     config.serve = true;
     config.snapshotPath = snapshotPath;
@@ -519,7 +519,8 @@ TEST_F(AgentSocketTest, SetRefusesEveryAttributeThatIsNotSettableAndChangesNoRec
       {"set nextHopManager.ecmpGroups[3].hwStartIndex.x 1",
        "error: Brevant::ECMPGroup has no entity attribute hwStartIndex (in path "
        "'nextHopManager.ecmpGroups[3].hwStartIndex.x')\n"},
-      {"set trace.NoSuchHandle 1-4", "error: no trace handle 'NoSuchHandle' (list trace shows them)\n"},
+      {"set trace.NoSuchHandle 1-4",
+       "error: no trace handle 'NoSuchHandle' (list trace shows them)\n"},
       {"set trace.BrevantNextHop 12",
        "error: trace.BrevantNextHop takes levels such as 1-4,8, all or none: bad trace levels "
        "'12'\n"},
@@ -586,7 +587,8 @@ TEST_F(AgentSocketTest, ListShowsAnEntitysAttributesAlignedWithWhetherEachCanBeS
   EXPECT_EQ(scalar,
             "error: Brevant::NextHopManager has no entity attribute simMode (in path "
             "'nextHopManager.simMode')\n");
-  EXPECT_EQ(missing, "error: nothing at 'ecmpGroups[99]' in path 'nextHopManager.ecmpGroups[99]'\n");
+  EXPECT_EQ(missing,
+            "error: nothing at 'ecmpGroups[99]' in path 'nextHopManager.ecmpGroups[99]'\n");
 }
 
 TEST_F(AgentSocketTest, SimulationModeIsSetOnAnEmptyTableThroughTheManager) {
@@ -618,16 +620,43 @@ TEST_F(AgentSocketTest, SimulationModeIsSetOnAnEmptyTableThroughTheManager) {
   EXPECT_TRUE(report.passed());
 }
 
+TEST_F(AgentSocketTest, ASmallerTableIsRefusedWhenTheWorkloadHasAGroupItsSwapAreaCannotHold) {
+  // A wide group of 8 next hops takes 16 entries: the full table's swap
+  // area holds it, a simulated table's (8 entries) does not.
+  std::vector<std::string> answers;
+  const Report report = serve(
+      "create w wide 8 unicast\ndelete w\n",
+      [&] {
+        for (int i = 0; i < 500 && ask("status").find("replay: done") == std::string::npos; ++i) {
+          usleep(10000);
+        }
+        answers.push_back(ask("set nextHopManager.simNextHopTableBound 128"));
+        answers.push_back(ask("set nextHopManager.simMode True"));
+        answers.push_back(ask("get nextHopManager.simMode"));
+        ask("quit");
+      },
+      {}, std::nullopt);
+  ASSERT_EQ(answers.size(), 3u);
+  // Outside simulation mode the bound is only recorded.
+  EXPECT_EQ(answers[0], "128\n");
+  EXPECT_THAT(answers[1], StartsWith("error: the workload does not fit that table: line 1: "));
+  EXPECT_EQ(answers[2], "False\n");
+  EXPECT_EQ(report.tableBound, 65534u);
+  EXPECT_TRUE(report.passed());
+}
+
 TEST(AgentSettings, EverySettableAttributeHasOneRangeCheckAndEveryCheckASettableAttribute) {
   std::set<std::pair<std::string, std::string>> settable;
   for (const Kiln::TypeRecord* type : Kiln::typeRecords()) {
     for (const Kiln::AttributeRecord& a : type->ownAttributes()) {
-      if (a.settable && type->name().rfind("Brevant::", 0) == 0) settable.insert({type->name(), a.name});
+      if (a.settable && type->name().rfind("Brevant::", 0) == 0)
+        settable.insert({type->name(), a.name});
     }
   }
   std::set<std::pair<std::string, std::string>> checked;
   for (const Setting& s : settings()) {
-    EXPECT_TRUE(checked.insert({s.typeName, s.attribute}).second) << s.typeName << "::" << s.attribute;
+    EXPECT_TRUE(checked.insert({s.typeName, s.attribute}).second)
+        << s.typeName << "::" << s.attribute;
   }
   EXPECT_EQ(settable, checked);
   EXPECT_EQ(settable.size(), 4u);

@@ -129,9 +129,10 @@ TEST(CommandLine, EveryPrefixOfACommandLineParsesOrIsRefusedWithoutReadingPastIt
   // The reader's accesses are checked: reading past the end would throw
   // std::out_of_range here instead of a UsageError.
   const std::vector<std::vector<std::string>> lines = {
-      {"run", "--workload", "w.txt", "--seed", "42", "--duration", "60.5", "--sim-bound", "64",
-       "--svg", "t.svg", "--socket", "/tmp/a.sock", "--restart-every", "10", "--used-high", "90",
-       "--chip-call-time", "1e-6", "--chip-word-time", "0"},
+      {"run",         "--workload",       "w.txt", "--seed",      "42",    "--duration",
+       "60.5",        "--sim-bound",      "64",    "--svg",       "t.svg", "--socket",
+       "/tmp/a.sock", "--restart-every",  "10",    "--used-high", "90",    "--chip-call-time",
+       "1e-6",        "--chip-word-time", "0"},
       {"serve", "--socket", "/tmp/a.sock", "--manual-clock", "--progress"},
       {"client", "--socket", "/tmp/a.sock", "show", "group", "3"},
       {"help", "client"},

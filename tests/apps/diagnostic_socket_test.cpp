@@ -39,19 +39,19 @@ class DiagnosticSocketTest : public ::testing::Test {
     server_ = std::make_unique<DiagnosticServer>(
         path_,
         [this](const std::string& request, int fd) {
-      handled_.push_back(request);
-      if (request == "boom") throw std::runtime_error("boom");
-      if (request == "lines") {
-        // Many small descriptor writes, as the free-entry summary of a
-        // fragmented table makes (at most 32767 runs).
-        for (int i = 0; i < 40000; ++i) dprintf(fd, "%-15d%-5d\n", i, 1);
-        return;
-      }
-      if (request == "big") {
-        writeAll(fd, std::string(1 << 20, 'x') + "\n");
-        return;
-      }
-      writeAll(fd, "you said: " + request + "\n");
+          handled_.push_back(request);
+          if (request == "boom") throw std::runtime_error("boom");
+          if (request == "lines") {
+            // Many small descriptor writes, as the free-entry summary of a
+            // fragmented table makes (at most 32767 runs).
+            for (int i = 0; i < 40000; ++i) dprintf(fd, "%-15d%-5d\n", i, 1);
+            return;
+          }
+          if (request == "big") {
+            writeAll(fd, std::string(1 << 20, 'x') + "\n");
+            return;
+          }
+          writeAll(fd, "you said: " + request + "\n");
         },
         idleTimeout);
   }
@@ -271,7 +271,10 @@ TEST_F(DiagnosticSocketTest, AClientThatKeepsSendingIsNotIdle) {
 
 TEST_F(DiagnosticSocketTest, AnIdleTimeoutThatIsNotAPositiveTimeIsRefused) {
   for (double bad : {0.0, -1.0, std::nan(""), HUGE_VAL}) {
-    EXPECT_THROW(DiagnosticServer(path_, [](const std::string&, int) {}, bad), SocketError) << bad;
+    EXPECT_THROW(DiagnosticServer(
+                     path_, [](const std::string&, int) {}, bad),
+                 SocketError)
+        << bad;
     EXPECT_NE(access(path_.c_str(), F_OK), 0);
   }
 }

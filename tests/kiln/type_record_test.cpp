@@ -392,7 +392,8 @@ TEST(Reflect, AnAccessTheKindDoesNotAllowNamesTheObjectsOwnTypeAndAttribute) {
     }
     return "no exception";
   };
-  EXPECT_EQ(textOf([&] { chip.set(*c, "sw", "2"); }), "KilnTest::Chip has no writable attribute sw");
+  EXPECT_EQ(textOf([&] { chip.set(*c, "sw", "2"); }),
+            "KilnTest::Chip has no writable attribute sw");
   EXPECT_EQ(textOf([&] { chip.members(*c, "label"); }),
             "KilnTest::Chip has no collection attribute label");
   EXPECT_EQ(textOf([&] { chip.child(*c, "maxSlice"); }),
