@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <cstdio>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -169,10 +170,11 @@ class DiagnosticServer::IdleWatch {
       for (const auto& [fd, since] : since_) {
         if (expired_.count(fd)) continue;
         if (now - since >= timeout_) {
-          // The loop sees the end of the connection and closes it; the
-          // descriptor stays open until then, under this lock's protection.
+          // Ending the receiving side wakes the loop, which answers with an
+          // error line and closes; the descriptor stays open until then,
+          // and forget() comes first, so the number is never a reused one.
           expired_.insert(fd);
-          shutdown(fd, SHUT_RDWR);
+          shutdown(fd, SHUT_RD);
           ++closed_;
         } else {
           next = std::min(next, since + timeout_);
@@ -213,8 +215,8 @@ class DiagnosticServer::Connection : public Kiln::FdNotifiee {
   Connection(DiagnosticServer& server, int fd) : FdNotifiee(fd), server_(server) {}
 
   void onReadable() override {
-    // Shut down for idleness: whatever it sent is not a request.
-    if (server_.idleWatch_->expired(fd())) return server_.close(*this);
+    // Ended for idleness: whatever it sent is not a request.
+    if (server_.idleWatch_->expired(fd())) return server_.refuseIdle(*this);
     char chunk[4096];
     for (;;) {
       const ssize_t n = read(fd(), chunk, sizeof(chunk));
@@ -224,8 +226,11 @@ class DiagnosticServer::Connection : public Kiln::FdNotifiee {
         return;
       }
       if (n == 0) {
-        // The client ended its side: what it sent is the request, if any.
-        if (buffer_.empty()) {
+        // The client ended its side: what it sent is the request, if any;
+        // an end made by the idle watch (even while this read ran) is not.
+        if (server_.idleWatch_->expired(fd())) {
+          server_.refuseIdle(*this);
+        } else if (buffer_.empty()) {
           server_.close(*this);
         } else {
           complete(buffer_);
@@ -288,6 +293,7 @@ DiagnosticServer::DiagnosticServer(const std::string& path, Handler handler,
     if (bound == 0) unlink(path.c_str());
     fail("cannot serve " + path, error);
   }
+  idleTimeout_ = idleTimeout;
   idleWatch_ = std::make_unique<IdleWatch>(idleTimeout);
   listener_ = new Listener(*this, listenFd_);
   Kiln::ActivityManager::instance().fdNotifieeIs(listener_);
@@ -345,6 +351,12 @@ void DiagnosticServer::refuse(Connection& connection, const std::string& reason)
   idleWatch_->forget(connection.fd());
   writeAll(connection.fd(), "error: " + reason + "\n");
   close(connection);
+}
+
+void DiagnosticServer::refuseIdle(Connection& connection) {
+  char reason[96];
+  std::snprintf(reason, sizeof(reason), "no complete request within %g s", idleTimeout_);
+  refuse(connection, reason);
 }
 
 void DiagnosticServer::close(Connection& connection) {

@@ -35,8 +35,8 @@ constexpr Kiln::Seconds answerTimeout = 2.0;
 constexpr size_t maxConnections = 16;
 
 // Default longest time a connection may stay open without completing its
-// request line; it is then closed unanswered, so that idle clients cannot
-// hold the connection limit. Real (monotonic) time, not agent time: a
+// request line; it is then answered with an error line and closed, so that
+// idle clients cannot hold the connection limit. Real (monotonic) time, not agent time: a
 // manual clock may stand still or jump hours while a client waits.
 constexpr Kiln::Seconds defaultIdleTimeout = 10.0;
 
@@ -76,7 +76,7 @@ class DiagnosticServer {
   // Requests handed to the handler.
   U64 requests() const { return requests_; }
   // Requests answered with an error line by the server itself (too long,
-  // malformed, too many connections).
+  // malformed, too many connections, no complete request in time).
   U64 refusals() const { return refusals_; }
   // Connections open now.
   size_t connections() const { return openFds_.size(); }
@@ -93,6 +93,8 @@ class DiagnosticServer {
   void accepted(int fd);
   void answer(Connection& connection, const std::string& request);
   void refuse(Connection& connection, const std::string& reason);
+  // Refuses a connection the idle watch has ended.
+  void refuseIdle(Connection& connection);
   void close(Connection& connection);
 
   std::string path_;
@@ -104,6 +106,7 @@ class DiagnosticServer {
   // Shuts idle connections down from a thread of its own, so that it works
   // while the loop waits in poll.
   std::unique_ptr<IdleWatch> idleWatch_;
+  Kiln::Seconds idleTimeout_ = defaultIdleTimeout;
   U64 requests_ = 0;
   U64 refusals_ = 0;
 };

@@ -170,6 +170,7 @@ std::string pathList(Kiln::PtrInterface& root, const std::string& path) {
   if (isTracePath(root, path)) {
     if (path != tracePrefix) throw RequestError("list takes trace, not " + path);
     title = "trace handles";
+    rows.front() = {"handle", "kind", "levels", "settable"};
     for (const Trace::Handle* h : Trace::handles()) {
       rows.push_back({h->name(), "levels", Trace::levelsText(h->levels()), "yes"});
     }

@@ -582,7 +582,7 @@ TEST_F(AgentSocketTest, ListShowsAnEntitysAttributesAlignedWithWhetherEachCanBeS
   EXPECT_THAT(group, Not(HasSubstr(" yes\n")));
   EXPECT_THAT(root, StartsWith("Brevant::BrevantCommonSmData\n"));
   EXPECT_THAT(root, HasSubstr("  nextHopManager "));
-  EXPECT_THAT(trace, StartsWith("trace handles\n  attribute"));
+  EXPECT_THAT(trace, StartsWith("trace handles\n  handle "));
   EXPECT_THAT(trace, HasSubstr("  BrevantNextHop "));
   EXPECT_EQ(scalar,
             "error: Brevant::NextHopManager has no entity attribute simMode (in path "
