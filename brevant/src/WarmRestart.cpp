@@ -18,6 +18,7 @@
 #include "BlankManagerConstruction.h"
 #include "Brevant/DefragManager.h"
 #include "Brevant/NextHopAccess.h"
+#include "Brevant/NextHopResources.h"
 #include "Brevant/NextHopTrace.h"
 #include "Kiln/TypeRecord.h"
 
@@ -181,6 +182,13 @@ void writeObject(std::string& out, const Kiln::PtrInterface& o, const Kiln::Type
   }
 }
 
+// An object of its own (not held by an attribute of another).
+void writeTopObject(std::string& out, const Kiln::PtrInterface& o, const Kiln::TypeRecord& type) {
+  out.append("object\t").append(type.name()).append("\n");
+  writeObject(out, o, type);
+  out.append("end\n");
+}
+
 // The runs of consecutive free entries, ascending: (first index, count).
 std::vector<std::pair<U32, U32>> freeRuns(const NextHopManager& manager) {
   std::vector<std::pair<U32, U32>> runs;
@@ -242,6 +250,8 @@ struct FreeRunText {
 
 struct ParsedSnapshot {
   ObjectText manager;
+  // The resource counters; absent from a version 1 snapshot.
+  std::optional<ObjectText> resources;
   std::vector<FreeRunText> freeRuns;
 };
 
@@ -281,6 +291,16 @@ class BodyParser {
       corrupt(where() + "the snapshot holds a " + std::string(f[1]) + ", not a next-hop manager");
     }
     parseObject(snapshot.manager);
+    if (body_.substr(pos_).starts_with("object\t")) {
+      f = next("the resource counters");
+      snapshot.resources.emplace();
+      snapshot.resources->type = recordNamed(f.size() == 2 ? f[1] : std::string_view());
+      if (snapshot.resources->type != &NextHopResources::kilnType()) {
+        corrupt(where() + "the second object is a " + std::string(f[1]) +
+                ", not the resource counters");
+      }
+      parseObject(*snapshot.resources);
+    }
     while (pos_ < body_.size()) {
       f = next("free runs");
       if (f.size() != 4 || f[0] != "free") corrupt(where() + "expected a free run");
@@ -374,11 +394,12 @@ ParsedSnapshot parseSnapshot(std::string_view text) {
   }
   const std::optional<U64> version = parseNumber(first.substr(blank + 1));
   if (!version) corrupt("bad format version");
-  if (*version != snapshotFormatVersion) {
-    throw SnapshotError(Problem::otherVersion, "snapshot of format version " +
-                                                   std::to_string(*version) +
-                                                   "; this library reads version " +
-                                                   std::to_string(snapshotFormatVersion));
+  if (*version < oldestSnapshotFormatVersion || *version > snapshotFormatVersion) {
+    throw SnapshotError(Problem::otherVersion,
+                        "snapshot of format version " + std::to_string(*version) +
+                            "; this library reads versions " +
+                            std::to_string(oldestSnapshotFormatVersion) + " to " +
+                            std::to_string(snapshotFormatVersion));
   }
   std::string_view lengthLine = headerLine("the length line");
   std::string_view checksumLine = headerLine("the checksum line");
@@ -615,6 +636,11 @@ Kiln::Ptr<NextHopManager> restore(const ManagerMaker& make,
     applyObject(*manager, snapshot.manager);
     checkConsistent(*manager);
     if (!manager->defragManager()) corrupt("no defragmenter");
+    // The history (refusals, compaction work, the longest group asked for,
+    // the watermarks and their alarms) comes from the snapshot; the figures
+    // of the table are counted again from the records just restored.
+    if (snapshot.resources) applyObject(*manager->resources(), *snapshot.resources);
+    manager->recountResources();
   } catch (const Kiln::Exception& e) {
     // A text the runtime cannot parse, a value a mutator refuses.
     const std::string why = dynamic_cast<const SnapshotError*>(&e)
@@ -702,9 +728,9 @@ const char* outcomeName(RestoreResult::Outcome outcome) {
 }
 
 std::string snapshotText(NextHopManager& manager) {
-  std::string body = "object\t" + NextHopManager::kilnType().name() + "\n";
-  writeObject(body, manager, NextHopManager::kilnType());
-  body += "end\n";
+  std::string body;
+  writeTopObject(body, manager, NextHopManager::kilnType());
+  writeTopObject(body, *manager.resources(), NextHopResources::kilnType());
   const std::vector<std::pair<U32, U32>> runs = freeRuns(manager);
   if (!runs.empty()) {
     // One read from the lowest free entry to the highest.

@@ -16,6 +16,7 @@
 #include "Brevant/WarmRestart.h"
 #include "next_hop_table_fixture.h"
 #include "support/RecordComparison.h"
+#include "support/ResourceRecount.h"
 
 namespace {
 
@@ -62,7 +63,8 @@ std::string resealed(const std::string& text) {
   char checksum[17];
   std::snprintf(checksum, sizeof checksum, "%016llx",
                 static_cast<unsigned long long>(Brevant::snapshotChecksum(body)));
-  return "brevant-next-hop-snapshot 1\nlength " + std::to_string(body.size()) +
+  return "brevant-next-hop-snapshot " + std::to_string(Brevant::snapshotFormatVersion) +
+         "\nlength " + std::to_string(body.size()) +
          "\nchecksum fnv1a-64w " + checksum + "\n" + body;
 }
 
@@ -120,6 +122,55 @@ class WarmRestartTest : public NextHopTableTest {
                                   wordRun(8, 0xDEF00)),
               0);
     m().getECMPGroup(60000);  // the placeholder group 65535
+  }
+
+  // A history that every resource counter shows: creates refused for two
+  // reasons, compaction runs cut by their budget with the time they took,
+  // moves direct and through the swap area, and both alarms raised.
+  void countedHistory() {
+    m().setSimulationMode(true, 256);
+    std::vector<S32> ids;
+    for (S32 id; (id = create(4, ids.size() % 5 == 0, 0x1000 * (ids.size() + 1))) > 0;) {
+      ids.push_back(id);
+    }
+    for (size_t i = 0; i < ids.size(); i += 2) ASSERT_EQ(m().deleteECMPGroup(0, U16(ids[i])), 0);
+    ASSERT_EQ(create(12), -2);
+    ASSERT_EQ(create(0), -1);
+    FmSim::writeObserverIs([this](const FmSim::Call&, const U64*) { clock_->advance(0.03); });
+    clock_->advance(defrag().defragDelay());
+    FmSim::writeObserverIs({});
+    Brevant::NextHopResources& res = *m().resources();
+    res.usedHighWatermarkIs(20);
+    res.usedLowWatermarkIs(10);
+    res.fragmentationHighWatermarkIs(0.5);
+    res.fragmentationLowWatermarkIs(0.25);
+    ASSERT_GT(res.compactionRuns(), 0u);
+    ASSERT_GT(res.compactionRunsCut(), 0u);
+    ASSERT_GT(res.groupsMoved(), 0u);
+    ASSERT_GT(res.compactionTime(), 0.0);
+    ASSERT_GT(res.createsRefused(-2), 0u);
+    ASSERT_TRUE(res.usedAlarm());
+  }
+
+  // restored's counters are the old manager's, attribute by attribute, and
+  // its figures equal a recount from its records.
+  void expectSameCounters(NextHopManager& restored) {
+    const std::vector<std::string> differences =
+        recordDifferences(*m().resources(), *restored.resources());
+    EXPECT_TRUE(differences.empty()) << ::testing::PrintToString(differences);
+    expectFiguresMatchRecount(restored, m().resources()->largestGroupSeen());
+  }
+
+  // cold's counters are those of a table that has just been initialised.
+  void expectFreshCounters(NextHopManager& cold) {
+    expectFiguresMatchRecount(cold, 0);
+    const Brevant::NextHopResources& res = *cold.resources();
+    EXPECT_EQ(res.totalFree(), cold.getNextHopTableBound() - 3u);
+    EXPECT_EQ(res.compactionRuns(), 0u);
+    EXPECT_EQ(res.groupsMoved(), 0u);
+    EXPECT_EQ(res.createsRefused(-2), 0u);
+    EXPECT_EQ(res.usedHighWatermark(), 0.0);
+    EXPECT_FALSE(res.usedAlarm());
   }
 
   std::string path_;
@@ -247,6 +298,96 @@ TEST_F(WarmRestartTest, TheSnapshotIsReplacedWholeAndLeavesNoTemporaryFile) {
   EXPECT_NE(access((path_ + ".tmp." + std::to_string(getpid())).c_str(), F_OK), 0);
   EXPECT_THROW(Brevant::saveSnapshot(m(), "/nonexistent-directory/snapshot"), Kiln::ErrnoException);
   EXPECT_EQ(readAll(path_), Brevant::snapshotText(m()));
+}
+
+// ---- The resource counters of a restored manager.
+
+TEST_F(WarmRestartTest, ARestoredManagerKeepsEveryResourceCounter) {
+  countedHistory();
+  Kiln::Ptr<NextHopManager> restored = roundTrip();
+  expectSameRecords(*restored);
+  expectSameCounters(*restored);
+  // The restored counters go on from there: the same create on both tables.
+  manager_ = nullptr;
+  ASSERT_GT(restored->createECMPGroup(0, false, true, 2, wordRun(2, 0x77), wordRun(2, 0x88),
+                                      Brevant::RoutingUnicastFeature, false),
+            0);
+  expectFiguresMatchRecount(*restored, restored->resources()->largestGroupSeen());
+}
+
+TEST_F(WarmRestartTest, AFreshOrFullTableRestoresItsFiguresToo) {
+  Kiln::Ptr<NextHopManager> fresh = roundTrip();
+  expectSameCounters(*fresh);
+  fresh = nullptr;
+  m().setSimulationMode(true, 512);
+  fragment(40);
+  while (create(3) > 0) {
+  }
+  Kiln::Ptr<NextHopManager> full = roundTrip();
+  expectSameCounters(*full);
+}
+
+TEST_F(WarmRestartTest, RewrittenGroupsKeepTheCounters) {
+  countedHistory();
+  Brevant::saveSnapshot(m(), path_);
+  const U16 start = m().ecmpGroups(4)->hwStartIndex();
+  FmSim::tableWordIs(start, 0xBAD);
+  RestoreOptions options;
+  options.policy = RestorePolicy::rewrite;
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManager(path_, options, &result);
+  ASSERT_EQ(result.outcome, RestoreResult::Outcome::rewritten);
+  expectSameCounters(*restored);
+}
+
+TEST_F(WarmRestartTest, ARefusedRestoreStartsWithTheCountersOfAFreshTable) {
+  countedHistory();
+  Brevant::saveSnapshot(m(), path_);
+  FmSim::tableWordIs(m().ecmpGroups(4)->hwStartIndex(), 0xBAD);
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> cold = Brevant::restoreNextHopManager(path_, {}, &result);
+  ASSERT_EQ(result.outcome, RestoreResult::Outcome::cold);
+  expectFreshCounters(*cold);
+}
+
+TEST_F(WarmRestartTest, ABadSnapshotStartsColdWithTheCountersOfAFreshTable) {
+  countedHistory();
+  std::string text = Brevant::snapshotText(m());
+  text[text.size() - 20] ^= 1;
+  writeAll(path_, text);
+  RestoreOptions options;
+  options.coldOnBadSnapshot = true;
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> cold = Brevant::restoreNextHopManager(path_, options, &result);
+  ASSERT_EQ(result.outcome, RestoreResult::Outcome::cold);
+  expectFreshCounters(*cold);
+  // Into the shared state, as the agent restores.
+  Kiln::Ptr<Brevant::BrevantCommonSmData> state =
+      Brevant::BrevantCommonSmData::BrevantCommonSmDataIs("agent");
+  result = Brevant::restoreNextHopManager(*state, path_, options);
+  ASSERT_EQ(result.outcome, RestoreResult::Outcome::cold);
+  expectFreshCounters(*state->nextHopManager());
+}
+
+TEST_F(WarmRestartTest, AVersion1SnapshotIsReadWithItsFiguresRecounted) {
+  countedHistory();
+  // Version 1 wrote no resource counters: the second object is left out.
+  std::string text = Brevant::snapshotText(m());
+  const size_t first = text.find("object\tBrevant::NextHopResources\n");
+  ASSERT_NE(first, std::string::npos);
+  const size_t last = text.find("end\n", first) + 4;
+  text = resealed(text.substr(0, first) + text.substr(last));
+  text.replace(0, text.find('\n'), "brevant-next-hop-snapshot 1");
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> restored =
+      Brevant::restoreNextHopManagerFromText(text, {}, &result);
+  ASSERT_EQ(result.outcome, RestoreResult::Outcome::warm);
+  expectSameRecords(*restored);
+  // The figures are the table's; the history starts again.
+  expectFiguresMatchRecount(*restored, 0);
+  EXPECT_EQ(restored->resources()->compactionRuns(), 0u);
+  EXPECT_EQ(restored->resources()->narrowGroups(), m().resources()->narrowGroups());
+  EXPECT_EQ(restored->resources()->wideGroups(), m().resources()->wideGroups());
 }
 
 // ---- Bad snapshots.
@@ -458,6 +599,7 @@ TEST_F(WarmRestartTest, RestartsInsideRandomChurnKeepTheTableHitless) {
       EXPECT_EQ(tableWords(512), before);
       const std::vector<std::string> differences = recordDifferences(m(), *restored);
       ASSERT_TRUE(differences.empty()) << ::testing::PrintToString(differences);
+      expectSameCounters(*restored);
       manager_ = restored;
       ++restarts;
       checker =

@@ -30,8 +30,10 @@
 
 namespace Brevant {
 
-// The format this library writes and the only one it reads.
-constexpr U32 snapshotFormatVersion = 1;
+// The format this library writes, and the oldest one it still reads (a
+// version 1 snapshot has no resource counters: their history starts at 0).
+constexpr U32 snapshotFormatVersion = 2;
+constexpr U32 oldestSnapshotFormatVersion = 1;
 
 // A snapshot that cannot be used: the file is absent or unreadable, shorter
 // than its header says, fails its checksum or does not parse, or was written
