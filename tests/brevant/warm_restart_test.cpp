@@ -390,6 +390,112 @@ TEST_F(WarmRestartTest, AVersion1SnapshotIsReadWithItsFiguresRecounted) {
   EXPECT_EQ(restored->resources()->wideGroups(), m().resources()->wideGroups());
 }
 
+// ---- The collections written through their typed accessors.
+
+// The generic rule's lines for a collection (the members' texts through the
+// type record, ascending integer keys, runs of one value text): the
+// reference the typed writer of the manager's pools must match.
+std::string genericMemberLines(const Kiln::PtrInterface& o, const std::string& name) {
+  std::vector<std::pair<U64, std::string>> members;
+  for (const Kiln::MemberText& m : o.fwkType().members(o, name)) {
+    members.emplace_back(std::stoull(m.first), m.second);
+  }
+  std::sort(members.begin(), members.end());
+  std::string out;
+  for (size_t i = 0; i < members.size();) {
+    size_t last = i;
+    while (last + 1 < members.size() && members[last + 1].first == members[last].first + 1 &&
+           members[last + 1].second == members[i].second) {
+      ++last;
+    }
+    out += (last > i ? "run\t" : "member\t") + name + "\t" + std::to_string(members[i].first);
+    if (last > i) out += "\t" + std::to_string(members[last].first);
+    out += "\t" + members[i].second + "\n";
+    i = last + 1;
+  }
+  return out;
+}
+
+// The snapshot's lines of the manager's collection name.
+std::string snapshotMemberLines(const std::string& text, const std::string& name) {
+  std::string out;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("run\t" + name + "\t") || line.starts_with("member\t" + name + "\t")) {
+      out += line + "\n";
+    }
+  }
+  return out;
+}
+
+TEST_F(WarmRestartTest, ThePoolsAreWrittenAsTheGenericRuleWritesThem) {
+  std::mt19937 rng(15);
+  auto random = [&](U32 below) { return std::uniform_int_distribution<U32>(0, below - 1)(rng); };
+  for (int round = 0; round < 6; ++round) {
+    SCOPED_TRACE(round);
+    if (round == 3) m().setSimulationMode(true, 2048);
+    std::vector<U16> live;
+    for (U32 step = 0; step < 400; ++step) {
+      if (random(3) != 0 || live.empty()) {
+        const S32 id = create(U16(1 + random(12)), random(4) == 0, 0x10000 * (step + 1));
+        if (id > 0) live.push_back(U16(id));
+      } else {
+        const size_t k = random(U32(live.size()));
+        ASSERT_EQ(m().deleteECMPGroup(0, live[k]), 0);
+        live.erase(live.begin() + k);
+      }
+    }
+    const std::string text = Brevant::snapshotText(m());
+    for (const char* pool : {"allocatedEntries", "freeEntries", "freeGroupIds", "hwStartToGroupId"}) {
+      EXPECT_EQ(snapshotMemberLines(text, pool), genericMemberLines(m(), pool)) << pool;
+    }
+    expectSameRecords(*roundTrip());
+  }
+}
+
+TEST_F(WarmRestartTest, NextHopsWithAMissingPositionFallBackToMemberLines) {
+  fragment(6);
+  Kiln::Ptr<ECMPGroup> group = m().ecmpGroups(4);
+  ASSERT_TRUE(group && group->size() >= 2);
+  ECMPGroup::kilnType().memberDel(*group, "nextHops", "0");
+  const std::string text = Brevant::snapshotText(m());
+  EXPECT_THAT(text, ::testing::HasSubstr("member\tnextHops\t1\tValue("));
+  EXPECT_THAT(text, ::testing::HasSubstr("hops\tnextHops\t"));
+  // The chip still holds the word of the position the records lost.
+  RestoreOptions options;
+  options.policy = RestorePolicy::rewrite;
+  Kiln::Ptr<NextHopManager> restored =
+      Brevant::restoreNextHopManagerFromText(text, options);
+  expectSameRecords(*restored);
+}
+
+TEST_F(WarmRestartTest, ABadHopsLineIsCorrupt) {
+  fragment(6);
+  const std::string text = Brevant::snapshotText(m());
+  const size_t hops = text.find("hops\tnextHops\t");
+  ASSERT_NE(hops, std::string::npos);
+  const size_t items = text.find('\t', hops + 14) + 1;
+  const size_t end = text.find('\n', items);
+  const std::string count = text.substr(hops + 14, items - 1 - (hops + 14));
+  auto expectCorrupt = [&](const std::string& line) {
+    SCOPED_TRACE(line);
+    try {
+      Brevant::restoreNextHopManagerFromText(
+          resealed(text.substr(0, hops) + line + text.substr(end)));
+      ADD_FAILURE() << "no error";
+    } catch (const SnapshotError& e) {
+      EXPECT_EQ(e.problem(), SnapshotError::Problem::corrupt) << e.what();
+    }
+  };
+  const std::string good = text.substr(items, end - items);
+  expectCorrupt("hops\tnextHops\t" + std::to_string(std::stoul(count) + 1) + "\t" + good);
+  expectCorrupt("hops\tnextHops\t" + count + "\t" + good + " 5:0:1:1");
+  expectCorrupt("hops\tnextHops\t" + count + "\t" + good.substr(0, good.size() - 1) + "x");
+  expectCorrupt("hops\tnextHops\t" + count + "\t70000" + good.substr(good.find(':')));
+  expectCorrupt("hops\tnextHops\t0\t");
+  expectCorrupt("hops\tfreeEntries\t" + count + "\t" + good);
+}
+
 // ---- Bad snapshots.
 
 void expectProblem(const std::string& path, SnapshotError::Problem problem, const char* words) {
