@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -21,6 +22,7 @@
 #include "Brevant/NextHopAccess.h"
 #include "Brevant/NextHopResources.h"
 #include "Brevant/NextHopTrace.h"
+#include "Kiln/ActivityManager.h"
 #include "Kiln/Strep.h"
 #include "Kiln/TypeRecord.h"
 
@@ -54,6 +56,21 @@ constexpr U64 fnvPrime = 0x100000001b3ull;
 U64 fnv1aWords(const U64* words, size_t count, U64 hash = fnvOffset) {
   for (size_t i = 0; i < count; ++i) hash = (hash ^ words[i]) * fnvPrime;
   return hash;
+}
+
+// A time on the activity clock, written so that it reads back exactly.
+std::string timeText(double seconds) {
+  char text[32];
+  const auto [end, ec] = std::to_chars(text, text + sizeof text, seconds);
+  return std::string(text, end);
+}
+
+std::optional<double> parseTime(std::string_view text) {
+  double v = 0;
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+  if (ec != std::errc() || end != text.data() + text.size() || text.empty() || !std::isfinite(v))
+    return std::nullopt;
+  return v;
 }
 
 std::string hex16(U64 v) {
@@ -387,10 +404,20 @@ struct FreeRunText {
   U64 digest;
 };
 
+// When the snapshot was taken and when the armed timer was due, on the
+// activity clock.
+struct TimerText {
+  double savedAt;
+  double due;
+};
+
 struct ParsedSnapshot {
   ObjectText manager;
   // The resource counters; absent from a version 1 snapshot.
   std::optional<ObjectText> resources;
+  // The defragmentation timer; absent when it was not armed, and from a
+  // version 1 snapshot.
+  std::optional<TimerText> timer;
   std::vector<FreeRunText> freeRuns;
 };
 
@@ -439,6 +466,13 @@ class BodyParser {
                 ", not the resource counters");
       }
       parseObject(*snapshot.resources);
+    }
+    if (body_.substr(pos_).starts_with("timer\t")) {
+      f = next("the timer");
+      const std::optional<double> savedAt = parseTime(f.size() == 3 ? f[1] : "");
+      const std::optional<double> due = parseTime(f.size() == 3 ? f[2] : "");
+      if (!savedAt || !due) corrupt(where() + "bad timer");
+      snapshot.timer = TimerText{*savedAt, *due};
     }
     while (pos_ < body_.size()) {
       f = next("free runs");
@@ -823,6 +857,25 @@ Comparison compareWithChip(NextHopManager& manager, const PlacedGroups& placed,
   return c;
 }
 
+// The timer does not survive the process: a run that was wanted is
+// scheduled again. On a clock that went on through the restart (it reads
+// no earlier than when the snapshot was taken) at the time it was due, or
+// at once if that has passed; on a clock that started again, after the time
+// that was left when the snapshot was taken. Without the timer's time (not
+// armed, or a version 1 snapshot), a full delay from now.
+void rearmDefragmentation(DefragManager& defrag, const std::optional<TimerText>& timer) {
+  if (!defrag.scheduleDefragment()) return;
+  if (!timer || !defrag.initialized() || !defrag.defragScheduler()) {
+    defrag.startDefragScheduler();
+    return;
+  }
+  const double now = Kiln::now();
+  const double left = std::max(0.0, timer->due - timer->savedAt);
+  const double due = now >= timer->savedAt ? timer->due : now + left;
+  defrag.defragScheduler()->timeMinIs(std::max(now, due));
+  NH_TRACE(3, "Warm restart: the defragmentation is due in " << std::max(0.0, due - now) << " s");
+}
+
 // Makes the manager: blank (to be filled from a snapshot) or cold
 // (initialised as on a first start).
 typedef std::function<Kiln::Ptr<NextHopManager>(bool blank)> ManagerMaker;
@@ -906,10 +959,7 @@ Kiln::Ptr<NextHopManager> restore(const ManagerMaker& make,
   } else {
     result.outcome = RestoreResult::Outcome::warm;
   }
-  // The timer does not survive the process: a run that was wanted is
-  // scheduled again, a full delay from now.
-  if (manager->defragManager()->scheduleDefragment())
-    manager->defragManager()->startDefragScheduler();
+  rearmDefragmentation(*manager->defragManager(), snapshot.timer);
   NH_TRACE(3, "Warm restart: " << result.groups << " groups restored, " << result.wordsRead
                                << " words read, " << result.wordsWritten << " written");
   return manager;
@@ -956,6 +1006,12 @@ std::string snapshotText(NextHopManager& manager) {
   SnapshotWriter writer(body);
   writer.writeTopObject(manager, NextHopManager::kilnType());
   writer.writeTopObject(*manager.resources(), NextHopResources::kilnType());
+  const DefragManager* defrag = manager.defragManager().ptr();
+  if (defrag && defrag->scheduleDefragment() && defrag->defragScheduler() &&
+      defrag->defragScheduler()->timeMin() != Kiln::Clock::never) {
+    body.append("timer\t").append(timeText(Kiln::now())).append("\t");
+    body.append(timeText(defrag->defragScheduler()->timeMin())).append("\n");
+  }
   const std::vector<std::pair<U32, U32>> runs = freeRuns(manager);
   if (!runs.empty()) {
     // One read from the lowest free entry to the highest.

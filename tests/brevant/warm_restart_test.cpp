@@ -161,6 +161,19 @@ class WarmRestartTest : public NextHopTableTest {
     expectFiguresMatchRecount(restored, m().resources()->largestGroupSeen());
   }
 
+  // A table of 128 entries whose last create asked for a defragmentation
+  // (a full delay from now), and the clock one second on.
+  void scheduleDefragmentation() {
+    m().setSimulationMode(true, 128);
+    fragment(12);
+    // A group longer than any hole asks for a defragmentation.
+    while (create(6) > 0) {
+    }
+    ASSERT_TRUE(defrag().scheduleDefragment());
+    ASSERT_EQ(defrag().defragScheduler()->timeMin(), clock_->now() + defrag().defragDelay());
+    clock_->advance(1.0);
+  }
+
   // cold's counters are those of a table that has just been initialised.
   void expectFreshCounters(NextHopManager& cold) {
     expectFiguresMatchRecount(cold, 0);
@@ -224,23 +237,75 @@ TEST_F(WarmRestartTest, SimulationModeSwitchesAreKeptWithTheirTrimmedPools) {
   EXPECT_EQ(restored->lastWideIndex(), m().lastWideIndex());
 }
 
-TEST_F(WarmRestartTest, AScheduledDefragmentationIsScheduledAgainAndRunsOnTheRestoredTable) {
-  m().setSimulationMode(true, 128);
-  fragment(12);
-  // A group longer than any hole asks for a defragmentation.
-  while (create(6) > 0) {
-  }
-  ASSERT_TRUE(defrag().scheduleDefragment());
-  clock_->advance(1.0);
+TEST_F(WarmRestartTest, AScheduledDefragmentationRunsWhenItWasDueOnAClockThatWentOn) {
+  scheduleDefragmentation();
+  const double due = defrag().defragScheduler()->timeMin();
   Kiln::Ptr<NextHopManager> restored = roundTrip();
   expectSameRecords(*restored);
   const U32 oldRuns = defrag().defragCount();
   manager_ = nullptr;  // the old process is gone: its timer with it
-  clock_->advance(restored->defragManager()->defragDelay() - 0.5);
+  EXPECT_EQ(restored->defragManager()->defragScheduler()->timeMin(), due);
+  clock_->timeIs(due - 0.5);
   EXPECT_EQ(restored->defragManager()->defragCount(), oldRuns);
-  clock_->advance(1.0);
+  clock_->timeIs(due);
   EXPECT_GT(restored->defragManager()->defragCount(), oldRuns);
   expectTableMatchesRecords(*restored);
+}
+
+TEST_F(WarmRestartTest, OnAClockThatStartedAgainTheTimeLeftIsKept) {
+  scheduleDefragmentation();
+  const double left = defrag().defragScheduler()->timeMin() - clock_->now();
+  ASSERT_EQ(left, defrag().defragDelay() - 1.0);
+  Brevant::saveSnapshot(m(), path_);
+  const U32 oldRuns = defrag().defragCount();
+  manager_ = nullptr;
+  // The new process's clock starts at 0 again.
+  clock_ = new Kiln::ManualClock(0);
+  Kiln::ActivityManager::instance().clockIs(clock_);
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManager(path_);
+  EXPECT_EQ(restored->defragManager()->defragScheduler()->timeMin(), left);
+  clock_->timeIs(left - 0.5);
+  EXPECT_EQ(restored->defragManager()->defragCount(), oldRuns);
+  clock_->timeIs(left);
+  EXPECT_GT(restored->defragManager()->defragCount(), oldRuns);
+}
+
+TEST_F(WarmRestartTest, ARunThatFellDueDuringTheRestartRunsAtOnce) {
+  scheduleDefragmentation();
+  Brevant::saveSnapshot(m(), path_);
+  const U32 oldRuns = defrag().defragCount();
+  manager_ = nullptr;
+  clock_->advance(60);
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManager(path_);
+  EXPECT_EQ(restored->defragManager()->defragScheduler()->timeMin(), clock_->now());
+  clock_->advance(0);
+  EXPECT_GT(restored->defragManager()->defragCount(), oldRuns);
+}
+
+TEST_F(WarmRestartTest, WithoutTheTimersTimeARunIsScheduledAFullDelayFromNow) {
+  scheduleDefragmentation();
+  // A version 1 snapshot carries no timer line.
+  std::string text = Brevant::snapshotText(m());
+  const size_t timer = text.find("\ntimer\t");
+  ASSERT_NE(timer, std::string::npos);
+  text = resealed(text.erase(timer + 1, text.find('\n', timer + 1) - timer));
+  manager_ = nullptr;
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManagerFromText(text);
+  EXPECT_EQ(restored->defragManager()->defragScheduler()->timeMin(),
+            clock_->now() + restored->defragManager()->defragDelay());
+}
+
+TEST_F(WarmRestartTest, ABadTimerLineIsCorrupt) {
+  scheduleDefragmentation();
+  const std::string text = Brevant::snapshotText(m());
+  const size_t timer = text.find("\ntimer\t") + 1;
+  const size_t end = text.find('\n', timer);
+  for (const char* line : {"timer\t1\tinf", "timer\tx\t5", "timer\t1", "timer\t1\t5\t6"}) {
+    SCOPED_TRACE(line);
+    EXPECT_THROW(Brevant::restoreNextHopManagerFromText(
+                     resealed(text.substr(0, timer) + line + text.substr(end))),
+                 SnapshotError);
+  }
 }
 
 TEST_F(WarmRestartTest, AManagerCaughtBetweenTwoDefragmentationRunsComesBackIdentical) {
