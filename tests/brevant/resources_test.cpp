@@ -47,23 +47,15 @@ void expectMatches(NextHopManager& m, const Tally& t, const std::string& step) {
   EXPECT_DOUBLE_EQ(res.longestCompactionRun(), t.longest);
 }
 
-// (seed, simulated bound or 0 for the full table, steps)
-class ResourcesRandomTest : public NextHopTableTest,
-                            public testing::WithParamInterface<std::tuple<unsigned, U16, int>> {
+class ResourcesRandomTest : public RandomTableTest {
  protected:
   void SetUp() override {
-    NextHopTableTest::SetUp();
-    Brevant::nextHopTrace().levelsIs(Trace::noLevels);
-    if (bound()) m().setSimulationMode(true, bound());
-    random_.seed(std::get<0>(GetParam()));
+    RandomTableTest::SetUp();
     for (U32 f = 0; f <= 4; ++f) {
       owners_.push_back(new RecordingOwner("owner" + std::to_string(f), FeatureType(f)));
       m().featuresIs(owners_.back());
     }
   }
-
-  U16 bound() const { return std::get<1>(GetParam()); }
-  U32 pick(U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random_); }
 
   std::vector<U16> groups() {
     std::vector<U16> ids;
@@ -172,7 +164,6 @@ class ResourcesRandomTest : public NextHopTableTest,
     m().setSimulationMode(!m().simMode(), bound());
   }
 
-  std::mt19937 random_;
   std::vector<Kiln::Ptr<RecordingOwner>> owners_;
   Tally tally_;
   bool stepping_ = false;
@@ -184,7 +175,7 @@ TEST_P(ResourcesRandomTest, EveryCounterEqualsItsRecountAfterEveryStep) {
     if (stepping_) clock_->advance(0.03);
   });
   expectMatches(m(), tally_, "start");
-  const int steps = std::get<2>(GetParam());
+  const int steps = this->steps();
   for (int step = 0; step < steps && !HasFatalFailure(); ++step) {
     stepping_ = false;
     const U32 op = pick(0, 99);
