@@ -256,8 +256,8 @@ bool writeHops(std::string& out, const ECMPGroup& group) {
   out.append("hops\tnextHops\t");
   appendNumber(out, count);
   out.append("\t");
-  for (U16 p = 0; p < count; ++p) {
-    const NextHopEntry entry = group.nextHops(p);
+  for (U32 p = 0; p < count; ++p) {
+    const NextHopEntry entry = group.nextHops(U16(p));
     if (p) out.append(" ");
     appendNumber(out, entry.hwIndex());
     out.append(entry.wide() ? ":1:" : ":0:");
