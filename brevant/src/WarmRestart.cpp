@@ -571,11 +571,11 @@ ParsedSnapshot parseSnapshot(std::string_view text) {
   const std::optional<U64> version = parseNumber(first.substr(blank + 1));
   if (!version) corrupt("bad format version");
   if (*version < oldestSnapshotFormatVersion || *version > snapshotFormatVersion) {
-    throw SnapshotError(Problem::otherVersion,
-                        "snapshot of format version " + std::to_string(*version) +
-                            "; this library reads versions " +
-                            std::to_string(oldestSnapshotFormatVersion) + " to " +
-                            std::to_string(snapshotFormatVersion));
+    throw SnapshotError(Problem::otherVersion, "snapshot of format version " +
+                                                   std::to_string(*version) +
+                                                   "; this library reads versions " +
+                                                   std::to_string(oldestSnapshotFormatVersion) +
+                                                   " to " + std::to_string(snapshotFormatVersion));
   }
   std::string_view lengthLine = headerLine("the length line");
   std::string_view checksumLine = headerLine("the checksum line");
@@ -656,8 +656,8 @@ void applyPoolLine(NextHopManager& manager, const TypedPool& pool, const MemberL
   if (!first || !last || *last > 0xFFFF) {
     corrupt("bad key " + std::string(m.firstKey) + " of " + std::string(pool.name));
   }
-  const U16 value = pool.boolean ? U16(Kiln::strepToValue<bool>(m.value))
-                                 : Kiln::strepToValue<U16>(m.value);
+  const U16 value =
+      pool.boolean ? U16(Kiln::strepToValue<bool>(m.value)) : Kiln::strepToValue<U16>(m.value);
   for (U64 k = *first; k <= *last; ++k) pool.store(manager, U16(k), value);
 }
 

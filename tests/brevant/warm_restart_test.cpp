@@ -64,8 +64,8 @@ std::string resealed(const std::string& text) {
   std::snprintf(checksum, sizeof checksum, "%016llx",
                 static_cast<unsigned long long>(Brevant::snapshotChecksum(body)));
   return "brevant-next-hop-snapshot " + std::to_string(Brevant::snapshotFormatVersion) +
-         "\nlength " + std::to_string(body.size()) +
-         "\nchecksum fnv1a-64w " + checksum + "\n" + body;
+         "\nlength " + std::to_string(body.size()) + "\nchecksum fnv1a-64w " + checksum + "\n" +
+         body;
 }
 
 class WarmRestartTest : public NextHopTableTest {
@@ -444,8 +444,7 @@ TEST_F(WarmRestartTest, AVersion1SnapshotIsReadWithItsFiguresRecounted) {
   text = resealed(text.substr(0, first) + text.substr(last));
   text.replace(0, text.find('\n'), "brevant-next-hop-snapshot 1");
   RestoreResult result;
-  Kiln::Ptr<NextHopManager> restored =
-      Brevant::restoreNextHopManagerFromText(text, {}, &result);
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManagerFromText(text, {}, &result);
   ASSERT_EQ(result.outcome, RestoreResult::Outcome::warm);
   expectSameRecords(*restored);
   // The figures are the table's; the history starts again.
@@ -511,7 +510,8 @@ TEST_F(WarmRestartTest, ThePoolsAreWrittenAsTheGenericRuleWritesThem) {
       }
     }
     const std::string text = Brevant::snapshotText(m());
-    for (const char* pool : {"allocatedEntries", "freeEntries", "freeGroupIds", "hwStartToGroupId"}) {
+    for (const char* pool :
+         {"allocatedEntries", "freeEntries", "freeGroupIds", "hwStartToGroupId"}) {
       EXPECT_EQ(snapshotMemberLines(text, pool), genericMemberLines(m(), pool)) << pool;
     }
     expectSameRecords(*roundTrip());
@@ -529,8 +529,7 @@ TEST_F(WarmRestartTest, NextHopsWithAMissingPositionFallBackToMemberLines) {
   // The chip still holds the word of the position the records lost.
   RestoreOptions options;
   options.policy = RestorePolicy::rewrite;
-  Kiln::Ptr<NextHopManager> restored =
-      Brevant::restoreNextHopManagerFromText(text, options);
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManagerFromText(text, options);
   expectSameRecords(*restored);
 }
 
