@@ -60,12 +60,25 @@ constexpr size_t maxRequestsPerInput = 64;
 
 // The operations a feature or the defragmenter's timer makes, and queries.
 const std::set<std::string, std::less<>> allowedOperations = {
-    "createECMPGroup", "deleteECMPGroup", "getECMPGroup", "addFeatureToGroup",
-    "updateECMPGroup", "updateNextHop", "readNextHop", "setSimulationMode",
-    "getNextHopTableBound", "getNextHopTableSwapIndex", "findAvailableBlock",
-    "findAvailableNarrowBlock", "findAvailableWideBlock", "initHandler",
-    "handleDefragInitialized", "startDefragScheduler", "handleDefragSchedulerTimeOut",
-    "defragment", "groupPlacement",
+    "createECMPGroup",
+    "deleteECMPGroup",
+    "getECMPGroup",
+    "addFeatureToGroup",
+    "updateECMPGroup",
+    "updateNextHop",
+    "readNextHop",
+    "setSimulationMode",
+    "getNextHopTableBound",
+    "getNextHopTableSwapIndex",
+    "findAvailableBlock",
+    "findAvailableNarrowBlock",
+    "findAvailableWideBlock",
+    "initHandler",
+    "handleDefragInitialized",
+    "startDefragScheduler",
+    "handleDefragSchedulerTimeOut",
+    "defragment",
+    "groupPlacement",
 };
 
 // Attributes that are settings: writing them keeps the table's invariants.
@@ -146,7 +159,8 @@ class Session {
       Kiln::Ptr<Kiln::PtrInterface> child = type.child(*current_, arg(1), arg(2));
       if (child) current_ = child;
     } else if (verb == "op") {
-      invoke(type, arg(1), std::vector<std::string>(f.begin() + std::min<size_t>(2, f.size()), f.end()));
+      invoke(type, arg(1),
+             std::vector<std::string>(f.begin() + std::min<size_t>(2, f.size()), f.end()));
     } else if (verb == "value") {
       const Kiln::TypeRecord* valueType = Kiln::typeRecord(arg(1));
       if (!valueType || valueType->kind() != Kiln::TypeKind::value) return;

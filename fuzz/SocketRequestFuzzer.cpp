@@ -65,8 +65,7 @@ bool mayWrite(std::string_view line) {
   std::istringstream words{std::string(line)};
   std::string first, second;
   words >> first >> second;
-  return first == "set" || first == "quit" ||
-         (first == "chip-timing" && !second.empty());
+  return first == "set" || first == "quit" || (first == "chip-timing" && !second.empty());
 }
 
 // The agent the inputs talk to, and its manager's records as they were

@@ -59,7 +59,8 @@ void recordRoundTrip(const Kiln::TypeRecord& record, std::string_view text) {
     return;
   }
   const std::string again = record.parseValue(written);
-  Fuzz::check(again == written, record.name() + ": '" + written + "' reads back as '" + again + "'");
+  Fuzz::check(again == written,
+              record.name() + ": '" + written + "' reads back as '" + again + "'");
   if (record.kind() != Kiln::TypeKind::value) return;
   for (const Kiln::AttributeRecord* attribute : record.attributes()) {
     if (attribute->kind == Kiln::AttributeKind::field ||
@@ -91,8 +92,7 @@ std::map<std::string, Parser, std::less<>> makeParsers() {
       {"Kiln::LinkQueueMetadata", scalarRoundTrip<Kiln::LinkQueueMetadata>},
   };
   for (const Kiln::TypeRecord* record : Kiln::typeRecords()) {
-    if (record->kind() == Kiln::TypeKind::value ||
-        record->kind() == Kiln::TypeKind::enumeration) {
+    if (record->kind() == Kiln::TypeKind::value || record->kind() == Kiln::TypeKind::enumeration) {
       parsers.emplace(record->name(),
                       [record](std::string_view text) { recordRoundTrip(*record, text); });
     }
@@ -106,8 +106,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::map<std::string, Parser, std::less<>> parsers = makeParsers();
   // The library's records register when it loads; without them the run
   // would fuzz the scalars only.
-  static const bool registered = Brevant::version() != nullptr &&
-                                 Kiln::typeRecord("Brevant::SwitchPort") != nullptr;
+  static const bool registered =
+      Brevant::version() != nullptr && Kiln::typeRecord("Brevant::SwitchPort") != nullptr;
   Fuzz::check(registered, "the library's value types are not registered");
   std::string_view text = Fuzz::inputText(data, size);
   const size_t newline = text.find('\n');
