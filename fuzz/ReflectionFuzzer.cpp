@@ -30,7 +30,10 @@
 //   manager's operations then assert on. Until then, operations run and the
 //   table is checked with the library's HitlessChecker after each one.
 //   The defragmenter's delay and budget are settings, not records.
-// - The table's internal steps (allocateBlock, freeBlock,
+// - The table's internal steps (the block finders findAvailableBlock,
+//   findAvailableNarrowBlock and findAvailableWideBlock, which expect an
+//   even length for a wide block and stop on a block at an odd index
+//   otherwise; allocateBlock, freeBlock,
 //   updateNextHopHWIndex, genECMPGroupId, addECMPGroupToTable,
 //   removeECMPGroupFromTable, moveECMPGroup, handleSimulationMode and the
 //   single compaction passes): they change records without the checks of
@@ -70,9 +73,6 @@ const std::set<std::string, std::less<>> allowedOperations = {
     "setSimulationMode",
     "getNextHopTableBound",
     "getNextHopTableSwapIndex",
-    "findAvailableBlock",
-    "findAvailableNarrowBlock",
-    "findAvailableWideBlock",
     "initHandler",
     "handleDefragInitialized",
     "startDefragScheduler",
