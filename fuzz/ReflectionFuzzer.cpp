@@ -33,11 +33,10 @@
 // - The table's internal steps (the block finders findAvailableBlock,
 //   findAvailableNarrowBlock and findAvailableWideBlock, which expect an
 //   even length for a wide block and stop on a block at an odd index
-//   otherwise; allocateBlock, freeBlock,
-//   updateNextHopHWIndex, genECMPGroupId, addECMPGroupToTable,
-//   removeECMPGroupFromTable, moveECMPGroup, handleSimulationMode and the
-//   single compaction passes): they change records without the checks of
-//   the operations that call them.
+//   otherwise; allocateBlock, freeBlock, updateNextHopHWIndex,
+//   genECMPGroupId, addECMPGroupToTable, removeECMPGroupFromTable,
+//   moveECMPGroup, handleSimulationMode and the single compaction passes):
+//   they trust the checks of the operations that call them.
 // - showFreeEntrySummary, whose argument is a file descriptor number.
 // - Constructing entities: a DefragManager without a manager is the
 //   "nhm != __null" assertion.
