@@ -9,60 +9,39 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <optional>
 #include <vector>
 
 #include "Brevant/NextHopAccess.h"
-#include "Brevant/NextHopManager.h"
-#include "Brevant/NextHopTrace.h"
 #include "Brevant/WarmRestart.h"
-#include "FmSim/FmSim.h"
-#include "Kiln/ActivityManager.h"
-#include "Kiln/Clock.h"
-#include "Kiln/Lock.h"
+#include "next_hop_table_setting.h"
 
 namespace {
 
+using namespace NextHopBenchmark;
 using Brevant::NextHopManager;
 
 constexpr U16 fullTableGroups = 8000;
 constexpr U16 groupSize = 8;
 
-// The activity lock held, a fresh simulated chip, a manual clock, traces off,
-// and a manager holding the full table.
+// The full table, in the setting of every next-hop table benchmark.
 class FullTable {
  public:
-  FullTable() : levels_(Brevant::nextHopTrace().levels()) {
-    FmSim::reset();
-    Kiln::ActivityManager::instance().clockIs(new Kiln::ManualClock(0));
-    Brevant::nextHopTrace().levelsIs(Trace::noLevels);
-    activity_.emplace();
-    manager_ = new NextHopManager();
+  FullTable() : manager_(new NextHopManager()) {
     for (U32 g = 0; g < fullTableGroups; ++g) {
-      Brevant::U64Collection words;
-      for (U16 p = 0; p < groupSize; ++p) words.dataIs(p, (U64(g) << 16) + p);
+      const Brevant::U64Collection words = wordRun(groupSize, U64(g) << 16);
       manager_->createECMPGroup(0, false, true, groupSize, words, words,
                                 Brevant::RoutingUnicastFeature, false);
     }
   }
-  ~FullTable() {
-    manager_ = nullptr;
-    activity_.reset();
-    Brevant::nextHopTrace().levelsIs(levels_);
-    FmSim::reset();
-  }
   NextHopManager& manager() { return *manager_; }
 
  private:
-  Trace::LevelMask levels_;
-  std::optional<Kiln::ActivityLockGuard> activity_;
+  // Declared first: built before the manager, given back after it.
+  TableSetting setting_;
   Kiln::Ptr<NextHopManager> manager_;
 };
 
-void perGroup(benchmark::State& state) {
-  state.counters["perGroup"] = benchmark::Counter(
-      fullTableGroups, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
-}
+void perGroup(benchmark::State& state) { perItem(state, "perGroup", fullTableGroups); }
 
 // Baseline: every group's block read back through the chip API.
 void WarmRestartBaselineReadGroups(benchmark::State& state) {

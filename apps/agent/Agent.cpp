@@ -258,7 +258,8 @@ AgentSimulation::AgentSimulation(AgentConfig config) : config_(std::move(config)
   // The socket first: if it cannot be served, nothing else has changed.
   if (config_.socketPath) {
     server_ = std::make_unique<DiagnosticServer>(
-        *config_.socketPath, [this](const std::string& request, int fd) { answer(request, fd); });
+        *config_.socketPath, [this](const std::string& request, int fd) { answer(request, fd); },
+        config_.socketIdleTimeout);
   }
   interrupted = false;
   watch_ = std::make_shared<StopWatch>([this] { return agentTime(); },
@@ -1062,8 +1063,19 @@ const std::vector<AgentSimulation::RequestHandler>& AgentSimulation::requestHand
          const size_t blank = rest.find(' ');
          if (blank == std::string::npos) throw RequestError("set takes a path and a value");
          const std::string path = rest.substr(0, blank);
-         pathSet(*a.state_, path, rest.substr(rest.find_first_not_of(' ', blank)));
+         SetChecks checks;
+         checks.tableGeometry = [&a](std::optional<U16> simBound) { a.tableGeometryIs(simBound); };
+         pathSet(*a.state_, path, rest.substr(rest.find_first_not_of(' ', blank)), checks);
          writeAll(fd, withNewline(pathGet(*a.state_, path)));
+       }},
+      {"list", false,
+       [](AgentSimulation& a, const std::string&, int fd) {
+         writeAll(fd, pathList(*a.state_, ""));
+       }},
+      {"list", true,
+       [](AgentSimulation& a, const std::string& rest, int fd) {
+         if (rest.find(' ') != std::string::npos) throw RequestError("list takes one path");
+         writeAll(fd, pathList(*a.state_, rest));
        }},
       {"show resources", false,
        [](AgentSimulation& a, const std::string&, int fd) {
@@ -1104,6 +1116,18 @@ const std::vector<AgentSimulation::RequestHandler>& AgentSimulation::requestHand
        }},
   };
   return handlers;
+}
+
+void AgentSimulation::tableGeometryIs(std::optional<U16> simBound) {
+  // The workload was checked against the swap area it started with; a
+  // smaller one must still hold every group the workload creates.
+  const std::vector<WorkloadError> unfit =
+      unfitRequests(config_.workload, swapAreaEntries(simBound));
+  if (!unfit.empty()) {
+    throw RequestError(std::string("the workload does not fit that table: ") +
+                       unfit.front().what());
+  }
+  config_.simBound = simBound;
 }
 
 std::string AgentSimulation::chipTimingText() {

@@ -19,6 +19,7 @@
 #include "Brevant/HitlessChecker.h"
 #include "Brevant/NextHopManager.h"
 #include "CommandLine.h"
+#include "DiagnosticSocket.h"
 #include "FmSim/FmSim.h"
 #include "Kiln/Clock.h"
 #include "Report.h"
@@ -47,6 +48,9 @@ struct AgentConfig {
   bool referenceBehaviour = false;
   // Serve the diagnostic socket here while the agent runs.
   std::optional<std::string> socketPath;
+  // A socket connection that sends no complete request for this long (real
+  // time) is closed.
+  Kiln::Seconds socketIdleTimeout = defaultIdleTimeout;
   // After the workload, keep serving until quit (request or signal).
   bool serve = false;
   // A progress line on stderr, every progressEvery seconds of wall time:
@@ -154,6 +158,10 @@ class AgentSimulation {
   struct RequestHandler;
   // The requests of the diagnostic socket.
   static const std::vector<RequestHandler>& requestHandlers();
+  // Accepts a change of the table to simulation mode with that bound
+  // (absent: the full table) when the workload still fits it; throws
+  // RequestError otherwise.
+  void tableGeometryIs(std::optional<U16> simBound);
   static std::string chipTimingText();
   class Retrier;
   class Restarter;

@@ -20,10 +20,11 @@ class ArgumentReader {
   explicit ArgumentReader(const std::vector<std::string>& args) : args_(args) {}
 
   bool done() const { return at_ >= args_.size(); }
-  // The next argument; only when !done().
-  const std::string& next() { return args_[at_++]; }
+  // The next argument; only when !done() (checked: a parser that asks
+  // beyond the end throws instead of reading past it).
+  const std::string& next() { return args_.at(at_++); }
   // The next argument without taking it; only when !done().
-  const std::string& peek() const { return args_[at_]; }
+  const std::string& peek() const { return args_.at(at_); }
 
   // The value after option `name`.
   const std::string& value(const std::string& name) {
@@ -121,6 +122,12 @@ const std::vector<RunOption>& runOptions() {
        [](ArgumentReader& in, const std::string& name, RunOptions& run) {
          run.socketPath = in.value(name);
        }},
+      {"--socket-idle-timeout", "SECONDS",
+       "close a socket connection that sends no complete request for SECONDS of real time "
+       "(default 10)",
+       [](ArgumentReader& in, const std::string& name, RunOptions& run) {
+         run.socketIdleTimeout = in.number<double>(name, 0.01, 86400);
+       }},
       {"--serve", "", "keep running after the workload (SIGINT, SIGTERM or quit end it)",
        [](ArgumentReader&, const std::string&, RunOptions& run) { run.serve = true; }},
       {"--progress", "",
@@ -203,6 +210,12 @@ CommandLine parseClient(ArgumentReader& in) {
 
 }  // namespace
 
+std::vector<std::string> argumentsOf(int argc, const char* const* argv) {
+  std::vector<std::string> args;
+  for (int i = 1; i < argc && argv[i]; ++i) args.emplace_back(argv[i]);
+  return args;
+}
+
 CommandLine parseCommandLine(const std::vector<std::string>& args) {
   ArgumentReader in(args);
   if (!in.done() && (in.peek() == "--help" || in.peek() == "-h")) return helpFor({});
@@ -253,7 +266,7 @@ std::string usageText(const std::string& topic) {
     text +=
         "\nrequests: show free-entries | show resources | show group ID | get PATH | set PATH "
         "VALUE | status | help | quit\n"
-        "          show restart | save\n";
+        "          list [PATH] | show restart | save | chip-timing [CALL WORD]\n";
   }
   return text;
 }

@@ -40,6 +40,9 @@ struct RunOptions {
   std::optional<std::string> svgFile;
   // Serve the diagnostic socket here.
   std::optional<std::string> socketPath;
+  // Close a socket connection idle this long (real time); absent: the
+  // server's default.
+  std::optional<Kiln::Seconds> socketIdleTimeout;
   // Keep running after the workload until stopped (signal or quit request).
   bool serve = false;
   // Progress line: when absent, shown exactly when stderr is a terminal.
@@ -72,6 +75,10 @@ struct CommandLine {
   RunOptions run;
   ClientOptions client;
 };
+
+// The arguments after the program name. A process may be started with no
+// argument at all, not even its name (argc 0): then there are none.
+std::vector<std::string> argumentsOf(int argc, const char* const* argv);
 
 // Parses the arguments after the program name. Throws UsageError.
 CommandLine parseCommandLine(const std::vector<std::string>& args);

@@ -10,9 +10,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <cstdio>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -122,6 +125,75 @@ bool writeAll(int fd, const std::string& text) {
   return true;
 }
 
+class DiagnosticServer::IdleWatch {
+ public:
+  explicit IdleWatch(Kiln::Seconds timeout) : timeout_(timeout), thread_([this] { watch(); }) {}
+  ~IdleWatch() {
+    {
+      std::lock_guard<std::mutex> hold(mutex_);
+      stopping_ = true;
+    }
+    wake_.notify_one();
+    thread_.join();
+  }
+  IdleWatch(const IdleWatch&) = delete;
+  IdleWatch& operator=(const IdleWatch&) = delete;
+
+  // fd opened or received bytes: its idle time starts again.
+  void activity(int fd) {
+    std::lock_guard<std::mutex> hold(mutex_);
+    if (!expired_.count(fd)) since_[fd] = monotonicNow();
+  }
+  // fd is answered or closed: no longer watched. Called before the loop
+  // closes fd, so that the watch never shuts down a reused number.
+  void forget(int fd) {
+    std::lock_guard<std::mutex> hold(mutex_);
+    since_.erase(fd);
+    expired_.erase(fd);
+  }
+  // True when the watch has shut fd down for idleness.
+  bool expired(int fd) const {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return expired_.count(fd) != 0;
+  }
+  U64 closed() const {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return closed_;
+  }
+
+ private:
+  void watch() {
+    std::unique_lock<std::mutex> hold(mutex_);
+    while (!stopping_) {
+      const double now = monotonicNow();
+      double next = now + timeout_;
+      for (const auto& [fd, since] : since_) {
+        if (expired_.count(fd)) continue;
+        if (now - since >= timeout_) {
+          // Ending the receiving side wakes the loop, which answers with an
+          // error line and closes; the descriptor stays open until then,
+          // and forget() comes first, so the number is never a reused one.
+          expired_.insert(fd);
+          shutdown(fd, SHUT_RD);
+          ++closed_;
+        } else {
+          next = std::min(next, since + timeout_);
+        }
+      }
+      wake_.wait_for(hold, std::chrono::duration<double>(next - now));
+    }
+  }
+
+  const Kiln::Seconds timeout_;
+  mutable std::mutex mutex_;
+  std::condition_variable wake_;
+  bool stopping_ = false;
+  std::map<int, double> since_;
+  std::set<int> expired_;
+  U64 closed_ = 0;
+  std::thread thread_;
+};
+
 class DiagnosticServer::Listener : public Kiln::FdNotifiee {
  public:
   Listener(DiagnosticServer& server, int fd) : FdNotifiee(fd), server_(server) {}
@@ -143,6 +215,8 @@ class DiagnosticServer::Connection : public Kiln::FdNotifiee {
   Connection(DiagnosticServer& server, int fd) : FdNotifiee(fd), server_(server) {}
 
   void onReadable() override {
+    // Ended for idleness: whatever it sent is not a request.
+    if (server_.idleWatch_->expired(fd())) return server_.refuseIdle(*this);
     char chunk[4096];
     for (;;) {
       const ssize_t n = read(fd(), chunk, sizeof(chunk));
@@ -152,8 +226,11 @@ class DiagnosticServer::Connection : public Kiln::FdNotifiee {
         return;
       }
       if (n == 0) {
-        // The client ended its side: what it sent is the request, if any.
-        if (buffer_.empty()) {
+        // The client ended its side: what it sent is the request, if any;
+        // an end made by the idle watch (even while this read ran) is not.
+        if (server_.idleWatch_->expired(fd())) {
+          server_.refuseIdle(*this);
+        } else if (buffer_.empty()) {
           server_.close(*this);
         } else {
           complete(buffer_);
@@ -161,6 +238,7 @@ class DiagnosticServer::Connection : public Kiln::FdNotifiee {
         return;
       }
       buffer_.append(chunk, static_cast<size_t>(n));
+      server_.idleWatch_->activity(fd());
       const size_t newline = buffer_.find('\n');
       if (newline != std::string::npos) {
         complete(buffer_.substr(0, newline));
@@ -189,8 +267,13 @@ class DiagnosticServer::Connection : public Kiln::FdNotifiee {
   std::string buffer_;
 };
 
-DiagnosticServer::DiagnosticServer(const std::string& path, Handler handler)
+DiagnosticServer::DiagnosticServer(const std::string& path, Handler handler,
+                                   Kiln::Seconds idleTimeout)
     : path_(path), handler_(std::move(handler)) {
+  if (!(idleTimeout > 0) || !std::isfinite(idleTimeout)) {
+    throw SocketError("idle timeout must be a finite time above 0 s, not " +
+                      std::to_string(idleTimeout));
+  }
   // A client that goes away while its answer is written must not end the
   // agent: writes to its socket then fail with EPIPE instead.
   signal(SIGPIPE, SIG_IGN);
@@ -210,11 +293,14 @@ DiagnosticServer::DiagnosticServer(const std::string& path, Handler handler)
     if (bound == 0) unlink(path.c_str());
     fail("cannot serve " + path, error);
   }
+  idleTimeout_ = idleTimeout;
+  idleWatch_ = std::make_unique<IdleWatch>(idleTimeout);
   listener_ = new Listener(*this, listenFd_);
   Kiln::ActivityManager::instance().fdNotifieeIs(listener_);
 }
 
 DiagnosticServer::~DiagnosticServer() {
+  idleWatch_.reset();
   Kiln::ActivityManager& manager = Kiln::ActivityManager::instance();
   for (int fd : openFds_) {
     manager.fdNotifieeDel(fd);
@@ -233,12 +319,17 @@ void DiagnosticServer::accepted(int fd) {
     return;
   }
   openFds_.insert(fd);
+  idleWatch_->activity(fd);
   Kiln::ActivityManager::instance().fdNotifieeIs(new Connection(*this, fd));
 }
+
+U64 DiagnosticServer::idleClosed() const { return idleWatch_->closed(); }
 
 void DiagnosticServer::answer(Connection& connection, const std::string& request) {
   ++requests_;
   const int fd = connection.fd();
+  // Busy, not idle: the answer has a deadline of its own.
+  idleWatch_->forget(fd);
   // The answer is written with blocking writes, so that an answer larger
   // than the socket buffer still goes out whole to a client that reads it;
   // a client that stops reading holds the loop for at most answerTimeout.
@@ -257,13 +348,21 @@ void DiagnosticServer::answer(Connection& connection, const std::string& request
 
 void DiagnosticServer::refuse(Connection& connection, const std::string& reason) {
   ++refusals_;
+  idleWatch_->forget(connection.fd());
   writeAll(connection.fd(), "error: " + reason + "\n");
   close(connection);
+}
+
+void DiagnosticServer::refuseIdle(Connection& connection) {
+  char reason[96];
+  std::snprintf(reason, sizeof(reason), "no complete request within %g s", idleTimeout_);
+  refuse(connection, reason);
 }
 
 void DiagnosticServer::close(Connection& connection) {
   const int fd = connection.fd();
   openFds_.erase(fd);
+  idleWatch_->forget(fd);
   // Unregistered before the descriptor is closed, so that the loop never
   // polls a closed (or reused) number for this connection.
   Kiln::ActivityManager::instance().fdNotifieeDel(fd);

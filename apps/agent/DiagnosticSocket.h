@@ -8,10 +8,12 @@
 // too long, that holds a control character, or that the handler refuses is
 // answered with one line starting "error: ". Nothing a client sends can stop
 // or stall the agent: connections are read without blocking, and an answer
-// that the client does not read is cut off after answerTimeout.
+// that the client does not read is cut off after answerTimeout, and a
+// connection that sends no complete line is closed after its idle timeout.
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -31,6 +33,12 @@ constexpr Kiln::Seconds answerTimeout = 2.0;
 
 // Most connections open at once; more are answered with an error and closed.
 constexpr size_t maxConnections = 16;
+
+// Default longest time a connection may stay open without completing its
+// request line; it is then answered with an error line and closed, so that
+// idle clients cannot hold the connection limit. Real (monotonic) time, not agent time: a
+// manual clock may stand still or jump hours while a client waits.
+constexpr Kiln::Seconds defaultIdleTimeout = 10.0;
 
 // Writes the whole text to fd (retrying short writes); returns false when the
 // descriptor fails.
@@ -54,7 +62,10 @@ class DiagnosticServer {
   // process that is gone is replaced; a live one, or a path holding another
   // kind of file, is refused with SocketError, as is a path too long for a
   // socket address.
-  DiagnosticServer(const std::string& path, Handler handler);
+  // A connection that has not completed its request line idleTimeout
+  // seconds (real time) after it opened or last sent a byte is closed.
+  DiagnosticServer(const std::string& path, Handler handler,
+                   Kiln::Seconds idleTimeout = defaultIdleTimeout);
   // Stops serving: closes every connection and the socket and removes the
   // socket file.
   ~DiagnosticServer();
@@ -65,20 +76,25 @@ class DiagnosticServer {
   // Requests handed to the handler.
   U64 requests() const { return requests_; }
   // Requests answered with an error line by the server itself (too long,
-  // malformed, too many connections).
+  // malformed, too many connections, no complete request in time).
   U64 refusals() const { return refusals_; }
   // Connections open now.
   size_t connections() const { return openFds_.size(); }
+  // Connections closed because they stayed idle too long.
+  U64 idleClosed() const;
 
  private:
   class Listener;
   class Connection;
+  class IdleWatch;
   friend class Listener;
   friend class Connection;
 
   void accepted(int fd);
   void answer(Connection& connection, const std::string& request);
   void refuse(Connection& connection, const std::string& reason);
+  // Refuses a connection the idle watch has ended.
+  void refuseIdle(Connection& connection);
   void close(Connection& connection);
 
   std::string path_;
@@ -87,6 +103,10 @@ class DiagnosticServer {
   Kiln::Ptr<Listener> listener_;
   // The descriptors of the open connections, each registered with the loop.
   std::set<int> openFds_;
+  // Shuts idle connections down from a thread of its own, so that it works
+  // while the loop waits in poll.
+  std::unique_ptr<IdleWatch> idleWatch_;
+  Kiln::Seconds idleTimeout_ = defaultIdleTimeout;
   U64 requests_ = 0;
   U64 refusals_ = 0;
 };

@@ -15,10 +15,20 @@
 //   nextHopManager.defragManager.defragDelay
 //   nextHopManager.ecmpGroups[3].hwStartIndex
 //   nextHopManager.freeGroupIds
+//
+// `trace.NAME` is the levels of trace handle NAME ("1-4,8", "all", "none"),
+// and `trace` lists the handles: the state has no attribute of that name.
+//
+// Only attributes that the schema declares `settable` can be set, each with
+// a range check of its own (settings()); everything else is refused with the
+// type's and the attribute's names, and nothing changes.
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "Brevant/NextHopManager.h"
 #include "Kiln/Ptr.h"
@@ -37,9 +47,39 @@ class RequestError : public std::runtime_error {
 // passes on the reflective interface's exceptions.
 std::string pathGet(Kiln::PtrInterface& root, const std::string& path);
 
-// Stores value (in the attribute's text form) at path: a scalar through its
-// generated mutator, a collection member through its xIs(key, value).
-void pathSet(Kiln::PtrInterface& root, const std::string& path, const std::string& value);
+// What the caller of pathSet checks beyond an attribute's own range. A
+// change of the table's geometry (simulation mode or its bound) is shown the
+// bound the table would then have (absent: the full table) before anything
+// changes; it throws RequestError to refuse the change.
+struct SetChecks {
+  std::function<void(std::optional<U16> simBound)> tableGeometry;
+};
+
+// Stores value (in the attribute's text form) at path when the attribute is
+// settable and the value within its range; throws RequestError, changing
+// nothing, otherwise.
+void pathSet(Kiln::PtrInterface& root, const std::string& path, const std::string& value,
+             const SetChecks& checks = {});
+
+// The attributes of the entity at path (empty: the root), one aligned line
+// each: name, kind, value type, and whether it can be set; `trace` lists
+// the trace handles. Throws RequestError for a path that leads nowhere.
+std::string pathList(Kiln::PtrInterface& root, const std::string& path);
+
+// One settable attribute: the values it takes, and how a value is checked
+// and written (through the owner's own operations where a plain store would
+// not keep the table consistent).
+struct Setting {
+  const char* typeName;
+  const char* attribute;
+  const char* range;
+  void (*write)(Kiln::PtrInterface& owner, const Setting& setting, const std::string& value,
+                const SetChecks& checks);
+};
+
+// Every attribute the socket can set; each schema attribute declared
+// `settable` has exactly one entry.
+const std::vector<Setting>& settings();
 
 // Returns a group and its next hops as the chip holds them (read back with
 // readNextHop), one line per next hop; a word that differs from the group's

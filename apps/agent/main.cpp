@@ -75,6 +75,7 @@ Agent::AgentConfig configFor(const Agent::RunOptions& options) {
   config.watermarks = options.watermarks;
   config.manualClock = options.manualClock;
   config.socketPath = options.socketPath;
+  if (options.socketIdleTimeout) config.socketIdleTimeout = *options.socketIdleTimeout;
   config.serve = options.serve;
   // On a terminal the progress line is redrawn in place; otherwise (a log)
   // a run on the real clock writes one line a minute, and a manual-clock
@@ -163,8 +164,7 @@ int client(const Agent::ClientOptions& options) {
 
 int main(int argc, char** argv) {
   try {
-    const Agent::CommandLine line =
-        Agent::parseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
+    const Agent::CommandLine line = Agent::parseCommandLine(Agent::argumentsOf(argc, argv));
     switch (line.command) {
       case Agent::CommandLine::Command::version:
         std::cout << "brevant-agent " << Brevant::version() << '\n';

@@ -4,6 +4,7 @@
 
 #include "BlankManagerConstruction.h"
 #include "Brevant/DefragManager.h"
+#include "Brevant/ECMPGroup.h"
 #include "Brevant/NextHopAccess.h"
 #include "Brevant/NextHopTrace.h"
 
@@ -110,8 +111,46 @@ void NextHopManager::handleSimulationMode() {
   refreshResources();
 }
 
+namespace {
+
+// The smallest simulated bound taken when hardened: the reserved entries,
+// a narrow region and the swap area.
+constexpr U16 minHardenedSimBound = 16;
+
+// Hardened: why a simulated bound would leave the pools, the regions or
+// the wide blocks' even starts inconsistent, or null when it would not.
+const char* simulationBoundRefusal(NextHopManager& m, bool mode, U16 size) {
+  if (m.simMode()) {
+    // Entering trimmed the pools at the current bound, and leaving gives
+    // back what lies from the given bound up.
+    if (size != m.simNextHopTableBound()) return "the pools were trimmed at the current bound";
+    return nullptr;
+  }
+  if (!mode) return nullptr;
+  if (size % 2 != 0) return "an odd bound puts the swap index at an odd index";
+  if (size < minHardenedSimBound || size > tableBound) return "the bound is out of range";
+  const U32 swapIndex = size - simSwapEntries;
+  for (const auto& member : m.ecmpGroups()) {
+    const ECMPGroup& g = *member.value();
+    const U32 entries = g.wide() ? 2u * g.size() : g.size();
+    if (entries > 0 && g.hwStartIndex() + entries > swapIndex) {
+      return "a group lies at or above its swap index";
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
 void NextHopManager::setSimulationMode(bool mode, U16 size) {
   NH_TRACE(8, "Setting simMode to " << mode);
+  if (hardened_) {
+    if (const char* why = simulationBoundRefusal(*this, mode, size)) {
+      NH_TRACE(1,
+               "Simulation mode " << mode << " with table bound " << size << " refused: " << why);
+      return;
+    }
+  }
   simNextHopTableBoundIs(size);
   simModeIs(mode);
 }

@@ -154,6 +154,25 @@ void NextHopManager::refreshResources() {
   r.checkWatermarks();
 }
 
+void NextHopManager::recountResources() {
+  // The restore stores the pools through their accessors, which the free-run
+  // tree does not hear, and places no group through the table's operations.
+  freeRuns = FreeRunTree();
+  for (const auto& member : freeEntries_) {
+    if (member.value()) freeRuns.entryIs(member.key(), true);
+  }
+  freeRuns.shortLengthIs(resources_->largestGroupSeen());
+  U32 narrowGroups = 0, wideGroups = 0;
+  for (const auto& placed : hwStartToGroupId_) {
+    const Kiln::Ptr<ECMPGroup> group = ecmpGroups(placed.value());
+    if (group) ++(group->wide() ? wideGroups : narrowGroups);
+  }
+  resources_->narrowGroupsIs(narrowGroups);
+  resources_->wideGroupsIs(wideGroups);
+  resourcesPublishedFor = {};
+  refreshResources();
+}
+
 S32 NextHopManager::createRefused(S32 code) {
   resources_->createsRefusedIs(code, resources_->createsRefused(code) + 1);
   return code;

@@ -9,16 +9,21 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <numeric>
 #include <optional>
 
 #include "BlankManagerConstruction.h"
 #include "Brevant/DefragManager.h"
 #include "Brevant/NextHopAccess.h"
+#include "Brevant/NextHopResources.h"
 #include "Brevant/NextHopTrace.h"
+#include "Kiln/ActivityManager.h"
+#include "Kiln/Strep.h"
 #include "Kiln/TypeRecord.h"
 
 namespace Brevant {
@@ -51,6 +56,21 @@ constexpr U64 fnvPrime = 0x100000001b3ull;
 U64 fnv1aWords(const U64* words, size_t count, U64 hash = fnvOffset) {
   for (size_t i = 0; i < count; ++i) hash = (hash ^ words[i]) * fnvPrime;
   return hash;
+}
+
+// A time on the activity clock, written so that it reads back exactly.
+std::string timeText(double seconds) {
+  char text[32];
+  const auto [end, ec] = std::to_chars(text, text + sizeof text, seconds);
+  return std::string(text, end);
+}
+
+std::optional<double> parseTime(std::string_view text) {
+  double v = 0;
+  const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
+  if (ec != std::errc() || end != text.data() + text.size() || text.empty() || !std::isfinite(v))
+    return std::nullopt;
+  return v;
 }
 
 std::string hex16(U64 v) {
@@ -148,38 +168,187 @@ void writeMembers(std::string& out, const std::string& name,
   }
 }
 
-void writeObject(std::string& out, const Kiln::PtrInterface& o, const Kiln::TypeRecord& type) {
-  const std::vector<const Kiln::AttributeRecord*> attrs = type.attributes();
-  for (const Kiln::AttributeRecord* a : attrs) {
-    if (a->kind == Kiln::AttributeKind::scalar || a->kind == Kiln::AttributeKind::counter ||
-        a->kind == Kiln::AttributeKind::queueMetadata) {
-      out.append("attr\t").append(a->name).append("\t").append(type.get(o, a->index)).append("\n");
-    }
+// ---- The collections a full table holds by the tens of thousands go
+// through their typed accessors: the generic rule would build (and parse
+// back) a key text and a value text for every member. The manager's pools
+// keep the generic lines (runs of one value text); a group's next hops go on
+// one hops line of plain numbers.
+
+void appendNumber(std::string& out, U64 v, int base = 10) {
+  char digits[24];
+  const auto [end, ec] = std::to_chars(digits, digits + sizeof digits, v, base);
+  out.append(digits, end);
+}
+
+// A collection of the manager with U16 keys and bool or U16 values.
+struct TypedPool {
+  std::string_view name;
+  // Sets values[key] to the value of every member.
+  void (*read)(const NextHopManager& manager, std::vector<S32>& values);
+  // Stores one member through the generated mutator.
+  void (*store)(NextHopManager& manager, U16 key, U16 value);
+  bool boolean;  // bool values, else U16
+};
+
+template <class Map>
+void valuesByKey(const Map& map, std::vector<S32>& values) {
+  for (const auto& m : map) values[m.key()] = S32(m.value());
+}
+
+const TypedPool typedPools[] = {
+    {"allocatedEntries",
+     [](const NextHopManager& m, std::vector<S32>& v) { valuesByKey(m.allocatedEntries(), v); },
+     [](NextHopManager& m, U16 key, U16 value) { m.allocatedEntriesIs(key, value != 0); }, true},
+    {"freeEntries",
+     [](const NextHopManager& m, std::vector<S32>& v) { valuesByKey(m.freeEntries(), v); },
+     [](NextHopManager& m, U16 key, U16 value) { m.freeEntriesIs(key, value != 0); }, true},
+    {"freeGroupIds",
+     [](const NextHopManager& m, std::vector<S32>& v) { valuesByKey(m.freeGroupIds(), v); },
+     [](NextHopManager& m, U16 key, U16 value) { m.freeGroupIdsIs(key, value != 0); }, true},
+    {"hwStartToGroupId",
+     [](const NextHopManager& m, std::vector<S32>& v) { valuesByKey(m.hwStartToGroupId(), v); },
+     [](NextHopManager& m, U16 key, U16 value) { m.hwStartToGroupIdIs(key, value); }, false},
+};
+
+// The typed pool of o's attribute, or null when o is no manager or the
+// attribute is not one of them.
+const TypedPool* typedPool(const Kiln::PtrInterface& o, std::string_view attribute) {
+  if (&o.fwkType() != &NextHopManager::kilnType()) return nullptr;
+  for (const TypedPool& pool : typedPools) {
+    if (pool.name == attribute) return &pool;
   }
-  for (const Kiln::AttributeRecord* a : attrs) {
-    if (isCollection(a->kind) && !ownedRecordType(type, *a) && !isNamedEntity(type, *a)) {
-      writeMembers(out, a->name, type.members(o, a->index));
+  return nullptr;
+}
+
+std::string poolValueText(const TypedPool& pool, S32 value) {
+  return pool.boolean ? Kiln::valueToStrep(value != 0) : Kiln::valueToStrep(U16(value));
+}
+
+// The lines writeMembers writes for the pool, in ascending key order.
+void writePool(std::string& out, const TypedPool& pool, const NextHopManager& manager) {
+  std::vector<S32> values(0x10000, -1);
+  pool.read(manager, values);
+  for (U32 key = 0; key < values.size();) {
+    if (values[key] < 0) {
+      ++key;
+      continue;
     }
-  }
-  for (const Kiln::AttributeRecord* a : attrs) {
-    const Kiln::TypeRecord* held = ownedRecordType(type, *a);
-    if (!held) continue;
-    std::vector<std::string> keys;
-    if (isCollection(a->kind)) {
-      for (const Kiln::MemberText& m : type.members(o, a->index)) keys.push_back(m.first);
-    } else {
-      keys.push_back("");
-    }
-    for (const std::string& key : keys) {
-      Kiln::Ptr<Kiln::PtrInterface> child = type.child(o, a->name, key);
-      if (!child) continue;
-      out.append("child\t").append(a->name).append("\t").append(key).append("\t");
-      out.append(held->name()).append("\n");
-      writeObject(out, *child, *held);
-      out.append("end\n");
-    }
+    U32 last = key;
+    while (last + 1 < values.size() && values[last + 1] == values[key]) ++last;
+    out.append(last > key ? "run\t" : "member\t").append(pool.name).append("\t");
+    appendNumber(out, key);
+    if (last > key) appendNumber(out.append("\t"), last);
+    out.append("\t").append(poolValueText(pool, values[key])).append("\n");
+    key = last + 1;
   }
 }
+
+// A group's next hops on one line when their positions are 0 .. count - 1:
+//   hops <TAB> nextHops <TAB> count <TAB> hwIndex:wide:data:wideData ...
+// one item per position in order, wide 0 or 1, the words in hex. Returns
+// false (and writes nothing) for other positions.
+bool writeHops(std::string& out, const ECMPGroup& group) {
+  const U32 count = group.nextHops().members();
+  if (count == 0) return false;
+  for (const auto& m : group.nextHops()) {
+    if (m.key() >= count) return false;  // distinct keys below count: all of 0 .. count - 1
+  }
+  out.append("hops\tnextHops\t");
+  appendNumber(out, count);
+  out.append("\t");
+  for (U32 p = 0; p < count; ++p) {
+    const NextHopEntry entry = group.nextHops(U16(p));
+    if (p) out.append(" ");
+    appendNumber(out, entry.hwIndex());
+    out.append(entry.wide() ? ":1:" : ":0:");
+    appendNumber(out, entry.data(), 16);
+    out.append(":");
+    appendNumber(out, entry.wideData(), 16);
+  }
+  out.append("\n");
+  return true;
+}
+
+// What an object of one type contributes, worked out once per snapshot
+// (thousands of groups share one type).
+struct TypePlan {
+  std::vector<const Kiln::AttributeRecord*> scalars;
+  std::vector<const Kiln::AttributeRecord*> valueCollections;
+  // Attributes holding records the object owns, with their records' type.
+  std::vector<std::pair<const Kiln::AttributeRecord*, const Kiln::TypeRecord*>> owned;
+};
+
+class SnapshotWriter {
+ public:
+  explicit SnapshotWriter(std::string& out) : out_(out) {}
+
+  // An object of its own (not held by an attribute of another).
+  void writeTopObject(const Kiln::PtrInterface& o, const Kiln::TypeRecord& type) {
+    out_.append("object\t").append(type.name()).append("\n");
+    writeObject(o, type);
+    out_.append("end\n");
+  }
+
+ private:
+  const TypePlan& plan(const Kiln::TypeRecord& type) {
+    auto [it, added] = plans_.try_emplace(&type);
+    if (!added) return it->second;
+    TypePlan& plan = it->second;
+    for (const Kiln::AttributeRecord* a : type.attributes()) {
+      if (a->kind == Kiln::AttributeKind::scalar || a->kind == Kiln::AttributeKind::counter ||
+          a->kind == Kiln::AttributeKind::queueMetadata) {
+        plan.scalars.push_back(a);
+      } else if (const Kiln::TypeRecord* held = ownedRecordType(type, *a)) {
+        plan.owned.emplace_back(a, held);
+      } else if (isCollection(a->kind) && !isNamedEntity(type, *a)) {
+        plan.valueCollections.push_back(a);
+      }
+    }
+    return plan;
+  }
+
+  void writeObject(const Kiln::PtrInterface& o, const Kiln::TypeRecord& type) {
+    const TypePlan& p = plan(type);
+    for (const Kiln::AttributeRecord* a : p.scalars) {
+      out_.append("attr\t").append(a->name).append("\t").append(type.get(o, a->index));
+      out_.append("\n");
+    }
+    for (const Kiln::AttributeRecord* a : p.valueCollections) {
+      if (!writeTyped(o, type, *a)) writeMembers(out_, a->name, type.members(o, a->index));
+    }
+    for (const auto& [a, held] : p.owned) {
+      std::vector<std::string> keys;
+      if (isCollection(a->kind)) {
+        for (const Kiln::MemberText& m : type.members(o, a->index)) keys.push_back(m.first);
+      } else {
+        keys.push_back("");
+      }
+      for (const std::string& key : keys) {
+        Kiln::Ptr<Kiln::PtrInterface> child = type.child(o, a->name, key);
+        if (!child) continue;
+        out_.append("child\t").append(a->name).append("\t").append(key).append("\t");
+        out_.append(held->name()).append("\n");
+        writeObject(*child, *held);
+        out_.append("end\n");
+      }
+    }
+  }
+
+  // Writes the collections that go through their typed accessors; returns
+  // false for every other.
+  bool writeTyped(const Kiln::PtrInterface& o, const Kiln::TypeRecord& type,
+                  const Kiln::AttributeRecord& a) {
+    if (const TypedPool* pool = typedPool(o, a.name)) {
+      writePool(out_, *pool, static_cast<const NextHopManager&>(o));
+      return true;
+    }
+    return &type == &ECMPGroup::kilnType() && a.name == "nextHops" &&
+           writeHops(out_, static_cast<const ECMPGroup&>(o));
+  }
+
+  std::string& out_;
+  std::map<const Kiln::TypeRecord*, TypePlan> plans_;
+};
 
 // The runs of consecutive free entries, ascending: (first index, count).
 std::vector<std::pair<U32, U32>> freeRuns(const NextHopManager& manager) {
@@ -192,20 +361,6 @@ std::vector<std::pair<U32, U32>> freeRuns(const NextHopManager& manager) {
     }
   }
   return runs;
-}
-
-// One past the highest table entry the manager's records use.
-U32 usedTableEnd(const NextHopManager& manager) {
-  U32 end = 3;
-  if (!manager.freeEntries().empty())
-    end = std::max<U32>(end, manager.freeEntries().last()->key() + 1);
-  for (const auto& placed : manager.hwStartToGroupId()) {
-    const Kiln::Ptr<ECMPGroup> group = manager.ecmpGroups(placed.value());
-    if (!group) continue;
-    const U32 length = U32(group->wide() ? 2 : 1) * group->size();
-    end = std::max<U32>(end, std::min<U32>(placed.key() + length, tableEnd));
-  }
-  return end;
 }
 
 // The chip's table from entry 0 to end - 1.
@@ -225,12 +380,21 @@ struct MemberLine {
   std::string_view value;
 };
 
+// A group's next hops on one line (see writeHops).
+struct HopsLine {
+  U32 line;  // for the messages
+  std::string_view count;
+  std::string_view items;
+};
+
 struct ObjectText {
   std::string_view attribute;  // the owner's attribute holding it
   std::string_view key;
   const Kiln::TypeRecord* type = nullptr;
-  std::vector<std::pair<std::string_view, std::string_view>> attrs;
+  // (the attribute's index, its value text)
+  std::vector<std::pair<U32, std::string_view>> attrs;
   std::vector<MemberLine> members;
+  std::vector<HopsLine> hops;
   std::vector<ObjectText> children;
 };
 
@@ -240,8 +404,20 @@ struct FreeRunText {
   U64 digest;
 };
 
+// When the snapshot was taken and when the armed timer was due, on the
+// activity clock.
+struct TimerText {
+  double savedAt;
+  double due;
+};
+
 struct ParsedSnapshot {
   ObjectText manager;
+  // The resource counters; absent from a version 1 snapshot.
+  std::optional<ObjectText> resources;
+  // The defragmentation timer; absent when it was not armed, and from a
+  // version 1 snapshot.
+  std::optional<TimerText> timer;
   std::vector<FreeRunText> freeRuns;
 };
 
@@ -281,6 +457,23 @@ class BodyParser {
       corrupt(where() + "the snapshot holds a " + std::string(f[1]) + ", not a next-hop manager");
     }
     parseObject(snapshot.manager);
+    if (body_.substr(pos_).starts_with("object\t")) {
+      f = next("the resource counters");
+      snapshot.resources.emplace();
+      snapshot.resources->type = recordNamed(f.size() == 2 ? f[1] : std::string_view());
+      if (snapshot.resources->type != &NextHopResources::kilnType()) {
+        corrupt(where() + "the second object is a " + std::string(f[1]) +
+                ", not the resource counters");
+      }
+      parseObject(*snapshot.resources);
+    }
+    if (body_.substr(pos_).starts_with("timer\t")) {
+      f = next("the timer");
+      const std::optional<double> savedAt = parseTime(f.size() == 3 ? f[1] : "");
+      const std::optional<double> due = parseTime(f.size() == 3 ? f[2] : "");
+      if (!savedAt || !due) corrupt(where() + "bad timer");
+      snapshot.timer = TimerText{*savedAt, *due};
+    }
     while (pos_ < body_.size()) {
       f = next("free runs");
       if (f.size() != 4 || f[0] != "free") corrupt(where() + "expected a free run");
@@ -324,8 +517,7 @@ class BodyParser {
       const std::string_view kind = f.size() ? f[0] : std::string_view();
       if (kind == "end" && f.size() == 1) return;
       if (kind == "attr" && f.size() == 3) {
-        attributeOf(o, f[1]);
-        o.attrs.emplace_back(f[1], f[2]);
+        o.attrs.emplace_back(attributeOf(o, f[1]).index, f[2]);
       } else if (kind == "member" && f.size() == 4) {
         o.members.push_back({attributeOf(o, f[1]).index, f[2], {}, f[3]});
       } else if (kind == "run" && f.size() == 5) {
@@ -334,6 +526,10 @@ class BodyParser {
         if (!first || !last || *last < *first || *last > 0xFFFFFFFFull)
           corrupt(where() + "bad run");
         o.members.push_back({index, f[2], f[3], f[4]});
+      } else if (kind == "hops" && f.size() == 4) {
+        if (o.type != &ECMPGroup::kilnType() || f[1] != "nextHops")
+          corrupt(where() + "a hops line outside a group's next hops");
+        o.hops.push_back({line_, f[2], f[3]});
       } else if (kind == "child" && f.size() == 4) {
         attributeOf(o, f[1]);
         ObjectText child;
@@ -374,11 +570,12 @@ ParsedSnapshot parseSnapshot(std::string_view text) {
   }
   const std::optional<U64> version = parseNumber(first.substr(blank + 1));
   if (!version) corrupt("bad format version");
-  if (*version != snapshotFormatVersion) {
+  if (*version < oldestSnapshotFormatVersion || *version > snapshotFormatVersion) {
     throw SnapshotError(Problem::otherVersion, "snapshot of format version " +
                                                    std::to_string(*version) +
-                                                   "; this library reads version " +
-                                                   std::to_string(snapshotFormatVersion));
+                                                   "; this library reads versions " +
+                                                   std::to_string(oldestSnapshotFormatVersion) +
+                                                   " to " + std::to_string(snapshotFormatVersion));
   }
   std::string_view lengthLine = headerLine("the length line");
   std::string_view checksumLine = headerLine("the checksum line");
@@ -448,7 +645,51 @@ Kiln::Ptr<Kiln::PtrInterface> createOwned(Kiln::PtrInterface& owner, const Objec
 }
 
 void applyAttrs(Kiln::PtrInterface& o, const ObjectText& text) {
-  for (const auto& [name, value] : text.attrs) text.type->set(o, name, value);
+  for (const auto& [index, value] : text.attrs) text.type->set(o, index, value);
+}
+
+// Stores a pool's member line through the typed mutator: the value text is
+// parsed once for the whole run.
+void applyPoolLine(NextHopManager& manager, const TypedPool& pool, const MemberLine& m) {
+  const std::optional<U64> first = parseNumber(m.firstKey);
+  const std::optional<U64> last = m.lastKey.empty() ? first : parseNumber(m.lastKey);
+  if (!first || !last || *last > 0xFFFF) {
+    corrupt("bad key " + std::string(m.firstKey) + " of " + std::string(pool.name));
+  }
+  const U16 value =
+      pool.boolean ? U16(Kiln::strepToValue<bool>(m.value)) : Kiln::strepToValue<U16>(m.value);
+  for (U64 k = *first; k <= *last; ++k) pool.store(manager, U16(k), value);
+}
+
+// Stores a hops line's next hops at positions 0 .. count - 1.
+void applyHopsLine(ECMPGroup& group, const HopsLine& hops) {
+  auto bad = [&]() {
+    corrupt("line " + std::to_string(hops.line) + ": bad next hops of group " +
+            std::to_string(group.groupId()));
+  };
+  const std::optional<U64> count = parseNumber(hops.count);
+  if (!count || *count == 0 || *count > 0x10000) bad();
+  const char* p = hops.items.data();
+  const char* const end = p + hops.items.size();
+  auto number = [&](int base, char after, U64 max) {
+    U64 v = 0;
+    const auto [next, ec] = std::from_chars(p, end, v, base);
+    if (ec != std::errc() || next == p || v > max) bad();
+    p = next;
+    if (after) {
+      if (p == end || *p != after) bad();
+      ++p;
+    }
+    return v;
+  };
+  for (U64 position = 0; position < *count; ++position) {
+    const U16 hwIndex = U16(number(10, ':', 0xFFFF));
+    const bool wide = number(10, ':', 1) != 0;
+    const U64 data = number(16, ':', ~U64(0));
+    const U64 wideData = number(16, position + 1 < *count ? ' ' : 0, ~U64(0));
+    group.nextHopsIs(U16(position), NextHopEntry(hwIndex, wide, data, wideData));
+  }
+  if (p != end) bad();
 }
 
 void applyObject(Kiln::PtrInterface& o, const ObjectText& text) {
@@ -458,6 +699,10 @@ void applyObject(Kiln::PtrInterface& o, const ObjectText& text) {
   applyAttrs(o, text);
   std::string key;
   for (const MemberLine& m : text.members) {
+    if (const TypedPool* pool = typedPool(o, type.attribute(m.attribute)->name)) {
+      applyPoolLine(static_cast<NextHopManager&>(o), *pool, m);
+      continue;
+    }
     if (m.lastKey.empty()) {
       type.memberIs(o, m.attribute, m.firstKey, m.value);
       continue;
@@ -468,6 +713,7 @@ void applyObject(Kiln::PtrInterface& o, const ObjectText& text) {
       type.memberIs(o, m.attribute, key, m.value);
     }
   }
+  for (const HopsLine& hops : text.hops) applyHopsLine(static_cast<ECMPGroup&>(o), hops);
   for (const ObjectText& childText : text.children) {
     if (&o.fwkType() != &type) corrupt("type mismatch");
     Kiln::Ptr<Kiln::PtrInterface> child = type.child(o, childText.attribute, childText.key);
@@ -480,34 +726,63 @@ void applyObject(Kiln::PtrInterface& o, const ObjectText& text) {
   // A setter with side effects (simModeIs sets lastWideIndex) may have
   // changed a scalar stored before it: store the snapshot's values again,
   // and check that they stick.
-  for (const auto& [name, value] : text.attrs) {
-    if (type.get(o, name) != value) type.set(o, name, value);
+  for (const auto& [index, value] : text.attrs) {
+    if (type.get(o, index) != value) type.set(o, index, value);
   }
-  for (const auto& [name, value] : text.attrs) {
-    if (type.get(o, name) != value) {
-      corrupt(type.name() + "::" + std::string(name) + " does not keep the value " +
+  for (const auto& [index, value] : text.attrs) {
+    if (type.get(o, index) != value) {
+      corrupt(type.name() + "::" + type.attribute(index)->name + " does not keep the value " +
               std::string(value));
     }
   }
 }
 
+// The placed groups (members of hwStartToGroupId) in table order.
+struct PlacedGroup {
+  U16 start;
+  const ECMPGroup* group;
+  U32 length;  // in entries
+};
+typedef std::vector<PlacedGroup> PlacedGroups;
+
 // Checks what the records promise each other: every placed group starts
 // where the start map says, inside the table, on allocated entries only.
-void checkConsistent(const NextHopManager& manager) {
-  for (const auto& placed : manager.hwStartToGroupId()) {
-    const Kiln::Ptr<ECMPGroup> group = manager.ecmpGroups(placed.value());
-    const std::string name =
-        "group " + std::to_string(placed.value()) + " at " + std::to_string(placed.key());
-    if (!group) corrupt(name + ": no such group");
-    if (group->hwStartIndex() != placed.key()) corrupt(name + ": its record starts elsewhere");
+// Returns the placed groups.
+PlacedGroups checkConsistent(const NextHopManager& manager) {
+  // Looked up in ascending id order, which the ordered map of groups
+  // answers from where its last lookup ended.
+  std::vector<std::pair<U16, U16>> idAndStart;
+  idAndStart.reserve(manager.hwStartToGroupId().members());
+  for (const auto& m : manager.hwStartToGroupId()) idAndStart.emplace_back(m.value(), m.key());
+  std::sort(idAndStart.begin(), idAndStart.end());
+  PlacedGroups placed;
+  placed.reserve(idAndStart.size());
+  for (const auto& [id, start] : idAndStart) {
+    const Kiln::Ptr<ECMPGroup> group = manager.ecmpGroups(id);
+    auto fail = [&](const char* what) {
+      corrupt("group " + std::to_string(id) + " at " + std::to_string(start) + what);
+    };
+    if (!group) fail(": no such group");
+    if (group->hwStartIndex() != start) fail(": its record starts elsewhere");
     const U32 length = U32(group->wide() ? 2 : 1) * group->size();
-    if (placed.key() + length > tableEnd) corrupt(name + ": runs past the table");
-    for (U32 i = placed.key(); i < placed.key() + length; ++i) {
-      if (!manager.allocatedEntries(U16(i)) || manager.freeEntries(U16(i))) {
-        corrupt(name + ": entry " + std::to_string(i) + " is not allocated");
+    if (start + length > tableEnd) fail(": runs past the table");
+    placed.push_back({start, group.ptr(), length});
+  }
+  std::sort(placed.begin(), placed.end(),
+            [](const PlacedGroup& a, const PlacedGroup& b) { return a.start < b.start; });
+  // Allocated and not free, entry by entry: one walk of each pool.
+  std::vector<bool> usable(0x10000, false);
+  for (const auto& m : manager.allocatedEntries()) usable[m.key()] = m.value();
+  for (const auto& m : manager.freeEntries()) usable[m.key()] = false;
+  for (const PlacedGroup& p : placed) {
+    for (U32 i = p.start; i < p.start + p.length; ++i) {
+      if (!usable[i]) {
+        corrupt("group " + std::to_string(p.group->groupId()) + " at " + std::to_string(p.start) +
+                ": entry " + std::to_string(i) + " is not allocated");
       }
     }
   }
+  return placed;
 }
 
 // The words a placed group's block must hold.
@@ -531,9 +806,14 @@ struct Comparison {
 
 // Compares the chip with the restored records: reserved entries, every
 // placed group's block, every free run's digest.
-Comparison compareWithChip(NextHopManager& manager, const ParsedSnapshot& snapshot) {
+Comparison compareWithChip(NextHopManager& manager, const PlacedGroups& placed,
+                           const ParsedSnapshot& snapshot) {
   Comparison c;
-  U32 end = usedTableEnd(manager);
+  // One read from entry 0 to the highest entry the records use.
+  U32 end = 3;
+  if (!manager.freeEntries().empty())
+    end = std::max<U32>(end, manager.freeEntries().last()->key() + 1);
+  for (const PlacedGroup& p : placed) end = std::max(end, p.start + p.length);
   for (const FreeRunText& run : snapshot.freeRuns) end = std::max(end, run.first + run.count);
   const std::vector<U64> table = readTable(end);
   c.wordsRead = end;
@@ -547,12 +827,8 @@ Comparison compareWithChip(NextHopManager& manager, const ParsedSnapshot& snapsh
                                  hex16(table[r.index]) + ", not the glort 0x" + hex16(glort)});
     c.repairs.emplace_back(r.index, std::vector<U64>{glort});
   }
-  // Table order, so that the differences read in index order.
-  std::vector<std::pair<U16, U16>> placed;
-  for (const auto& m : manager.hwStartToGroupId()) placed.emplace_back(m.key(), m.value());
-  std::sort(placed.begin(), placed.end());
-  for (const auto& [start, id] : placed) {
-    const Kiln::Ptr<ECMPGroup> group = manager.ecmpGroups(id);
+  for (const auto& [start, group, length] : placed) {
+    const U16 id = group->groupId();
     std::vector<U64> words = groupWords(*group);
     const auto first = std::mismatch(words.begin(), words.end(), table.begin() + start);
     if (first.first == words.end()) continue;
@@ -579,6 +855,25 @@ Comparison compareWithChip(NextHopManager& manager, const ParsedSnapshot& snapsh
       c.differences.begin(), c.differences.end(),
       [](const RestoreDifference& a, const RestoreDifference& b) { return a.index < b.index; });
   return c;
+}
+
+// The timer does not survive the process: a run that was wanted is
+// scheduled again. On a clock that went on through the restart (it reads
+// no earlier than when the snapshot was taken) at the time it was due, or
+// at once if that has passed; on a clock that started again, after the time
+// that was left when the snapshot was taken. Without the timer's time (not
+// armed, or a version 1 snapshot), a full delay from now.
+void rearmDefragmentation(DefragManager& defrag, const std::optional<TimerText>& timer) {
+  if (!defrag.scheduleDefragment()) return;
+  if (!timer || !defrag.initialized() || !defrag.defragScheduler()) {
+    defrag.startDefragScheduler();
+    return;
+  }
+  const double now = Kiln::now();
+  const double left = std::max(0.0, timer->due - timer->savedAt);
+  const double due = now >= timer->savedAt ? timer->due : now + left;
+  defrag.defragScheduler()->timeMinIs(std::max(now, due));
+  NH_TRACE(3, "Warm restart: the defragmentation is due in " << std::max(0.0, due - now) << " s");
 }
 
 // Makes the manager: blank (to be filled from a snapshot) or cold
@@ -611,10 +906,16 @@ Kiln::Ptr<NextHopManager> restore(const ManagerMaker& make,
     return startCold(make, result, e.what());
   }
   Kiln::Ptr<NextHopManager> manager = make(true);
+  PlacedGroups placed;
   try {
     applyObject(*manager, snapshot.manager);
-    checkConsistent(*manager);
+    placed = checkConsistent(*manager);
     if (!manager->defragManager()) corrupt("no defragmenter");
+    // The history (refusals, compaction work, the longest group asked for,
+    // the watermarks and their alarms) comes from the snapshot; the figures
+    // of the table are counted again from the records just restored.
+    if (snapshot.resources) applyObject(*manager->resources(), *snapshot.resources);
+    manager->recountResources();
   } catch (const Kiln::Exception& e) {
     // A text the runtime cannot parse, a value a mutator refuses.
     const std::string why = dynamic_cast<const SnapshotError*>(&e)
@@ -637,7 +938,7 @@ Kiln::Ptr<NextHopManager> restore(const ManagerMaker& make,
     manager = nullptr;
     return startCold(make, result, result.differences.back().text);
   }
-  Comparison comparison = compareWithChip(*manager, snapshot);
+  Comparison comparison = compareWithChip(*manager, placed, snapshot);
   result.wordsRead = comparison.wordsRead;
   result.differences = std::move(comparison.differences);
   for (const RestoreDifference& d : result.differences) NH_TRACE(1, "Warm restart: " << d.text);
@@ -658,10 +959,7 @@ Kiln::Ptr<NextHopManager> restore(const ManagerMaker& make,
   } else {
     result.outcome = RestoreResult::Outcome::warm;
   }
-  // The timer does not survive the process: a run that was wanted is
-  // scheduled again, a full delay from now.
-  if (manager->defragManager()->scheduleDefragment())
-    manager->defragManager()->startDefragScheduler();
+  rearmDefragmentation(*manager->defragManager(), snapshot.timer);
   NH_TRACE(3, "Warm restart: " << result.groups << " groups restored, " << result.wordsRead
                                << " words read, " << result.wordsWritten << " written");
   return manager;
@@ -702,9 +1000,18 @@ const char* outcomeName(RestoreResult::Outcome outcome) {
 }
 
 std::string snapshotText(NextHopManager& manager) {
-  std::string body = "object\t" + NextHopManager::kilnType().name() + "\n";
-  writeObject(body, manager, NextHopManager::kilnType());
-  body += "end\n";
+  std::string body;
+  // A full table's snapshot is about 48 bytes per entry in use.
+  body.reserve(size_t(manager.allocatedEntries().members()) * 48 + 0x10000);
+  SnapshotWriter writer(body);
+  writer.writeTopObject(manager, NextHopManager::kilnType());
+  writer.writeTopObject(*manager.resources(), NextHopResources::kilnType());
+  const DefragManager* defrag = manager.defragManager().ptr();
+  if (defrag && defrag->scheduleDefragment() && defrag->defragScheduler() &&
+      defrag->defragScheduler()->timeMin() != Kiln::Clock::never) {
+    body.append("timer\t").append(timeText(Kiln::now())).append("\t");
+    body.append(timeText(defrag->defragScheduler()->timeMin())).append("\n");
+  }
   const std::vector<std::pair<U32, U32>> runs = freeRuns(manager);
   if (!runs.empty()) {
     // One read from the lowest free entry to the highest.

@@ -152,40 +152,40 @@ U32 TypeRecord::hashValue(std::string_view text) const { return kilnHashValue(te
 
 std::string TypeRecord::kilnGet(const PtrInterface& o, U32 index) const {
   if (base_) return base_->kilnGet(o, index);
-  notSupported("readable attribute", index);
+  notSupported(o, "readable attribute", index);
 }
 
 void TypeRecord::kilnSet(PtrInterface& o, U32 index, std::string_view text) const {
   if (base_) return base_->kilnSet(o, index, text);
-  notSupported("writable attribute", index);
+  notSupported(o, "writable attribute", index);
 }
 
 std::vector<MemberText> TypeRecord::kilnMembers(const PtrInterface& o, U32 index) const {
   if (base_) return base_->kilnMembers(o, index);
-  notSupported("collection attribute", index);
+  notSupported(o, "collection attribute", index);
 }
 
 void TypeRecord::kilnMemberIs(PtrInterface& o, U32 index, std::string_view keyText,
                               std::string_view valueText) const {
   if (base_) return base_->kilnMemberIs(o, index, keyText, valueText);
-  notSupported("value collection attribute", index);
+  notSupported(o, "value collection attribute", index);
 }
 
 void TypeRecord::kilnMemberDel(PtrInterface& o, U32 index, std::string_view keyText) const {
   if (base_) return base_->kilnMemberDel(o, index, keyText);
-  notSupported("collection attribute", index);
+  notSupported(o, "collection attribute", index);
 }
 
 Ptr<PtrInterface> TypeRecord::kilnChild(const PtrInterface& o, U32 index,
                                         std::string_view keyText) const {
   if (base_) return base_->kilnChild(o, index, keyText);
-  notSupported("entity attribute", index);
+  notSupported(o, "entity attribute", index);
 }
 
 std::string TypeRecord::kilnInvoke(PtrInterface& o, const OperationRecord& op,
                                    const std::vector<std::string>& args) const {
   if (base_) return base_->kilnInvoke(o, op, args);
-  notSupported("invocable operation", op.name);
+  o.fwkType().notSupported("invocable operation", op.name);
 }
 
 Ptr<PtrInterface> TypeRecord::kilnConstruct(const std::vector<std::string>&) const {
@@ -214,6 +214,10 @@ void TypeRecord::notSupported(std::string_view what, std::string_view name) cons
 void TypeRecord::notSupported(std::string_view what, U32 index) const {
   const AttributeRecord* a = attribute(index);
   notSupported(what, a ? a->name : std::to_string(index));
+}
+
+void TypeRecord::notSupported(const PtrInterface& o, std::string_view what, U32 index) const {
+  o.fwkType().notSupported(what, index);
 }
 
 void TypeRecord::expectArguments(std::string_view operation, const std::vector<std::string>& args,

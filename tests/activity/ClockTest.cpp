@@ -88,6 +88,26 @@ TEST_F(ManualClockTest, ElapsingWorkPassesExpiriesWithoutRunningThem) {
   EXPECT_EQ(clock->now(), 2.5);
 }
 
+TEST_F(ManualClockTest, AHandlerThatMovesTheClockOnLeavesItThere) {
+  // As a compaction run does when every chip write takes time: the clock
+  // ends past the time it was told, and a timer re-armed from there is due
+  // after that, not after the time told.
+  Ptr<Timer> t = timer("t");
+  t->action = [this](Timer& self) {
+    clock->elapse(0.75);
+    if (clock->now() < 10) self.timeMinIs(clock->now() + 5);
+  };
+  t->timeMinIs(1);
+  clock->timeIs(1);
+  EXPECT_EQ(clock->now(), 1.75);
+  EXPECT_EQ(t->timeMin(), 6.75);
+  clock->timeIs(6);  // 1 + 5 is not the re-armed time
+  EXPECT_EQ(log.size(), 1u);
+  clock->timeIs(t->timeMin());
+  ASSERT_EQ(log, (FiringLog{{"t", 1}, {"t", 6.75}}));
+  EXPECT_EQ(clock->now(), 7.5);
+}
+
 TEST_F(ManualClockTest, ArmsReArmsAndDisarmsOneTimer) {
   Ptr<Timer> t = timer("t");
   EXPECT_EQ(t->timeMin(), Clock::never);

@@ -10,12 +10,15 @@
 #include <cstdio>
 #include <fstream>
 #include <future>
+#include <set>
 #include <sstream>
 #include <thread>
 
 #include "Brevant/DefragManager.h"
 #include "DiagnosticSocket.h"
+#include "Diagnostics.h"
 #include "FmSim/FmSim.h"
+#include "Kiln/TypeRecord.h"
 
 using namespace Agent;
 using ::testing::HasSubstr;
@@ -356,10 +359,12 @@ class AgentSocketTest : public ::testing::Test {
   void TearDown() override { rmdir(dir_.c_str()); }
 
   // Runs the agent until the client function (which ends with quit) is done.
-  Report serve(const std::string& workload, const std::function<void()>& client) {
-    AgentConfig config = configOf(workload);
+  Report serve(const std::string& workload, const std::function<void()>& client,
+               const std::string& snapshotPath = {}, std::optional<U16> simBound = 64) {
+    AgentConfig config = configOf(workload, simBound);
     config.socketPath = path_;
     config.serve = true;
+    config.snapshotPath = snapshotPath;
     AgentSimulation agent(config);
     auto done = std::async(std::launch::async, client);
     const Report report = agent.run();
@@ -452,6 +457,209 @@ TEST_F(AgentSocketTest, AnswersEveryKindOfRequest) {
   EXPECT_TRUE(report.workloadCompleted);
   EXPECT_EQ(defragDelay_, 2.5);
   EXPECT_TRUE(report.passed());
+}
+
+// The manager's and the defragmenter's records as the snapshot holds them,
+// written through the socket's save request.
+std::string recordsText(const std::function<std::string(const std::string&)>& ask,
+                        const std::string& snapshot) {
+  EXPECT_EQ(ask("save"), "ok: snapshot saved to " + snapshot + "\n");
+  std::ifstream in(snapshot);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+TEST_F(AgentSocketTest, SetRefusesEveryAttributeThatIsNotSettableAndChangesNoRecord) {
+  const std::string snapshot = dir_ + "/records.snapshot";
+  auto askHere = [this](const std::string& request) { return ask(request); };
+  const std::vector<std::pair<std::string, std::string>> refusals = {
+      {"set nextHopManager.defragManager.defragDelay nan",
+       "error: Brevant::DefragManager::defragDelay takes a finite time from 0 to 1e7 s, not "
+       "'nan'\n"},
+      {"set nextHopManager.defragManager.defragDelay inf",
+       "error: Brevant::DefragManager::defragDelay takes a finite time from 0 to 1e7 s, not "
+       "'inf'\n"},
+      {"set nextHopManager.defragManager.defragDelay -1.0",
+       "error: Brevant::DefragManager::defragDelay takes a finite time from 0 to 1e7 s, not "
+       "'-1.0'\n"},
+      {"set nextHopManager.defragManager.defragDelay 1e8",
+       "error: Brevant::DefragManager::defragDelay takes a finite time from 0 to 1e7 s, not "
+       "'1e8'\n"},
+      {"set nextHopManager.defragManager.defragTime soon",
+       "error: Brevant::DefragManager::defragTime takes a finite time from 0 to 1e7 s, not "
+       "'soon'\n"},
+      {"set nextHopManager.lastNarrowIndex 65273",
+       "error: Brevant::NextHopManager::lastNarrowIndex is not settable (list shows what is)\n"},
+      {"set nextHopManager.initialized False",
+       "error: Brevant::NextHopManager::initialized is not settable (list shows what is)\n"},
+      {"set nextHopManager.ecmpGroups[3].size 9",
+       "error: Brevant::ECMPGroup::size is not settable (list shows what is)\n"},
+      {"set nextHopManager.hwStartToGroupId[100] 3",
+       "error: Brevant::NextHopManager::hwStartToGroupId is not settable (list shows what is)\n"},
+      {"set nextHopManager.ecmpGroups[3] 9",
+       "error: Brevant::NextHopManager::ecmpGroups is not settable (list shows what is)\n"},
+      {"set nextHopManager.defragManager.defragCount 7",
+       "error: Brevant::DefragManager::defragCount is not settable (list shows what is)\n"},
+      {"set nextHopManager.defragManager.scheduleDefragment True",
+       "error: Brevant::DefragManager::scheduleDefragment is not settable (list shows what is)\n"},
+      {"set nextHopManager.hardened False",
+       "error: Brevant::NextHopManager::hardened is not settable (list shows what is)\n"},
+      {"set nextHopManager.noSuchThing 1",
+       "error: Brevant::NextHopManager has no attribute noSuchThing\n"},
+      {"set nextHopManager.simMode False",
+       "error: Brevant::NextHopManager::simMode takes True or False, not 'False': only while the "
+       "table holds no group\n"},
+      {"set nextHopManager.simNextHopTableBound 63",
+       "error: Brevant::NextHopManager::simNextHopTableBound takes an even bound from 16 to "
+       "65534, not '63'\n"},
+      {"set nextHopManager.simNextHopTableBound 128",
+       "error: Brevant::NextHopManager::simNextHopTableBound takes an even bound from 16 to "
+       "65534, not '128': only while the table holds no group\n"},
+      {"set nextHopManager.ecmpGroups[3].hwStartIndex.x 1",
+       "error: Brevant::ECMPGroup has no entity attribute hwStartIndex (in path "
+       "'nextHopManager.ecmpGroups[3].hwStartIndex.x')\n"},
+      {"set trace.NoSuchHandle 1-4",
+       "error: no trace handle 'NoSuchHandle' (list trace shows them)\n"},
+      {"set trace.BrevantNextHop 12",
+       "error: trace.BrevantNextHop takes levels such as 1-4,8, all or none: bad trace levels "
+       "'12'\n"},
+  };
+  std::map<std::string, std::string> answers;
+  std::string before, after, traceBefore;
+  const Report report = serve(
+      "create a narrow 4 unicast\ncreate t wide 2 vxlan-tunnel\n",
+      [&] {
+        for (int i = 0; i < 500 && ask("status").find("replay: done") == std::string::npos; ++i) {
+          usleep(10000);
+        }
+        traceBefore = ask("get trace.BrevantNextHop");
+        before = recordsText(askHere, snapshot);
+        for (const auto& [request, refusal] : refusals) answers[request] = ask(request);
+        after = recordsText(askHere, snapshot);
+        answers["delay"] = ask("set nextHopManager.defragManager.defragDelay 0.0");
+        answers["budget"] = ask("set nextHopManager.defragManager.defragTime 0.25");
+        answers["trace"] = ask("set trace.BrevantNextHop 2-3,9");
+        answers["trace back"] = ask("set trace.BrevantNextHop " + traceBefore);
+        ask("quit");
+      },
+      snapshot);
+  for (const auto& [request, refusal] : refusals) EXPECT_EQ(answers[request], refusal) << request;
+  EXPECT_THAT(before, HasSubstr("lastNarrowIndex"));
+  EXPECT_EQ(before, after);
+  EXPECT_EQ(answers["delay"], "0.0\n");
+  EXPECT_EQ(answers["budget"], "0.25\n");
+  EXPECT_EQ(answers["trace"], "2-3,9\n");
+  EXPECT_EQ(answers["trace back"], traceBefore);
+  EXPECT_EQ(defragDelay_, 0.0);
+  EXPECT_EQ(report.tableViolations, 0u);
+  EXPECT_EQ(report.hitlessViolations, 0u);
+  EXPECT_TRUE(report.passed());
+  std::remove(snapshot.c_str());
+}
+
+TEST_F(AgentSocketTest, ListShowsAnEntitysAttributesAlignedWithWhetherEachCanBeSet) {
+  std::string defrag, group, root, trace, scalar, missing;
+  serve("create a narrow 4 unicast\n", [&] {
+    defrag = ask("list nextHopManager.defragManager");
+    group = ask("list nextHopManager.ecmpGroups[3]");
+    root = ask("list");
+    trace = ask("list trace");
+    scalar = ask("list nextHopManager.simMode");
+    missing = ask("list nextHopManager.ecmpGroups[99]");
+    ask("quit");
+  });
+  EXPECT_EQ(defrag,
+            "Brevant::DefragManager\n"
+            "  attribute          kind      type            settable\n"
+            "  scheduleDefragment scalar    bool            no\n"
+            "  defragDelay        scalar    double          yes\n"
+            "  defragScheduler    singleton DefragScheduler no\n"
+            "  defragTime         scalar    double          yes\n"
+            "  defragCount        scalar    U32             no\n"
+            "  initialized        scalar    bool            no\n");
+  EXPECT_THAT(group, StartsWith("Brevant::ECMPGroup\n  attribute "));
+  EXPECT_THAT(group, Not(HasSubstr(" yes\n")));
+  EXPECT_THAT(root, StartsWith("Brevant::BrevantCommonSmData\n"));
+  EXPECT_THAT(root, HasSubstr("  nextHopManager "));
+  EXPECT_THAT(trace, StartsWith("trace handles\n  handle "));
+  EXPECT_THAT(trace, HasSubstr("  BrevantNextHop "));
+  EXPECT_EQ(scalar,
+            "error: Brevant::NextHopManager has no entity attribute simMode (in path "
+            "'nextHopManager.simMode')\n");
+  EXPECT_EQ(missing,
+            "error: nothing at 'ecmpGroups[99]' in path 'nextHopManager.ecmpGroups[99]'\n");
+}
+
+TEST_F(AgentSocketTest, SimulationModeIsSetOnAnEmptyTableThroughTheManager) {
+  // Each change goes through setSimulationMode, which trims or gives back
+  // the free pools: the summary's total follows the bound.
+  const std::vector<std::string> requests = {
+      "set nextHopManager.simNextHopTableBound 128",
+      "show free-entries",
+      "set nextHopManager.simMode False",
+      "show free-entries",
+      "set nextHopManager.simMode True",
+      "set nextHopManager.simNextHopTableBound 64",
+      "show free-entries",
+  };
+  std::vector<std::string> answers;
+  const Report report = serve("", [&] {
+    for (const std::string& request : requests) answers.push_back(ask(request));
+    ask("quit");
+  });
+  ASSERT_EQ(answers.size(), requests.size());
+  EXPECT_EQ(answers[0], "128\n");
+  EXPECT_THAT(answers[1], HasSubstr("/128\n"));
+  EXPECT_EQ(answers[2], "False\n");
+  EXPECT_THAT(answers[3], HasSubstr("/65534\n"));
+  EXPECT_EQ(answers[4], "True\n");
+  EXPECT_EQ(answers[5], "64\n");
+  EXPECT_THAT(answers[6], HasSubstr("/64\n"));
+  EXPECT_EQ(report.tableBound, 64u);
+  EXPECT_TRUE(report.passed());
+}
+
+TEST_F(AgentSocketTest, ASmallerTableIsRefusedWhenTheWorkloadHasAGroupItsSwapAreaCannotHold) {
+  // A wide group of 8 next hops takes 16 entries: the full table's swap
+  // area holds it, a simulated table's (8 entries) does not.
+  std::vector<std::string> answers;
+  const Report report = serve(
+      "create w wide 8 unicast\ndelete w\n",
+      [&] {
+        for (int i = 0; i < 500 && ask("status").find("replay: done") == std::string::npos; ++i) {
+          usleep(10000);
+        }
+        answers.push_back(ask("set nextHopManager.simNextHopTableBound 128"));
+        answers.push_back(ask("set nextHopManager.simMode True"));
+        answers.push_back(ask("get nextHopManager.simMode"));
+        ask("quit");
+      },
+      {}, std::nullopt);
+  ASSERT_EQ(answers.size(), 3u);
+  // Outside simulation mode the bound is only recorded.
+  EXPECT_EQ(answers[0], "128\n");
+  EXPECT_THAT(answers[1], StartsWith("error: the workload does not fit that table: line 1: "));
+  EXPECT_EQ(answers[2], "False\n");
+  EXPECT_EQ(report.tableBound, 65534u);
+  EXPECT_TRUE(report.passed());
+}
+
+TEST(AgentSettings, EverySettableAttributeHasOneRangeCheckAndEveryCheckASettableAttribute) {
+  std::set<std::pair<std::string, std::string>> settable;
+  for (const Kiln::TypeRecord* type : Kiln::typeRecords()) {
+    for (const Kiln::AttributeRecord& a : type->ownAttributes()) {
+      if (a.settable && type->name().rfind("Brevant::", 0) == 0)
+        settable.insert({type->name(), a.name});
+    }
+  }
+  std::set<std::pair<std::string, std::string>> checked;
+  for (const Setting& s : settings()) {
+    EXPECT_TRUE(checked.insert({s.typeName, s.attribute}).second)
+        << s.typeName << "::" << s.attribute;
+  }
+  EXPECT_EQ(settable, checked);
+  EXPECT_EQ(settable.size(), 4u);
 }
 
 TEST_F(AgentSocketTest, BadRequestsNeverDisturbTheAgent) {

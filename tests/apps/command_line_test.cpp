@@ -101,7 +101,55 @@ TEST(CommandLine, RestartEveryTakesSecondsOfAgentTime) {
   EXPECT_EQ(parseCommandLine({"run", "--restart-every", "600"}).run.restartEvery, 600.0);
   EXPECT_EQ(parseCommandLine({}).run.restartEvery, 0.0);
   EXPECT_NE(usageErrorOf({"run", "--restart-every", "0"}), "no error");
-  EXPECT_THAT(usageText(), ::testing::HasSubstr("show restart | save"));
+  EXPECT_THAT(usageText(), ::testing::HasSubstr("list [PATH] | show restart | save"));
+}
+
+TEST(CommandLine, TheSocketsIdleTimeoutIsRealSecondsAboveZero) {
+  EXPECT_FALSE(parseCommandLine({}).run.socketIdleTimeout);
+  EXPECT_EQ(parseCommandLine({"--socket-idle-timeout", "2.5"}).run.socketIdleTimeout, 2.5);
+  EXPECT_EQ(usageErrorOf({"--socket-idle-timeout", "0"}),
+            "--socket-idle-timeout expects a number from 0.01 to 86400, not '0'");
+  EXPECT_EQ(usageErrorOf({"--socket-idle-timeout", "nan"}),
+            "--socket-idle-timeout expects a number from 0.01 to 86400, not 'nan'");
+  EXPECT_EQ(usageErrorOf({"--socket-idle-timeout"}), "--socket-idle-timeout needs a value");
+  EXPECT_THAT(usageText("serve"), HasSubstr("--socket-idle-timeout SECONDS"));
+}
+
+TEST(CommandLine, AProcessStartedWithoutEvenItsNameHasNoArguments) {
+  const char* const none[] = {nullptr};
+  EXPECT_TRUE(argumentsOf(0, none).empty());
+  const char* const nameOnly[] = {"brevant-agent", nullptr};
+  EXPECT_TRUE(argumentsOf(1, nameOnly).empty());
+  const char* const some[] = {"brevant-agent", "run", "--seed", "7", nullptr};
+  EXPECT_EQ(argumentsOf(4, some), (std::vector<std::string>{"run", "--seed", "7"}));
+  EXPECT_EQ(parseCommandLine(argumentsOf(0, none)).command, CommandLine::Command::run);
+}
+
+TEST(CommandLine, EveryPrefixOfACommandLineParsesOrIsRefusedWithoutReadingPastItsEnd) {
+  // The reader's accesses are checked: reading past the end would throw
+  // std::out_of_range here instead of a UsageError.
+  const std::vector<std::vector<std::string>> lines = {
+      {"run",         "--workload",       "w.txt", "--seed",      "42",    "--duration",
+       "60.5",        "--sim-bound",      "64",    "--svg",       "t.svg", "--socket",
+       "/tmp/a.sock", "--restart-every",  "10",    "--used-high", "90",    "--chip-call-time",
+       "1e-6",        "--chip-word-time", "0"},
+      {"serve", "--socket", "/tmp/a.sock", "--manual-clock", "--progress"},
+      {"client", "--socket", "/tmp/a.sock", "show", "group", "3"},
+      {"help", "client"},
+      {"--seed", "3", "--help"},
+      {"--version"},
+  };
+  for (const auto& line : lines) {
+    for (size_t n = 0; n <= line.size(); ++n) {
+      const std::vector<std::string> prefix(line.begin(), line.begin() + n);
+      try {
+        parseCommandLine(prefix);
+      } catch (const UsageError&) {
+      } catch (const std::exception& e) {
+        ADD_FAILURE() << "prefix of " << n << " words of " << line[0] << ": " << e.what();
+      }
+    }
+  }
 }
 
 TEST(CommandLine, EverySubcommandAnswersHelp) {

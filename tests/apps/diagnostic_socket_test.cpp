@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <fstream>
 #include <future>
 #include <memory>
@@ -34,22 +35,25 @@ class DiagnosticSocketTest : public ::testing::Test {
   }
 
   // Serves with a handler that answers "you said: <request>".
-  void serveEcho() {
-    server_ = std::make_unique<DiagnosticServer>(path_, [this](const std::string& request, int fd) {
-      handled_.push_back(request);
-      if (request == "boom") throw std::runtime_error("boom");
-      if (request == "lines") {
-        // Many small descriptor writes, as the free-entry summary of a
-        // fragmented table makes (at most 32767 runs).
-        for (int i = 0; i < 40000; ++i) dprintf(fd, "%-15d%-5d\n", i, 1);
-        return;
-      }
-      if (request == "big") {
-        writeAll(fd, std::string(1 << 20, 'x') + "\n");
-        return;
-      }
-      writeAll(fd, "you said: " + request + "\n");
-    });
+  void serveEcho(Kiln::Seconds idleTimeout = defaultIdleTimeout) {
+    server_ = std::make_unique<DiagnosticServer>(
+        path_,
+        [this](const std::string& request, int fd) {
+          handled_.push_back(request);
+          if (request == "boom") throw std::runtime_error("boom");
+          if (request == "lines") {
+            // Many small descriptor writes, as the free-entry summary of a
+            // fragmented table makes (at most 32767 runs).
+            for (int i = 0; i < 40000; ++i) dprintf(fd, "%-15d%-5d\n", i, 1);
+            return;
+          }
+          if (request == "big") {
+            writeAll(fd, std::string(1 << 20, 'x') + "\n");
+            return;
+          }
+          writeAll(fd, "you said: " + request + "\n");
+        },
+        idleTimeout);
   }
 
   // Runs the event loop on this thread until `work`, running on another
@@ -207,6 +211,74 @@ TEST_F(DiagnosticSocketTest, TooManyConnectionsAreRefused) {
   runLoop(5);
   EXPECT_EQ(server_->connections(), 0u);
   EXPECT_EQ(ask("ping"), "you said: ping\n");
+}
+
+TEST_F(DiagnosticSocketTest, IdleClientsCannotHoldTheConnectionLimitLongerThanTheTimeout) {
+  const Kiln::Seconds timeout = 0.3;
+  serveEcho(timeout);
+  std::vector<int> idle;
+  for (size_t i = 0; i < maxConnections; ++i) idle.push_back(connectTo(path_));
+  // Half a request is no request: it is dropped with its connection.
+  send(idle[0], "half", 4, MSG_NOSIGNAL);
+  runLoop(5);
+  ASSERT_EQ(server_->connections(), maxConnections);
+  EXPECT_EQ(raw("ping\n"), "error: too many connections\n");
+  // A client that retries is answered once the idle ones are closed.
+  const auto start = std::chrono::steady_clock::now();
+  const std::string answer = whileServing([&] {
+    std::string got;
+    for (int i = 0; i < 500 && got != "you said: ping\n"; ++i) {
+      got = rawExchange(path_, "ping\n", true);
+      usleep(10000);
+    }
+    return got;
+  });
+  const double waited =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_EQ(answer, "you said: ping\n");
+  // Locked out for about the timeout, not for good (the bound leaves room
+  // for a loaded machine).
+  EXPECT_LT(waited, timeout + 5.0);
+  EXPECT_EQ(server_->idleClosed(), maxConnections);
+  EXPECT_EQ(server_->connections(), 0u);
+  EXPECT_EQ(handled_, std::vector<std::string>{"ping"});
+  for (int fd : idle) {
+    std::string got;
+    char chunk[256];
+    for (ssize_t n; (n = read(fd, chunk, sizeof(chunk))) > 0;) got.append(chunk, size_t(n));
+    EXPECT_EQ(got, "error: no complete request within 0.3 s\n");
+    close(fd);
+  }
+}
+
+TEST_F(DiagnosticSocketTest, AClientThatKeepsSendingIsNotIdle) {
+  serveEcho(1.0);
+  const std::string answer = whileServing([&] {
+    const int fd = connectTo(path_);
+    // Each byte comes before the timeout runs out, the whole line after it.
+    for (char c : std::string("slowly")) {
+      send(fd, &c, 1, MSG_NOSIGNAL);
+      usleep(300000);
+    }
+    send(fd, "\n", 1, MSG_NOSIGNAL);
+    std::string got;
+    char chunk[256];
+    for (ssize_t n; (n = read(fd, chunk, sizeof(chunk))) > 0;) got.append(chunk, size_t(n));
+    close(fd);
+    return got;
+  });
+  EXPECT_EQ(answer, "you said: slowly\n");
+  EXPECT_EQ(server_->idleClosed(), 0u);
+}
+
+TEST_F(DiagnosticSocketTest, AnIdleTimeoutThatIsNotAPositiveTimeIsRefused) {
+  for (double bad : {0.0, -1.0, std::nan(""), HUGE_VAL}) {
+    EXPECT_THROW(DiagnosticServer(
+                     path_, [](const std::string&, int) {}, bad),
+                 SocketError)
+        << bad;
+    EXPECT_NE(access(path_.c_str(), F_OK), 0);
+  }
 }
 
 TEST_F(DiagnosticSocketTest, ALargeAnswerArrivesWhole) {

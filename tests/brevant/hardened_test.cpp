@@ -78,4 +78,62 @@ TEST_P(SevenRequests, HardenedNothingStopsAndTheWideCreateSucceeds) {
 
 INSTANTIATE_TEST_SUITE_P(FullAndSmall, SevenRequests, testing::Values(U16(0), U16(64)));
 
+// Hardened, a simulated bound that would leave the table inconsistent is
+// refused and changes nothing: an odd one (the swap index, and so the top of
+// the wide region, at an odd index).
+TEST_F(NextHopTableTest, HardenedRefusesAnOddSimulatedBound) {
+  m().hardenedIs(true);
+  m().setSimulationMode(true, 65);
+  EXPECT_FALSE(m().simMode());
+  EXPECT_EQ(m().getNextHopTableBound(), 65534);
+  m().setSimulationMode(true, 64);
+  ASSERT_TRUE(m().simMode());
+  EXPECT_EQ(m().getNextHopTableBound(), 64);
+  const S32 wide = create(1, true);
+  ASSERT_GT(wide, 0);
+  EXPECT_EQ(m().ecmpGroups(U16(wide))->hwStartIndex() % 2, 0);
+  expectTableMatchesRecords(m());
+}
+
+// While simulation mode is on the pools stay trimmed at its bound: another
+// bound is refused, whether simulation mode stays on or is left (leaving
+// gives back every entry from the bound given, the reserved ones included).
+TEST_F(NextHopTableTest, HardenedKeepsTheSimulatedBoundWhileSimulationModeIsOn) {
+  m().setSimulationMode(true, 64);
+  m().hardenedIs(true);
+  m().setSimulationMode(true, 256);
+  EXPECT_EQ(m().getNextHopTableBound(), 64);
+  m().setSimulationMode(false, 0);
+  EXPECT_TRUE(m().simMode());
+  EXPECT_FALSE(m().freeEntries(1));
+  m().setSimulationMode(false, 64);
+  EXPECT_FALSE(m().simMode());
+  EXPECT_EQ(m().getNextHopTableBound(), 65534);
+  EXPECT_TRUE(m().freeEntries(1000));
+}
+
+// Entering simulation mode with a group at or above the new swap index is
+// refused too: the group would lie in the swap area or beyond the table.
+TEST_F(NextHopTableTest, HardenedRefusesASimulatedBoundBelowAGroup) {
+  m().hardenedIs(true);
+  ASSERT_GT(create(2, true), 0);
+  m().setSimulationMode(true, 64);
+  EXPECT_FALSE(m().simMode());
+  expectTableMatchesRecords(m());
+}
+
+// Off, the reference's behaviour: the odd bound is taken, and the next wide
+// create finds its block at an odd index and stops the process.
+TEST_F(NextHopTableDeathTest, OddSimulatedBoundStopsTheNextWideCreate) {
+  EXPECT_DEATH(
+      {
+        Kiln::ActivityLockGuard activity;
+        Kiln::Ptr<NextHopManager> m = new NextHopManager();
+        m->setSimulationMode(true, 65);
+        m->createECMPGroup(0, true, true, 1, wordRun(1, 0x1000), wordRun(1, 0x9000),
+                           Brevant::RoutingUnicastFeature, false);
+      },
+      HasSubstr("Assertion `(index % 2) == 0' failed."));
+}
+
 }  // namespace

@@ -8,7 +8,9 @@
 
 #include <initializer_list>
 #include <optional>
+#include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "Brevant/DefragManager.h"
@@ -131,6 +133,28 @@ class NextHopTableTest : public testing::Test {
  private:
   std::optional<Kiln::ActivityLockGuard> activity_;
   Trace::LevelMask savedLevels_ = Trace::noLevels;
+};
+
+// Long random runs, parameterised by (seed, simulated bound or 0 for the
+// full table, steps): the traces off, the table simulated at the bound when
+// there is one, and a generator seeded so that a failure reproduces.
+class RandomTableTest : public NextHopTableTest,
+                        public testing::WithParamInterface<std::tuple<unsigned, U16, int>> {
+ protected:
+  void SetUp() override {
+    NextHopTableTest::SetUp();
+    Brevant::nextHopTrace().levelsIs(Trace::noLevels);
+    if (bound()) m().setSimulationMode(true, bound());
+    random_.seed(std::get<0>(GetParam()));
+  }
+
+  U16 bound() const { return std::get<1>(GetParam()); }
+  int steps() const { return std::get<2>(GetParam()); }
+
+  // A number from lo to hi, both included.
+  U32 pick(U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random_); }
+
+  std::mt19937 random_;
 };
 
 // Death tests build their manager inside the statement, with the activity

@@ -37,21 +37,8 @@ Snapshot snapshot(const NextHopManager& m) {
           m.lastNarrowIndex(),    m.lastWideIndex()};
 }
 
-// (seed, simulated bound or 0 for the full table, steps)
-class NextHopTableRandomTest : public NextHopTableTest,
-                               public testing::WithParamInterface<std::tuple<unsigned, U16, int>> {
+class NextHopTableRandomTest : public RandomTableTest {
  protected:
-  void SetUp() override {
-    NextHopTableTest::SetUp();
-    Brevant::nextHopTrace().levelsIs(Trace::noLevels);
-    if (bound()) m().setSimulationMode(true, bound());
-    random_.seed(std::get<0>(GetParam()));
-  }
-
-  U16 bound() const { return std::get<1>(GetParam()); }
-
-  U32 pick(U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random_); }
-
   // Mostly small groups, now and then a large one; wide groups take twice
   // the entries, so at most 128 next hops.
   U16 groupSize(bool wide) {
@@ -164,14 +151,13 @@ class NextHopTableRandomTest : public NextHopTableTest,
     ASSERT_EQ(m().readNextHop(id, g->size()), NextHopEntry());
   }
 
-  std::mt19937 random_;
   int creates_ = 0;
   int failedCreates_ = 0;
   int deletes_ = 0;
 };
 
 TEST_P(NextHopTableRandomTest, KeepsTheTableConsistentThroughEveryStep) {
-  const int steps = std::get<2>(GetParam());
+  const int steps = this->steps();
   for (int step = 0; step < steps; ++step) {
     SCOPED_TRACE("step " + std::to_string(step));
     const std::vector<U16> ids = featureGroups(m());

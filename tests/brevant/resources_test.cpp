@@ -13,77 +13,13 @@
 #include "Kiln/TypeRecord.h"
 #include "next_hop_table_fixture.h"
 #include "support/RecordingOwner.h"
+#include "support/ResourceRecount.h"
 
 namespace {
 
 using namespace NextHopTest;
 using Brevant::GroupPlacement;
 using Brevant::NextHopResources;
-
-// The figures of NextHopResources, recounted from the manager's records by
-// walking every entry.
-struct Recount {
-  U32 narrowUsed = 0, narrowFree = 0, wideUsed = 0, wideFree = 0, swapUsed = 0, swapFree = 0;
-  U32 totalFree = 0;
-  double usedPercent = 0;
-  U32 narrowGroups = 0, wideGroups = 0;
-  U32 largestNarrowBlock = 0, largestWideBlock = 0;
-  U32 freeRuns = 0;
-  double fragmentationPercent = 0;
-};
-
-// The longest run of free entries among first .. last - 1.
-U32 longestRun(const std::vector<bool>& free, U32 first, U32 last) {
-  U32 longest = 0;
-  U32 run = 0;
-  for (U32 i = first; i < last; ++i) {
-    run = free[i] ? run + 1 : 0;
-    longest = std::max(longest, run);
-  }
-  return longest;
-}
-
-Recount recount(NextHopManager& m, U32 shortLength) {
-  Recount r;
-  std::vector<bool> free(65536, false);
-  for (const auto& member : m.freeEntries()) {
-    if (member.value()) free[member.key()] = true;
-  }
-  const U32 bound = m.getNextHopTableBound();
-  const U32 swapIndex = m.getNextHopTableSwapIndex();
-  const U32 swapFirst = std::min(swapIndex, bound);
-  const U32 narrowLast = std::min<U32>(m.lastNarrowIndex() + 1, swapFirst);
-  const U32 wideFirst = std::max<U32>(m.lastWideIndex(), narrowLast);
-  auto count = [&](U32 first, U32 last, U32* used, U32* freeCount) {
-    for (U32 i = first; i < last; ++i) (free[i] ? *freeCount : *used) += 1;
-  };
-  count(3, narrowLast, &r.narrowUsed, &r.narrowFree);
-  count(wideFirst, swapFirst, &r.wideUsed, &r.wideFree);
-  count(swapFirst, bound, &r.swapUsed, &r.swapFree);
-  r.totalFree = U32(std::count(free.begin(), free.end(), true));
-  r.usedPercent = 100.0 * (bound > r.totalFree ? bound - r.totalFree : 0) / bound;
-  for (const auto& placed : m.hwStartToGroupId()) {
-    (m.ecmpGroups(placed.value())->wide() ? r.wideGroups : r.narrowGroups) += 1;
-  }
-  r.largestNarrowBlock = std::min(256u, longestRun(free, 0, m.lastWideIndex()));
-  r.largestWideBlock = swapIndex > U32(m.lastNarrowIndex()) + 1
-                           ? std::min(256u, longestRun(free, m.lastNarrowIndex() + 1, swapIndex))
-                           : 0;
-  U32 shortFree = 0;
-  for (U32 i = 0; i < 65536;) {
-    if (!free[i]) {
-      ++i;
-      continue;
-    }
-    U32 end = i;
-    while (end < 65536 && free[end]) ++end;
-    ++r.freeRuns;
-    if (end - i < shortLength) shortFree += end - i;
-    i = end;
-  }
-  r.fragmentationPercent = r.totalFree == 0 ? 0.0 : 100.0 * shortFree / r.totalFree;
-  return r;
-}
 
 // What the tests count themselves: refusals by code and compaction work.
 struct Tally {
@@ -95,24 +31,9 @@ struct Tally {
 };
 
 void expectMatches(NextHopManager& m, const Tally& t, const std::string& step) {
-  const NextHopResources& res = *m.resources();
-  const Recount r = recount(m, t.shortLength);
   SCOPED_TRACE(step);
-  EXPECT_EQ(res.narrowUsed(), r.narrowUsed);
-  EXPECT_EQ(res.narrowFree(), r.narrowFree);
-  EXPECT_EQ(res.wideUsed(), r.wideUsed);
-  EXPECT_EQ(res.wideFree(), r.wideFree);
-  EXPECT_EQ(res.swapUsed(), r.swapUsed);
-  EXPECT_EQ(res.swapFree(), r.swapFree);
-  EXPECT_EQ(res.totalFree(), r.totalFree);
-  EXPECT_DOUBLE_EQ(res.usedPercent(), r.usedPercent);
-  EXPECT_EQ(res.narrowGroups(), r.narrowGroups);
-  EXPECT_EQ(res.wideGroups(), r.wideGroups);
-  EXPECT_EQ(res.largestNarrowBlock(), r.largestNarrowBlock);
-  EXPECT_EQ(res.largestWideBlock(), r.largestWideBlock);
-  EXPECT_EQ(res.freeRuns(), r.freeRuns);
-  EXPECT_EQ(res.largestGroupSeen(), t.shortLength);
-  EXPECT_DOUBLE_EQ(res.fragmentationPercent(), r.fragmentationPercent);
+  expectFiguresMatchRecount(m, t.shortLength);
+  const NextHopResources& res = *m.resources();
   for (S32 code : {-1, -2, -7}) {
     const auto it = t.refused.find(code);
     EXPECT_EQ(res.createsRefused(code), it == t.refused.end() ? 0u : it->second) << code;
@@ -126,23 +47,15 @@ void expectMatches(NextHopManager& m, const Tally& t, const std::string& step) {
   EXPECT_DOUBLE_EQ(res.longestCompactionRun(), t.longest);
 }
 
-// (seed, simulated bound or 0 for the full table, steps)
-class ResourcesRandomTest : public NextHopTableTest,
-                            public testing::WithParamInterface<std::tuple<unsigned, U16, int>> {
+class ResourcesRandomTest : public RandomTableTest {
  protected:
   void SetUp() override {
-    NextHopTableTest::SetUp();
-    Brevant::nextHopTrace().levelsIs(Trace::noLevels);
-    if (bound()) m().setSimulationMode(true, bound());
-    random_.seed(std::get<0>(GetParam()));
+    RandomTableTest::SetUp();
     for (U32 f = 0; f <= 4; ++f) {
       owners_.push_back(new RecordingOwner("owner" + std::to_string(f), FeatureType(f)));
       m().featuresIs(owners_.back());
     }
   }
-
-  U16 bound() const { return std::get<1>(GetParam()); }
-  U32 pick(U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random_); }
 
   std::vector<U16> groups() {
     std::vector<U16> ids;
@@ -251,7 +164,6 @@ class ResourcesRandomTest : public NextHopTableTest,
     m().setSimulationMode(!m().simMode(), bound());
   }
 
-  std::mt19937 random_;
   std::vector<Kiln::Ptr<RecordingOwner>> owners_;
   Tally tally_;
   bool stepping_ = false;
@@ -263,7 +175,7 @@ TEST_P(ResourcesRandomTest, EveryCounterEqualsItsRecountAfterEveryStep) {
     if (stepping_) clock_->advance(0.03);
   });
   expectMatches(m(), tally_, "start");
-  const int steps = std::get<2>(GetParam());
+  const int steps = this->steps();
   for (int step = 0; step < steps && !HasFatalFailure(); ++step) {
     stepping_ = false;
     const U32 op = pick(0, 99);

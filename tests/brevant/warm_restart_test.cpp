@@ -16,6 +16,7 @@
 #include "Brevant/WarmRestart.h"
 #include "next_hop_table_fixture.h"
 #include "support/RecordComparison.h"
+#include "support/ResourceRecount.h"
 
 namespace {
 
@@ -62,8 +63,9 @@ std::string resealed(const std::string& text) {
   char checksum[17];
   std::snprintf(checksum, sizeof checksum, "%016llx",
                 static_cast<unsigned long long>(Brevant::snapshotChecksum(body)));
-  return "brevant-next-hop-snapshot 1\nlength " + std::to_string(body.size()) +
-         "\nchecksum fnv1a-64w " + checksum + "\n" + body;
+  return "brevant-next-hop-snapshot " + std::to_string(Brevant::snapshotFormatVersion) +
+         "\nlength " + std::to_string(body.size()) + "\nchecksum fnv1a-64w " + checksum + "\n" +
+         body;
 }
 
 class WarmRestartTest : public NextHopTableTest {
@@ -122,6 +124,68 @@ class WarmRestartTest : public NextHopTableTest {
     m().getECMPGroup(60000);  // the placeholder group 65535
   }
 
+  // A history that every resource counter shows: creates refused for two
+  // reasons, compaction runs cut by their budget with the time they took,
+  // moves direct and through the swap area, and both alarms raised.
+  void countedHistory() {
+    m().setSimulationMode(true, 256);
+    std::vector<S32> ids;
+    for (S32 id; (id = create(4, ids.size() % 5 == 0, 0x1000 * (ids.size() + 1))) > 0;) {
+      ids.push_back(id);
+    }
+    for (size_t i = 0; i < ids.size(); i += 2) ASSERT_EQ(m().deleteECMPGroup(0, U16(ids[i])), 0);
+    ASSERT_EQ(create(12), -2);
+    ASSERT_EQ(create(0), -1);
+    FmSim::writeObserverIs([this](const FmSim::Call&, const U64*) { clock_->advance(0.03); });
+    clock_->advance(defrag().defragDelay());
+    FmSim::writeObserverIs({});
+    Brevant::NextHopResources& res = *m().resources();
+    res.usedHighWatermarkIs(20);
+    res.usedLowWatermarkIs(10);
+    res.fragmentationHighWatermarkIs(0.5);
+    res.fragmentationLowWatermarkIs(0.25);
+    ASSERT_GT(res.compactionRuns(), 0u);
+    ASSERT_GT(res.compactionRunsCut(), 0u);
+    ASSERT_GT(res.groupsMoved(), 0u);
+    ASSERT_GT(res.compactionTime(), 0.0);
+    ASSERT_GT(res.createsRefused(-2), 0u);
+    ASSERT_TRUE(res.usedAlarm());
+  }
+
+  // restored's counters are the old manager's, attribute by attribute, and
+  // its figures equal a recount from its records.
+  void expectSameCounters(NextHopManager& restored) {
+    const std::vector<std::string> differences =
+        recordDifferences(*m().resources(), *restored.resources());
+    EXPECT_TRUE(differences.empty()) << ::testing::PrintToString(differences);
+    expectFiguresMatchRecount(restored, m().resources()->largestGroupSeen());
+  }
+
+  // A table of 128 entries whose last create asked for a defragmentation
+  // (a full delay from now), and the clock one second on.
+  void scheduleDefragmentation() {
+    m().setSimulationMode(true, 128);
+    fragment(12);
+    // A group longer than any hole asks for a defragmentation.
+    while (create(6) > 0) {
+    }
+    ASSERT_TRUE(defrag().scheduleDefragment());
+    ASSERT_EQ(defrag().defragScheduler()->timeMin(), clock_->now() + defrag().defragDelay());
+    clock_->advance(1.0);
+  }
+
+  // cold's counters are those of a table that has just been initialised.
+  void expectFreshCounters(NextHopManager& cold) {
+    expectFiguresMatchRecount(cold, 0);
+    const Brevant::NextHopResources& res = *cold.resources();
+    EXPECT_EQ(res.totalFree(), cold.getNextHopTableBound() - 3u);
+    EXPECT_EQ(res.compactionRuns(), 0u);
+    EXPECT_EQ(res.groupsMoved(), 0u);
+    EXPECT_EQ(res.createsRefused(-2), 0u);
+    EXPECT_EQ(res.usedHighWatermark(), 0.0);
+    EXPECT_FALSE(res.usedAlarm());
+  }
+
   std::string path_;
 };
 
@@ -173,23 +237,75 @@ TEST_F(WarmRestartTest, SimulationModeSwitchesAreKeptWithTheirTrimmedPools) {
   EXPECT_EQ(restored->lastWideIndex(), m().lastWideIndex());
 }
 
-TEST_F(WarmRestartTest, AScheduledDefragmentationIsScheduledAgainAndRunsOnTheRestoredTable) {
-  m().setSimulationMode(true, 128);
-  fragment(12);
-  // A group longer than any hole asks for a defragmentation.
-  while (create(6) > 0) {
-  }
-  ASSERT_TRUE(defrag().scheduleDefragment());
-  clock_->advance(1.0);
+TEST_F(WarmRestartTest, AScheduledDefragmentationRunsWhenItWasDueOnAClockThatWentOn) {
+  scheduleDefragmentation();
+  const double due = defrag().defragScheduler()->timeMin();
   Kiln::Ptr<NextHopManager> restored = roundTrip();
   expectSameRecords(*restored);
   const U32 oldRuns = defrag().defragCount();
   manager_ = nullptr;  // the old process is gone: its timer with it
-  clock_->advance(restored->defragManager()->defragDelay() - 0.5);
+  EXPECT_EQ(restored->defragManager()->defragScheduler()->timeMin(), due);
+  clock_->timeIs(due - 0.5);
   EXPECT_EQ(restored->defragManager()->defragCount(), oldRuns);
-  clock_->advance(1.0);
+  clock_->timeIs(due);
   EXPECT_GT(restored->defragManager()->defragCount(), oldRuns);
   expectTableMatchesRecords(*restored);
+}
+
+TEST_F(WarmRestartTest, OnAClockThatStartedAgainTheTimeLeftIsKept) {
+  scheduleDefragmentation();
+  const double left = defrag().defragScheduler()->timeMin() - clock_->now();
+  ASSERT_EQ(left, defrag().defragDelay() - 1.0);
+  Brevant::saveSnapshot(m(), path_);
+  const U32 oldRuns = defrag().defragCount();
+  manager_ = nullptr;
+  // The new process's clock starts at 0 again.
+  clock_ = new Kiln::ManualClock(0);
+  Kiln::ActivityManager::instance().clockIs(clock_);
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManager(path_);
+  EXPECT_EQ(restored->defragManager()->defragScheduler()->timeMin(), left);
+  clock_->timeIs(left - 0.5);
+  EXPECT_EQ(restored->defragManager()->defragCount(), oldRuns);
+  clock_->timeIs(left);
+  EXPECT_GT(restored->defragManager()->defragCount(), oldRuns);
+}
+
+TEST_F(WarmRestartTest, ARunThatFellDueDuringTheRestartRunsAtOnce) {
+  scheduleDefragmentation();
+  Brevant::saveSnapshot(m(), path_);
+  const U32 oldRuns = defrag().defragCount();
+  manager_ = nullptr;
+  clock_->advance(60);
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManager(path_);
+  EXPECT_EQ(restored->defragManager()->defragScheduler()->timeMin(), clock_->now());
+  clock_->advance(0);
+  EXPECT_GT(restored->defragManager()->defragCount(), oldRuns);
+}
+
+TEST_F(WarmRestartTest, WithoutTheTimersTimeARunIsScheduledAFullDelayFromNow) {
+  scheduleDefragmentation();
+  // A version 1 snapshot carries no timer line.
+  std::string text = Brevant::snapshotText(m());
+  const size_t timer = text.find("\ntimer\t");
+  ASSERT_NE(timer, std::string::npos);
+  text = resealed(text.erase(timer + 1, text.find('\n', timer + 1) - timer));
+  manager_ = nullptr;
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManagerFromText(text);
+  EXPECT_EQ(restored->defragManager()->defragScheduler()->timeMin(),
+            clock_->now() + restored->defragManager()->defragDelay());
+}
+
+TEST_F(WarmRestartTest, ABadTimerLineIsCorrupt) {
+  scheduleDefragmentation();
+  const std::string text = Brevant::snapshotText(m());
+  const size_t timer = text.find("\ntimer\t") + 1;
+  const size_t end = text.find('\n', timer);
+  for (const char* line : {"timer\t1\tinf", "timer\tx\t5", "timer\t1", "timer\t1\t5\t6"}) {
+    SCOPED_TRACE(line);
+    EXPECT_THROW(Brevant::restoreNextHopManagerFromText(
+                     resealed(text.substr(0, timer) + line + text.substr(end))),
+                 SnapshotError);
+  }
 }
 
 TEST_F(WarmRestartTest, AManagerCaughtBetweenTwoDefragmentationRunsComesBackIdentical) {
@@ -247,6 +363,201 @@ TEST_F(WarmRestartTest, TheSnapshotIsReplacedWholeAndLeavesNoTemporaryFile) {
   EXPECT_NE(access((path_ + ".tmp." + std::to_string(getpid())).c_str(), F_OK), 0);
   EXPECT_THROW(Brevant::saveSnapshot(m(), "/nonexistent-directory/snapshot"), Kiln::ErrnoException);
   EXPECT_EQ(readAll(path_), Brevant::snapshotText(m()));
+}
+
+// ---- The resource counters of a restored manager.
+
+TEST_F(WarmRestartTest, ARestoredManagerKeepsEveryResourceCounter) {
+  countedHistory();
+  Kiln::Ptr<NextHopManager> restored = roundTrip();
+  expectSameRecords(*restored);
+  expectSameCounters(*restored);
+  // The restored counters go on from there: the same create on both tables.
+  manager_ = nullptr;
+  ASSERT_GT(restored->createECMPGroup(0, false, true, 2, wordRun(2, 0x77), wordRun(2, 0x88),
+                                      Brevant::RoutingUnicastFeature, false),
+            0);
+  expectFiguresMatchRecount(*restored, restored->resources()->largestGroupSeen());
+}
+
+TEST_F(WarmRestartTest, AFreshOrFullTableRestoresItsFiguresToo) {
+  Kiln::Ptr<NextHopManager> fresh = roundTrip();
+  expectSameCounters(*fresh);
+  fresh = nullptr;
+  m().setSimulationMode(true, 512);
+  fragment(40);
+  while (create(3) > 0) {
+  }
+  Kiln::Ptr<NextHopManager> full = roundTrip();
+  expectSameCounters(*full);
+}
+
+TEST_F(WarmRestartTest, RewrittenGroupsKeepTheCounters) {
+  countedHistory();
+  Brevant::saveSnapshot(m(), path_);
+  const U16 start = m().ecmpGroups(4)->hwStartIndex();
+  FmSim::tableWordIs(start, 0xBAD);
+  RestoreOptions options;
+  options.policy = RestorePolicy::rewrite;
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManager(path_, options, &result);
+  ASSERT_EQ(result.outcome, RestoreResult::Outcome::rewritten);
+  expectSameCounters(*restored);
+}
+
+TEST_F(WarmRestartTest, ARefusedRestoreStartsWithTheCountersOfAFreshTable) {
+  countedHistory();
+  Brevant::saveSnapshot(m(), path_);
+  FmSim::tableWordIs(m().ecmpGroups(4)->hwStartIndex(), 0xBAD);
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> cold = Brevant::restoreNextHopManager(path_, {}, &result);
+  ASSERT_EQ(result.outcome, RestoreResult::Outcome::cold);
+  expectFreshCounters(*cold);
+}
+
+TEST_F(WarmRestartTest, ABadSnapshotStartsColdWithTheCountersOfAFreshTable) {
+  countedHistory();
+  std::string text = Brevant::snapshotText(m());
+  text[text.size() - 20] ^= 1;
+  writeAll(path_, text);
+  RestoreOptions options;
+  options.coldOnBadSnapshot = true;
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> cold = Brevant::restoreNextHopManager(path_, options, &result);
+  ASSERT_EQ(result.outcome, RestoreResult::Outcome::cold);
+  expectFreshCounters(*cold);
+  // Into the shared state, as the agent restores.
+  Kiln::Ptr<Brevant::BrevantCommonSmData> state =
+      Brevant::BrevantCommonSmData::BrevantCommonSmDataIs("agent");
+  result = Brevant::restoreNextHopManager(*state, path_, options);
+  ASSERT_EQ(result.outcome, RestoreResult::Outcome::cold);
+  expectFreshCounters(*state->nextHopManager());
+}
+
+TEST_F(WarmRestartTest, AVersion1SnapshotIsReadWithItsFiguresRecounted) {
+  countedHistory();
+  // Version 1 wrote no resource counters: the second object is left out.
+  std::string text = Brevant::snapshotText(m());
+  const size_t first = text.find("object\tBrevant::NextHopResources\n");
+  ASSERT_NE(first, std::string::npos);
+  const size_t last = text.find("end\n", first) + 4;
+  text = resealed(text.substr(0, first) + text.substr(last));
+  text.replace(0, text.find('\n'), "brevant-next-hop-snapshot 1");
+  RestoreResult result;
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManagerFromText(text, {}, &result);
+  ASSERT_EQ(result.outcome, RestoreResult::Outcome::warm);
+  expectSameRecords(*restored);
+  // The figures are the table's; the history starts again.
+  expectFiguresMatchRecount(*restored, 0);
+  EXPECT_EQ(restored->resources()->compactionRuns(), 0u);
+  EXPECT_EQ(restored->resources()->narrowGroups(), m().resources()->narrowGroups());
+  EXPECT_EQ(restored->resources()->wideGroups(), m().resources()->wideGroups());
+}
+
+// ---- The collections written through their typed accessors.
+
+// The generic rule's lines for a collection (the members' texts through the
+// type record, ascending integer keys, runs of one value text): the
+// reference the typed writer of the manager's pools must match.
+std::string genericMemberLines(const Kiln::PtrInterface& o, const std::string& name) {
+  std::vector<std::pair<U64, std::string>> members;
+  for (const Kiln::MemberText& m : o.fwkType().members(o, name)) {
+    members.emplace_back(std::stoull(m.first), m.second);
+  }
+  std::sort(members.begin(), members.end());
+  std::string out;
+  for (size_t i = 0; i < members.size();) {
+    size_t last = i;
+    while (last + 1 < members.size() && members[last + 1].first == members[last].first + 1 &&
+           members[last + 1].second == members[i].second) {
+      ++last;
+    }
+    out += (last > i ? "run\t" : "member\t") + name + "\t" + std::to_string(members[i].first);
+    if (last > i) out += "\t" + std::to_string(members[last].first);
+    out += "\t" + members[i].second + "\n";
+    i = last + 1;
+  }
+  return out;
+}
+
+// The snapshot's lines of the manager's collection name.
+std::string snapshotMemberLines(const std::string& text, const std::string& name) {
+  std::string out;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("run\t" + name + "\t") || line.starts_with("member\t" + name + "\t")) {
+      out += line + "\n";
+    }
+  }
+  return out;
+}
+
+TEST_F(WarmRestartTest, ThePoolsAreWrittenAsTheGenericRuleWritesThem) {
+  std::mt19937 rng(15);
+  auto random = [&](U32 below) { return std::uniform_int_distribution<U32>(0, below - 1)(rng); };
+  for (int round = 0; round < 6; ++round) {
+    SCOPED_TRACE(round);
+    if (round == 3) m().setSimulationMode(true, 2048);
+    std::vector<U16> live;
+    for (U32 step = 0; step < 400; ++step) {
+      if (random(3) != 0 || live.empty()) {
+        const S32 id = create(U16(1 + random(12)), random(4) == 0, 0x10000 * (step + 1));
+        if (id > 0) live.push_back(U16(id));
+      } else {
+        const size_t k = random(U32(live.size()));
+        ASSERT_EQ(m().deleteECMPGroup(0, live[k]), 0);
+        live.erase(live.begin() + k);
+      }
+    }
+    const std::string text = Brevant::snapshotText(m());
+    for (const char* pool :
+         {"allocatedEntries", "freeEntries", "freeGroupIds", "hwStartToGroupId"}) {
+      EXPECT_EQ(snapshotMemberLines(text, pool), genericMemberLines(m(), pool)) << pool;
+    }
+    expectSameRecords(*roundTrip());
+  }
+}
+
+TEST_F(WarmRestartTest, NextHopsWithAMissingPositionFallBackToMemberLines) {
+  fragment(6);
+  Kiln::Ptr<ECMPGroup> group = m().ecmpGroups(4);
+  ASSERT_TRUE(group && group->size() >= 2);
+  ECMPGroup::kilnType().memberDel(*group, "nextHops", "0");
+  const std::string text = Brevant::snapshotText(m());
+  EXPECT_THAT(text, ::testing::HasSubstr("member\tnextHops\t1\tValue("));
+  EXPECT_THAT(text, ::testing::HasSubstr("hops\tnextHops\t"));
+  // The chip still holds the word of the position the records lost.
+  RestoreOptions options;
+  options.policy = RestorePolicy::rewrite;
+  Kiln::Ptr<NextHopManager> restored = Brevant::restoreNextHopManagerFromText(text, options);
+  expectSameRecords(*restored);
+}
+
+TEST_F(WarmRestartTest, ABadHopsLineIsCorrupt) {
+  fragment(6);
+  const std::string text = Brevant::snapshotText(m());
+  const size_t hops = text.find("hops\tnextHops\t");
+  ASSERT_NE(hops, std::string::npos);
+  const size_t items = text.find('\t', hops + 14) + 1;
+  const size_t end = text.find('\n', items);
+  const std::string count = text.substr(hops + 14, items - 1 - (hops + 14));
+  auto expectCorrupt = [&](const std::string& line) {
+    SCOPED_TRACE(line);
+    try {
+      Brevant::restoreNextHopManagerFromText(
+          resealed(text.substr(0, hops) + line + text.substr(end)));
+      ADD_FAILURE() << "no error";
+    } catch (const SnapshotError& e) {
+      EXPECT_EQ(e.problem(), SnapshotError::Problem::corrupt) << e.what();
+    }
+  };
+  const std::string good = text.substr(items, end - items);
+  expectCorrupt("hops\tnextHops\t" + std::to_string(std::stoul(count) + 1) + "\t" + good);
+  expectCorrupt("hops\tnextHops\t" + count + "\t" + good + " 5:0:1:1");
+  expectCorrupt("hops\tnextHops\t" + count + "\t" + good.substr(0, good.size() - 1) + "x");
+  expectCorrupt("hops\tnextHops\t" + count + "\t70000" + good.substr(good.find(':')));
+  expectCorrupt("hops\tnextHops\t0\t");
+  expectCorrupt("hops\tfreeEntries\t" + count + "\t" + good);
 }
 
 // ---- Bad snapshots.
@@ -458,6 +769,7 @@ TEST_F(WarmRestartTest, RestartsInsideRandomChurnKeepTheTableHitless) {
       EXPECT_EQ(tableWords(512), before);
       const std::vector<std::string> differences = recordDifferences(m(), *restored);
       ASSERT_TRUE(differences.empty()) << ::testing::PrintToString(differences);
+      expectSameCounters(*restored);
       manager_ = restored;
       ++restarts;
       checker =

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -375,6 +376,45 @@ TEST(Reflect, NotSupportedTextNamesTypeAndAttribute) {
     FAIL() << "no exception";
   } catch (const Kiln::OperationNotSupportedException& e) {
     EXPECT_STREQ(e.what(), "KilnTest::Station has no attribute nothing");
+  }
+}
+
+TEST(Reflect, AnAccessTheKindDoesNotAllowNamesTheObjectsOwnTypeAndAttribute) {
+  // The refusal comes from the base's record, which must still name the
+  // type and attribute the caller asked about, never a base and an index.
+  Kiln::Ptr<Chip> c = new Chip(1, 1);
+  const Kiln::TypeRecord& chip = c->fwkType();
+  auto textOf = [](const std::function<void()>& access) -> std::string {
+    try {
+      access();
+    } catch (const Kiln::OperationNotSupportedException& e) {
+      return e.what();
+    }
+    return "no exception";
+  };
+  EXPECT_EQ(textOf([&] { chip.set(*c, "sw", "2"); }),
+            "KilnTest::Chip has no writable attribute sw");
+  EXPECT_EQ(textOf([&] { chip.members(*c, "label"); }),
+            "KilnTest::Chip has no collection attribute label");
+  EXPECT_EQ(textOf([&] { chip.child(*c, "maxSlice"); }),
+            "KilnTest::Chip has no entity attribute maxSlice");
+  EXPECT_EQ(textOf([&] { chip.memberIs(*c, "freed", "1", "2"); }),
+            "KilnTest::Chip has no value collection attribute freed");
+  EXPECT_EQ(textOf([&] { chip.set(*c, 9999u, "2"); }),
+            "KilnTest::Chip has no writable attribute 9999");
+  Kiln::Ptr<Station> s = Station::StationIs("s");
+  EXPECT_EQ(textOf([&] { s->fwkType().set(*s, "name", "'x'"); }),
+            "KilnTest::Station has no writable attribute name");
+}
+
+TEST(TypeRecord, RecordsWhichAttributesTheSchemaMarksSettable) {
+  const Kiln::TypeRecord& chip = record("KilnTest::Chip");
+  EXPECT_TRUE(chip.attribute("maxSlice")->settable);
+  for (const Kiln::AttributeRecord* a : chip.attributes()) {
+    EXPECT_EQ(a->settable, a->name == "maxSlice") << a->name;
+  }
+  for (const Kiln::AttributeRecord* a : record("Kiln::Entity").attributes()) {
+    EXPECT_FALSE(a->settable) << a->name;
   }
 }
 

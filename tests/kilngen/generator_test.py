@@ -106,6 +106,10 @@ class Errors(unittest.TestCase):
          "t.kiln:2: 'strep bare' needs exactly one field"),
         ("namespace T\nvalue V\n  field a : U8\n\tfield b : U8\n",
          "t.kiln:4: indent with blanks, not tabs"),
+        ("namespace T\nentity E : Kiln::Entity\n  coll c : U8 -> U8 settable\n",
+         "t.kiln:3: only a scalar attribute is 'settable'"),
+        ("namespace T\nentity E : Kiln::Entity\n  key k : U8 settable\n",
+         "t.kiln:3: only a scalar attribute is 'settable'"),
         ("namespace T\nentity E : Kiln::Entity\n  op bad\n",
          "t.kiln:3: an operation reads"),
     ]

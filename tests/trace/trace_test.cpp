@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <set>
 #include <thread>
@@ -51,6 +52,29 @@ TEST(TraceLevels, ParseRejectsLevelsOutsideOneToNineAndBadText) {
   } catch (const Kiln::RangeException& e) {
     EXPECT_STREQ(e.what(), "bad trace levels '1,x'");
   }
+}
+
+TEST(TraceLevels, TextOfAMaskReadsBackAsTheSameMask) {
+  EXPECT_EQ(Trace::levelsText(Trace::noLevels), "none");
+  EXPECT_EQ(Trace::levelsText(Trace::allLevels), "all");
+  EXPECT_EQ(Trace::levelsText(Trace::parseLevels("1-4,8")), "1-4,8");
+  EXPECT_EQ(Trace::levelsText(Trace::levelBit(9) | Trace::levelBit(1)), "1,9");
+  EXPECT_EQ(Trace::levelsText(Trace::parseLevels("2-3,3-5")), "2-5");
+  for (Trace::LevelMask mask = 0; mask <= Trace::allLevels; mask += 2) {
+    EXPECT_EQ(Trace::parseLevels(Trace::levelsText(mask)), mask) << mask;
+  }
+}
+
+TEST(TraceHandles, ListsTheHandlesCreatedAndFindsWithoutCreating) {
+  EXPECT_EQ(Trace::existingHandle("TraceTestNeverCreated"), nullptr);
+  EXPECT_EQ(Trace::existingHandle("TraceTestNeverCreated"), nullptr);
+  Trace::Handle& made = freshHandle("TraceTestListed");
+  EXPECT_EQ(Trace::existingHandle("TraceTestListed"), &made);
+  std::vector<std::string> names;
+  for (const Trace::Handle* h : Trace::handles()) names.push_back(h->name());
+  EXPECT_TRUE(std::is_sorted(names.begin(), names.end()));
+  EXPECT_EQ(std::count(names.begin(), names.end(), "TraceTestListed"), 1);
+  EXPECT_EQ(std::count(names.begin(), names.end(), "TraceTestNeverCreated"), 0);
 }
 
 TEST(TraceLevels, LevelBitIsZeroOutsideOneToNine) {

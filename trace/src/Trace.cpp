@@ -100,6 +100,19 @@ class Registry {
     return result;
   }
 
+  Handle* find(std::string_view name) {
+    std::lock_guard<std::mutex> hold(mutex_);
+    auto found = handles_.find(name);
+    return found == handles_.end() ? nullptr : found->second.get();
+  }
+
+  std::vector<Handle*> all() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    std::vector<Handle*> result;
+    for (auto& [name, handle] : handles_) result.push_back(handle.get());
+    return result;
+  }
+
   void configure(std::string_view text) {
     std::vector<Setting> added = parseSettings(text);
     std::lock_guard<std::mutex> hold(mutex_);
@@ -160,6 +173,23 @@ LevelMask parseLevels(std::string_view text) {
   return mask;
 }
 
+std::string levelsText(LevelMask levels) {
+  levels &= allLevels;
+  if (levels == noLevels) return "none";
+  if (levels == allLevels) return "all";
+  std::string text;
+  for (int first = minLevel; first <= maxLevel; ++first) {
+    if (!(levels & levelBit(first))) continue;
+    int last = first;
+    while (last < maxLevel && (levels & levelBit(last + 1))) ++last;
+    if (!text.empty()) text += ',';
+    text += std::to_string(first);
+    if (last > first) text += '-' + std::to_string(last);
+    first = last;
+  }
+  return text;
+}
+
 Handle::Handle(std::string name, LevelMask levels)
     : name_(std::move(name)), levels_(levels & allLevels) {}
 
@@ -176,6 +206,10 @@ void Handle::levelIs(int level, bool on) {
 }
 
 Handle& handle(std::string_view name) { return registry().handle(name); }
+
+Handle* existingHandle(std::string_view name) { return registry().find(name); }
+
+std::vector<Handle*> handles() { return registry().all(); }
 
 void configure(std::string_view settings) { registry().configure(settings); }
 

@@ -12,10 +12,12 @@
 //   ... features register their callbacks again and find their groups by id ...
 //
 // The snapshot is the manager written through its type record (every
-// attribute, collection member and owned record in its text form, see
-// docs/warm-restart.md), plus a digest of the words the chip holds in each
-// run of free entries. The format is versioned and checksummed, and a file is
-// replaced atomically.
+// attribute, collection member and owned record in its text form; the pools
+// and next hops that a full table holds by the tens of thousands through
+// their typed accessors, see docs/warm-restart.md), its resource counters,
+// the defragmentation timer's due time, and a digest of the words the chip
+// holds in each run of free entries. The format is versioned and
+// checksummed, and a file is replaced atomically.
 #pragma once
 
 #include <string>
@@ -30,8 +32,10 @@
 
 namespace Brevant {
 
-// The format this library writes and the only one it reads.
-constexpr U32 snapshotFormatVersion = 1;
+// The format this library writes, and the oldest one it still reads (a
+// version 1 snapshot has no resource counters: their history starts at 0).
+constexpr U32 snapshotFormatVersion = 2;
+constexpr U32 oldestSnapshotFormatVersion = 1;
 
 // A snapshot that cannot be used: the file is absent or unreadable, shorter
 // than its header says, fails its checksum or does not parse, or was written
@@ -126,9 +130,11 @@ const char* outcomeName(RestoreResult::Outcome outcome);
 
 // Builds a manager from the snapshot at path (or from its text) on the chip
 // as it is, following options; fills *result when given. Every record is
-// filled through the manager's own mutators. A defragmentation that was
-// scheduled is scheduled again (at now + its delay). Throws SnapshotError
-// for a bad snapshot unless options ask to start cold.
+// filled through the manager's own mutators; the resource counters keep
+// their history and their figures are counted again from the records. A
+// defragmentation that was scheduled is scheduled again for the time it was
+// due (or, on a clock that started again, after the time that was left).
+// Throws SnapshotError for a bad snapshot unless options ask to start cold.
 Kiln::Ptr<NextHopManager> restoreNextHopManager(const std::string& path,
                                                 const RestoreOptions& options = {},
                                                 RestoreResult* result = nullptr);

@@ -57,6 +57,10 @@ struct AttributeRecord {
   AttributeKind kind = AttributeKind::scalar;
   std::string typeName;     // the C++ type of the value (of a member's value)
   std::string keyTypeName;  // the key type of a collection, else empty
+  // Declared `settable` in its schema: an operator may change it while the
+  // owner runs (through a tool that checks the value first). The reflective
+  // set() itself does not look at it.
+  bool settable = false;
 };
 
 struct OperationRecord {
@@ -190,6 +194,9 @@ class TypeRecord {
   [[noreturn]] void notSupported(std::string_view what, std::string_view name) const;
   // Same, naming the attribute with that index.
   [[noreturn]] void notSupported(std::string_view what, U32 index) const;
+  // Same, naming o's own type and its attribute with that index: a record
+  // reached by forwarding to a base names the object's type, not the base.
+  [[noreturn]] void notSupported(const PtrInterface& o, std::string_view what, U32 index) const;
   // Throws unless args has exactly `count` entries.
   void expectArguments(std::string_view operation, const std::vector<std::string>& args,
                        std::size_t count) const;

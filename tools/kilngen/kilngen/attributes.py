@@ -64,9 +64,10 @@ class Emitter:
 
     def records(self):
         owner = self.owner.name
+        settable = ", true" if self.a.settable else ""
         return [f"{{{cpp_string(self.x)}, {owner}::{self.index}, "
                 f"Kiln::AttributeKind::{self.record_kind}, {cpp_string(self.T)}, "
-                f"{cpp_string(self.a.key_type)}}}"]
+                f"{cpp_string(self.a.key_type)}{settable}}}"]
 
     # --- pieces of the class; empty unless the kind has them
     def member_types(self):

@@ -21,6 +21,7 @@ class Attribute:
     custom: bool = False      # hand-written setter
     observed: bool = False    # collection of values: every member change calls xObserved
     plain: bool = False       # ctor parameter kept without a type-record entry
+    settable: bool = False    # an operator may set it at run time (recorded, not enforced)
     entity: bool = False      # collection/singleton value is an entity the owner creates
     entity_params: List[Param] = field(default_factory=list)
     by: str = ""              # entity collection keyed by this accessor of the value

@@ -252,7 +252,7 @@ class _Parser:
         a.name, decl = m.group(1), m.group(2).strip()
         words = decl.split()
         # Trailing options.
-        while words and words[-1] in ("custom", "plain", "observed"):
+        while words and words[-1] in ("custom", "plain", "settable", "observed"):
             setattr(a, words.pop(), True)
         if len(words) >= 3 and words[-2] == "by":
             a.by = words[-1]
@@ -264,6 +264,8 @@ class _Parser:
             decl = decl.strip()
         if a.custom and kind not in ("attr", "counter"):
             self.fail(number, "only a scalar attribute has a hand-written ('custom') setter")
+        if a.settable and kind not in ("attr", "counter"):
+            self.fail(number, "only a scalar attribute is 'settable'")
         if a.plain and kind != "ctor":
             self.fail(number, "only a constructor parameter is 'plain'")
         if a.observed and kind not in ("coll", "ordered"):

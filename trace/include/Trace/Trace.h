@@ -57,6 +57,10 @@ constexpr LevelMask allLevels = 0x3FE;
 // names a level outside 1..9.
 LevelMask parseLevels(std::string_view text);
 
+// The shortest LEVELS text of a mask that parseLevels reads back: "none",
+// "all", or levels and ranges in ascending order ("1-4,8").
+std::string levelsText(LevelMask levels);
+
 class Handle {
  public:
   explicit Handle(std::string name, LevelMask levels = noLevels);
@@ -90,6 +94,13 @@ class Handle {
 // that configure() and BREVANT_TRACE give it. Thread-safe; the handle lives
 // until the process exits.
 Handle& handle(std::string_view name);
+
+// Returns the handle called name if it has been created, else null (and
+// creates none).
+Handle* existingHandle(std::string_view name);
+
+// Every handle created so far, ordered by name.
+std::vector<Handle*> handles();
 
 // Applies a BREVANT_TRACE-style text to the existing handles and remembers it
 // for handles created later. Throws Kiln::RangeException (and changes
