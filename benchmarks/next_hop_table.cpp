@@ -5,17 +5,13 @@
 #include <benchmark/benchmark.h>
 
 #include <map>
-#include <optional>
 #include <random>
 #include <vector>
 
 #include "Brevant/NextHopAccess.h"
 #include "Brevant/NextHopManager.h"
-#include "Brevant/NextHopTrace.h"
 #include "FmSim/FmSim.h"
-#include "Kiln/ActivityManager.h"
-#include "Kiln/Clock.h"
-#include "Kiln/Lock.h"
+#include "TableSetting.h"
 
 namespace {
 
@@ -25,39 +21,10 @@ using Brevant::U64Collection;
 // Entries of each free pool of a new manager: 3 to 65533.
 constexpr U32 poolEntries = 65531;
 
-// What every benchmark here runs under: the activity lock held (the chip
-// calls release it), a fresh simulated chip, a manual clock (the
-// defragmentation timer is armed, never fired) and the traces off.
-class TableSetting {
- public:
-  TableSetting() : levels_(Brevant::nextHopTrace().levels()) {
-    FmSim::reset();
-    Kiln::ActivityManager::instance().clockIs(new Kiln::ManualClock(0));
-    Brevant::nextHopTrace().levelsIs(Trace::noLevels);
-    activity_.emplace();
-  }
-  ~TableSetting() {
-    activity_.reset();
-    Brevant::nextHopTrace().levelsIs(levels_);
-    FmSim::reset();
-  }
-
- private:
-  Trace::LevelMask levels_;
-  std::optional<Kiln::ActivityLockGuard> activity_;
-};
-
 U64Collection wordRun(U16 size, U64 base) {
   U64Collection c;
   for (U16 p = 0; p < size; ++p) c.dataIs(p, base + p);
   return c;
-}
-
-// Reports the time per item (entry, group, operation) besides the time per
-// iteration.
-void perItem(benchmark::State& state, const char* name, double items) {
-  state.counters[name] = benchmark::Counter(
-      items, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 void NextHopManagerConstruct(benchmark::State& state) {
