@@ -40,4 +40,3 @@ inline void perItem(benchmark::State& state, const char* name, double items) {
   state.counters[name] = benchmark::Counter(
       items, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
-

@@ -112,9 +112,7 @@ void NextHopSearchFailedNarrow(benchmark::State& state) {
   S32 found = 0;
   for (auto _ : state) {
     switch (Way(state.range(0))) {
-      case Way::library:
-        found = m->findAvailableNarrowBlock(missingLength);
-        break;
+      case Way::library: found = m->findAvailableNarrowBlock(missingLength); break;
       case Way::perIndex:
         found = PerIndexReference::findAvailableNarrowBlock(*m, missingLength).result;
         break;
@@ -143,9 +141,7 @@ void NextHopSearchFailedWide(benchmark::State& state) {
   S32 found = 0;
   for (auto _ : state) {
     switch (Way(state.range(0))) {
-      case Way::library:
-        found = m->findAvailableWideBlock(missingLength);
-        break;
+      case Way::library: found = m->findAvailableWideBlock(missingLength); break;
       case Way::perIndex:
         found = PerIndexReference::findAvailableWideBlock(*m, missingLength).result;
         break;
@@ -223,9 +219,7 @@ void NextHopRemoveOnlyNarrowGroupAt3(benchmark::State& state) {
       case RemoveWay::perIndexScan:
         boundary = PerIndexReference::boundaryAfterRemoving(*m, false, 3, onlyNarrowSize).result;
         break;
-      case RemoveWay::libraryScan:
-        boundary = m->narrowBoundaryAfterRemoving(3);
-        break;
+      case RemoveWay::libraryScan: boundary = m->narrowBoundaryAfterRemoving(3); break;
     }
     benchmark::DoNotOptimize(boundary);
   }
