@@ -6,7 +6,8 @@
 // walks its whole region. Each runs beside two baselines on the same state:
 // the per-index scan the library used to make (kept by the tests in
 // PerIndexReference.h), and a plain scan of a 64-bit-word bitmap of the same
-// free entries, the cost of looking at every word once.
+// free entries, the cost of looking at every word once. A failed search
+// moves no boundary, so every iteration starts from the same state.
 //
 // NextHopRemoveOnlyNarrowGroupAt3 removes, and creates again, the only narrow
 // group, at index 3: the narrow boundary scan goes down from index 2 and
