@@ -62,22 +62,14 @@ constexpr size_t maxRequestsPerInput = 64;
 
 // The operations a feature or the defragmenter's timer makes, and queries.
 const std::set<std::string, std::less<>> allowedOperations = {
-    "createECMPGroup",
-    "deleteECMPGroup",
-    "getECMPGroup",
-    "addFeatureToGroup",
-    "updateECMPGroup",
-    "updateNextHop",
-    "readNextHop",
-    "setSimulationMode",
-    "getNextHopTableBound",
-    "getNextHopTableSwapIndex",
-    "initHandler",
-    "handleDefragInitialized",
-    "startDefragScheduler",
-    "handleDefragSchedulerTimeOut",
-    "defragment",
-    "groupPlacement",
+    "createECMPGroup",      "deleteECMPGroup",
+    "getECMPGroup",         "addFeatureToGroup",
+    "updateECMPGroup",      "updateNextHop",
+    "readNextHop",          "setSimulationMode",
+    "getNextHopTableBound", "getNextHopTableSwapIndex",
+    "initHandler",          "handleDefragInitialized",
+    "startDefragScheduler", "handleDefragSchedulerTimeOut",
+    "defragment",           "groupPlacement",
 };
 
 // Attributes that are settings: writing them keeps the table's invariants.

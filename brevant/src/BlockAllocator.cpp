@@ -89,7 +89,8 @@ S32 NextHopManager::findAvailableNarrowBlock(U16 length) {
 }
 
 S32 NextHopManager::findAvailableWideBlock(U16 length) {
-  NH_TRACE(8, "findAvailableWideBlock" << " length: " << length);
+  NH_TRACE(8, "findAvailableWideBlock"
+                  << " length: " << length);
   const U16 top = U16(getNextHopTableSwapIndex() - 1);
   NH_TRACE(4, "finding wide block from index: " << top << " of length: " << length);
   KILN_ASSERT(length <= 256);
@@ -128,16 +129,18 @@ S32 NextHopManager::updateNextHopHWIndex(U16 index, bool value) {
   } else {
     freeEntriesIs(index, true);
   }
-  freeRuns.entryIs(index, !value);
   return 0;
 }
 
-// The observers keep the table index exact: whatever changes a member (the
+// The observers keep the table index (and the free runs the resource
+// counters are published from) exact: whatever changes a member (the
 // allocator, initialisation, simulation mode, deleting every member, a write
-// by name), the index hears of it. A member whose value is false is neither
-// free nor allocated.
+// by name), they hear of it. A member whose value is false is neither free
+// nor allocated.
 void NextHopManager::freeEntriesObserved(U16 key, const bool* value) {
-  freeIndex_.set(key, value && *value);
+  const bool free = value && *value;
+  freeIndex_.set(key, free);
+  freeRuns.entryIs(key, free);
 }
 
 void NextHopManager::allocatedEntriesObserved(U16 key, const bool* value) {

@@ -7,6 +7,7 @@
 #include "Flashlog/Flashlog.h"
 #include "Kiln/Assert.h"
 #include "Kiln/Clock.h"
+#include "ResourcesHold.h"
 
 namespace Brevant {
 namespace {
@@ -96,6 +97,7 @@ void DefragManager::defragment() {
   NH_TRACE(8, "defragment");
   NextHopManager* const nhm = nhm_;
   KILN_ASSERT(nhm != NULL);
+  ResourcesHold hold(*nhm);
   // With no free entry at all there is no hole for the narrow pass to close.
   const auto* lowestFree = nhm->freeEntries().first();
   if (lowestFree && lowestFree->key() < nhm->lastNarrowIndex()) defragNarrowBlock();

@@ -8,6 +8,7 @@
 #include "Brevant/NextHopManager.h"
 #include "Brevant/NextHopTrace.h"
 #include "Kiln/Assert.h"
+#include "ResourcesHold.h"
 
 namespace Brevant {
 namespace {
@@ -69,6 +70,7 @@ S32 NextHopManager::moveECMPGroup(U16 groupId, U16 newBaseIndex, bool overlap) {
     NH_TRACE(1, "baseIndex:" << newBaseIndex << "is out of range");
     return -1;
   }
+  ResourcesHold hold(*this);
   if (overlap) {
     const U16 swapIndex = getNextHopTableSwapIndex();
     // The assertion text keeps its blanks inside the parentheses.
@@ -80,7 +82,6 @@ S32 NextHopManager::moveECMPGroup(U16 groupId, U16 newBaseIndex, bool overlap) {
   }
   moveLeg(*this, *group, newBaseIndex, numEntries, newBaseIndex);
   resources_->groupMovedIs(numEntries, overlap);
-  refreshResources();
   return 0;
 }
 

@@ -76,7 +76,6 @@ void NextHopManager::initHandler() {
     }
     for (U32 i = 3; i < getNextHopTableBound(); ++i) {
       freeEntriesIs(U16(i), true);
-      freeRuns.entryIs(U16(i), true);
       freeGroupIdsIs(U16(i), true);
     }
   }
@@ -105,7 +104,6 @@ void NextHopManager::handleSimulationMode() {
       freeEntriesIs(U16(i), true);
       freeGroupIdsIs(U16(i), true);
     }
-    freeRuns.entryIs(U16(i), !simMode_);
   }
   lastWideIndexIs(getNextHopTableSwapIndex());
   refreshResources();

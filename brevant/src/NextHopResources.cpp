@@ -116,6 +116,7 @@ void NextHopResources::checkWatermarks() {
 }
 
 void NextHopManager::refreshResources() {
+  if (resourcesHeld > 0) return;
   NextHopResources& r = *resources_;
   const U32 bound = getNextHopTableBound();
   const U32 swapIndex = getNextHopTableSwapIndex();
@@ -155,12 +156,9 @@ void NextHopManager::refreshResources() {
 }
 
 void NextHopManager::recountResources() {
-  // The restore stores the pools through their accessors, which the free-run
-  // tree does not hear, and places no group through the table's operations.
-  freeRuns = FreeRunTree();
-  for (const auto& member : freeEntries_) {
-    if (member.value()) freeRuns.entryIs(member.key(), true);
-  }
+  // The free-run tree heard the restored pools through their observer; the
+  // restore places no group through the table's operations, so the groups
+  // are counted here.
   freeRuns.shortLengthIs(resources_->largestGroupSeen());
   U32 narrowGroups = 0, wideGroups = 0;
   for (const auto& placed : hwStartToGroupId_) {

@@ -32,15 +32,16 @@ std::string firstDifference(const Observed& a, const Observed& b) {
   for (size_t i = 0; i < std::max(a.traces.size(), b.traces.size()); ++i) {
     const std::string x = i < a.traces.size() ? a.traces[i].text : "(none)";
     const std::string y = i < b.traces.size() ? b.traces[i].text : "(none)";
-    if (x != y || (i < a.traces.size() && i < b.traces.size() &&
-                   a.traces[i].level != b.traces[i].level)) {
+    if (x != y ||
+        (i < a.traces.size() && i < b.traces.size() && a.traces[i].level != b.traces[i].level)) {
       return "trace line " + std::to_string(i) + ": \"" + x + "\" against \"" + y + "\"";
     }
   }
   for (size_t i = 0; i < std::max(a.flashlog.size(), b.flashlog.size()); ++i) {
     const std::string x = i < a.flashlog.size() ? a.flashlog[i] : "(none)";
     const std::string y = i < b.flashlog.size() ? b.flashlog[i] : "(none)";
-    if (x != y) return "Flashlog record " + std::to_string(i) + ": \"" + x + "\" against \"" + y + "\"";
+    if (x != y)
+      return "Flashlog record " + std::to_string(i) + ": \"" + x + "\" against \"" + y + "\"";
   }
   return "no difference";
 }
@@ -102,11 +103,12 @@ void expectIndexMatches(const Brevant::TableBitmap& index, const Map& map, Holds
 }
 
 void expectIndexExact(const NextHopManager& m) {
-  expectIndexMatches(m.freeIndex(), m.freeEntries(), [](bool v) { return v; }, "freeEntries");
-  expectIndexMatches(m.allocatedIndex(), m.allocatedEntries(), [](bool v) { return v; },
-                     "allocatedEntries");
-  expectIndexMatches(m.groupStartIndex(), m.hwStartToGroupId(), [](U16 v) { return v != 0; },
-                     "hwStartToGroupId");
+  expectIndexMatches(
+      m.freeIndex(), m.freeEntries(), [](bool v) { return v; }, "freeEntries");
+  expectIndexMatches(
+      m.allocatedIndex(), m.allocatedEntries(), [](bool v) { return v; }, "allocatedEntries");
+  expectIndexMatches(
+      m.groupStartIndex(), m.hwStartToGroupId(), [](U16 v) { return v != 0; }, "hwStartToGroupId");
 }
 
 template <class Map>
@@ -125,8 +127,8 @@ void expectSameTables(const NextHopManager& a, const NextHopManager& b) {
   EXPECT_EQ(pairsOf(a.allocatedEntries()), pairsOf(b.allocatedEntries()));
   EXPECT_EQ(pairsOf(a.hwStartToGroupId()), pairsOf(b.hwStartToGroupId()));
   ASSERT_EQ(a.ecmpGroups().members(), b.ecmpGroups().members());
-  for (auto ga = a.ecmpGroups().begin(), gb = b.ecmpGroups().begin();
-       ga != a.ecmpGroups().end(); ++ga, ++gb) {
+  for (auto ga = a.ecmpGroups().begin(), gb = b.ecmpGroups().begin(); ga != a.ecmpGroups().end();
+       ++ga, ++gb) {
     ASSERT_EQ(ga->key(), gb->key());
     EXPECT_EQ(ga->value()->hwStartIndex(), gb->value()->hwStartIndex()) << "group " << ga->key();
   }
@@ -306,8 +308,7 @@ class Differential {
     S32 id = 0;
     bothSame([&](NextHopManager& m) {
       return id = m.createECMPGroup(0, wide, true, size, wordRun(size, 0x1000 + size),
-                                    wordRun(size, 0x7000), Brevant::RoutingUnicastFeature,
-                                    false);
+                                    wordRun(size, 0x7000), Brevant::RoutingUnicastFeature, false);
     });
     return id;
   }

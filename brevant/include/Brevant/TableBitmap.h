@@ -52,7 +52,8 @@ class TableBitmap {
   S32 findFirst(U32 from, U32 to) const {
     if (from >= to) return -1;
     for (S32 w = S32(from / 64); w >= 0 && U32(w) * 64 < to; w = nextWord(U32(w) + 1, to)) {
-      if (const U64 bits = wordIn(U32(w), from, to)) return S32(U32(w) * 64 + std::countr_zero(bits));
+      if (const U64 bits = wordIn(U32(w), from, to))
+        return S32(U32(w) * 64 + std::countr_zero(bits));
     }
     return -1;
   }

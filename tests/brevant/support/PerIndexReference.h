@@ -34,7 +34,8 @@ struct Outcome {
 inline Outcome stop(const char* expression) { return Outcome{0, expression}; }
 
 inline Outcome findAvailableNarrowBlock(NextHopManager& m, U16 length) {
-  NH_TRACE(8, "findAvailableNarrowBlock" << "Length: " << length);
+  NH_TRACE(8, "findAvailableNarrowBlock"
+                  << "Length: " << length);
   const auto* first = m.freeEntries().first();
   const U32 start = first ? first->key() : m.lastWideIndex();
   NH_TRACE(4, "finding narrow block from index: " << start << "length: " << length);
@@ -60,13 +61,14 @@ inline Outcome findAvailableNarrowBlock(NextHopManager& m, U16 length) {
   if (narrowIndex == 0) return stop("narrowIndex != 0");
   const U16 last = U16(narrowIndex + length - 1);
   if (last > m.lastNarrowIndex()) m.lastNarrowIndexIs(last);
-  NH_TRACE(4, "Found narrow block at index: " << narrowIndex << "Last narrow index is : "
-                                                << m.lastNarrowIndex());
+  NH_TRACE(4, "Found narrow block at index: " << narrowIndex
+                                              << "Last narrow index is : " << m.lastNarrowIndex());
   return {narrowIndex, ""};
 }
 
 inline Outcome findAvailableWideBlock(NextHopManager& m, U16 length) {
-  NH_TRACE(8, "findAvailableWideBlock" << " length: " << length);
+  NH_TRACE(8, "findAvailableWideBlock"
+                  << " length: " << length);
   U16 index = U16(m.getNextHopTableSwapIndex() - 1);
   NH_TRACE(4, "finding wide block from index: " << index << " of length: " << length);
   if (!(length <= 256)) return stop("length <= 256");
@@ -134,8 +136,7 @@ inline bool moveStops(NextHopManager& m, U16 groupId, U16 newBaseIndex, bool ove
   return m.getNextHopTableSwapIndex() + numEntries > m.getNextHopTableBound();
 }
 
-inline const char* const swapAreaAssertion =
-    "( swapIndex + numEntries ) <= getNextHopTableBound()";
+inline const char* const swapAreaAssertion = "( swapIndex + numEntries ) <= getNextHopTableBound()";
 
 // The time budget of a pass, read after every index or group examined.
 //
