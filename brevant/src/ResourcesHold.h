@@ -11,9 +11,7 @@ namespace Brevant {
 
 class ResourcesHold {
  public:
-  explicit ResourcesHold(NextHopManager& manager) : manager_(manager) {
-    ++manager_.resourcesHeld;
-  }
+  explicit ResourcesHold(NextHopManager& manager) : manager_(manager) { ++manager_.resourcesHeld; }
   ~ResourcesHold() {
     if (--manager_.resourcesHeld == 0) manager_.refreshResources();
   }
