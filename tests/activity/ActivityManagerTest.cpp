@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <functional>
 #include <string>
 #include <thread>
@@ -334,14 +335,23 @@ TEST_F(ActivityManagerTest, AFailedWaitThrowsWithTheErrorNumber) {
   rlimit tight = saved;
   tight.rlim_cur = 1;
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+  std::exception_ptr failure;
   try {
     manager.runOnce(0);
-    ADD_FAILURE() << "the failed wait went unreported";
+  } catch (...) {
+    failure = std::current_exception();
+  }
+  // The exception is looked at once the limit is back: UndefinedBehaviorSanitizer
+  // needs a pipe to check a virtual call's object, and reports every such call
+  // as made on an invalid object while no descriptor is left.
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+  ASSERT_TRUE(failure) << "the failed wait went unreported";
+  try {
+    std::rethrow_exception(failure);
   } catch (const Kiln::ErrnoException& e) {
     EXPECT_EQ(e.errnum(), EINVAL);
     EXPECT_STREQ(e.what(), "Failed to wait for activity: Invalid argument");
   }
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
   EXPECT_FALSE(manager.lock()->heldByCurrentThread());
 }
 
@@ -362,6 +372,11 @@ void createManagerWithoutDescriptors() {
 }
 
 TEST(ActivityManagerDeathTest, CreationFailsWhenNoDescriptorIsLeftForItsWakeUps) {
+#if defined(BREVANT_UNDEFINED_SANITIZER)
+  // The failed creation unwinds through virtual calls while no descriptor is
+  // left, and the sanitizer's check of each call needs a pipe.
+  GTEST_SKIP() << "UndefinedBehaviorSanitizer cannot check virtual calls without a free descriptor";
+#endif
   // A fresh process, so that the manager does not exist yet.
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(createManagerWithoutDescriptors(), testing::ExitedWithCode(3),

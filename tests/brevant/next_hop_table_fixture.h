@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <initializer_list>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +19,7 @@
 #include "Kiln/Clock.h"
 #include "Kiln/Lock.h"
 #include "Trace/Trace.h"
+#include "support/HeldActivityLock.h"
 
 namespace NextHopTest {
 
@@ -103,13 +103,13 @@ class NextHopTableTest : public testing::Test {
     Flashlog::processHandle().clear();
     clock_ = new Kiln::ManualClock(0);
     Kiln::ActivityManager::instance().clockIs(clock_);
-    activity_.emplace();
+    activity_.take();
     manager_ = new NextHopManager();
   }
 
   void TearDown() override {
     manager_ = nullptr;
-    activity_.reset();
+    activity_.release();
     EXPECT_EQ(FmSim::lockViolations(), 0u);
     Brevant::nextHopTrace().levelsIs(savedLevels_);
   }
@@ -129,7 +129,7 @@ class NextHopTableTest : public testing::Test {
   Kiln::Ptr<NextHopManager> manager_;
 
  private:
-  std::optional<Kiln::ActivityLockGuard> activity_;
+  NextHopTest::HeldActivityLock activity_;
   Trace::LevelMask savedLevels_ = Trace::noLevels;
 };
 
