@@ -6,6 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "Kiln/MemoryCheck.h"
+#if defined(KILN_ADDRESS_SANITIZER)
+#include <sanitizer/asan_interface.h>
+#endif
+
 #include "KilnTest/Chip.h"
 #include "KilnTest/Engine.h"
 #include "KilnTest/Group.h"
@@ -563,5 +568,48 @@ TEST(Entity, NameCanBeRestoredFromABackup) {
   s->nameIsFromBackup("new");
   EXPECT_EQ(s->name(), "new");
 }
+
+// A released entity's slot stays in its pool, where AddressSanitizer would
+// not see it: the pool poisons it, so a read through a stale pointer stops
+// the program with a report.
+TEST(EntityDeathTest, AReadOfAReleasedEntityIsReportedUnderAddressSanitizer) {
+  if (!Kiln::addressSanitizerBuild) {
+    GTEST_SKIP() << "built without AddressSanitizer (BREVANT_SANITIZERS=address): "
+                    "nothing reports a use after release";
+  }
+  EXPECT_DEATH(
+      {
+        Station* stale = nullptr;
+        {
+          Kiln::Ptr<Station> s = Station::StationIs("gone");
+          stale = s.ptr();
+        }
+        // The object's first byte, read without a call (a call's object
+        // check would report first).
+        volatile char firstByte = *reinterpret_cast<volatile char*>(stale);
+        (void)firstByte;
+      },
+      "AddressSanitizer: use-after-poison");
+}
+
+#if defined(KILN_ADDRESS_SANITIZER)
+TEST(Entity, ASlotIsPoisonedWhileReleasedAndUsableWhileTaken) {
+  Station* released = nullptr;
+  {
+    Kiln::Ptr<Station> keep = Station::StationIs("keep");  // the pool does not rewind
+    {
+      Kiln::Ptr<Station> s = Station::StationIs("released");
+      released = s.ptr();
+      EXPECT_FALSE(__asan_region_is_poisoned(released, sizeof(Station)));
+    }
+    EXPECT_TRUE(__asan_address_is_poisoned(released));
+    Kiln::Ptr<Station> again = Station::StationIs("again");  // takes the same slot back
+    ASSERT_EQ(again.ptr(), released);
+    EXPECT_FALSE(__asan_region_is_poisoned(again.ptr(), sizeof(Station)));
+    EXPECT_EQ(again->name(), "again");
+  }
+  EXPECT_TRUE(__asan_address_is_poisoned(released));
+}
+#endif
 
 }  // namespace
