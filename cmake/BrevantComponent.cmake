@@ -56,12 +56,23 @@ function(brevant_component)
   endif()
 endfunction()
 
-# brevant_test(NAME <binary> SOURCES ... DEPENDS ...)
-# One GoogleTest binary per component, registered with CTest.
+# brevant_test(NAME <binary> [THREADED] SOURCES ... DEPENDS ...)
+# One GoogleTest binary per component, registered with CTest. THREADED marks a
+# binary with tests that start threads: its tests carry the CTest label
+# "threads" and the target threaded_tests builds it, which is what the
+# ThreadSanitizer phase of scripts/test builds and runs.
 function(brevant_test)
-  cmake_parse_arguments(ARG "" "NAME" "SOURCES;DEPENDS" ${ARGN})
+  cmake_parse_arguments(ARG "THREADED" "NAME" "SOURCES;DEPENDS" ${ARGN})
   add_executable(${ARG_NAME} ${ARG_SOURCES})
   target_link_libraries(${ARG_NAME} PRIVATE ${ARG_DEPENDS} GTest::gtest GTest::gmock
                         GTest::gtest_main brevant_warnings)
-  gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 60)
+  if(ARG_THREADED)
+    gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS threads)
+    if(NOT TARGET threaded_tests)
+      add_custom_target(threaded_tests)
+    endif()
+    add_dependencies(threaded_tests ${ARG_NAME})
+  else()
+    gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 60)
+  endif()
 endfunction()

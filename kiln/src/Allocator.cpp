@@ -47,6 +47,9 @@ void SlotPool::nextChunk(std::size_t size, std::size_t align) {
   bytes = std::max(bytes, header + size);
   Chunk* chunk = static_cast<Chunk*>(::operator new(bytes, std::align_val_t(align)));
   *chunk = Chunk{nullptr, bytes, header};
+  // Slots become accessible one by one as take() hands them out.
+  memoryNoAccessIs(reinterpret_cast<char*>(chunk) + header, bytes - header);
+  slotSize_ = size;
   (last_ ? last_->next : first_) = chunk;
   last_ = chunk;
   reserved_ += bytes;

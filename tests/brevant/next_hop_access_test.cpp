@@ -5,13 +5,13 @@
 
 #include <cerrno>
 #include <cstring>
-#include <optional>
 
 #include "Brevant/NextHopManager.h"
 #include "Brevant/NextHopTrace.h"
 #include "Flashlog/Flashlog.h"
 #include "FmSim/FmSim.h"
 #include "Kiln/Lock.h"
+#include "support/HeldActivityLock.h"
 
 using Brevant::readNextHopInternal;
 using Brevant::writeNextHopInternal;
@@ -56,15 +56,15 @@ class NextHopAccessTest : public NextHopAccessBase {
  protected:
   void SetUp() override {
     NextHopAccessBase::SetUp();
-    activity_.emplace();
+    activity_.take();
   }
   void TearDown() override {
-    activity_.reset();
+    activity_.release();
     NextHopAccessBase::TearDown();
   }
 
  private:
-  std::optional<Kiln::ActivityLockGuard> activity_;
+  NextHopTest::HeldActivityLock activity_;
 };
 
 // Death tests take the activity lock inside the child process: a forked

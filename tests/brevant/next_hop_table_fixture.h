@@ -22,6 +22,7 @@
 #include "Kiln/Clock.h"
 #include "Kiln/Lock.h"
 #include "Trace/Trace.h"
+#include "support/HeldActivityLock.h"
 
 namespace NextHopTest {
 
@@ -105,13 +106,13 @@ class NextHopTableTest : public testing::Test {
     Flashlog::processHandle().clear();
     clock_ = new Kiln::ManualClock(0);
     Kiln::ActivityManager::instance().clockIs(clock_);
-    activity_.emplace();
+    activity_.take();
     manager_ = new NextHopManager();
   }
 
   void TearDown() override {
     manager_ = nullptr;
-    activity_.reset();
+    activity_.release();
     EXPECT_EQ(FmSim::lockViolations(), 0u);
     Brevant::nextHopTrace().levelsIs(savedLevels_);
   }
@@ -131,7 +132,7 @@ class NextHopTableTest : public testing::Test {
   Kiln::Ptr<NextHopManager> manager_;
 
  private:
-  std::optional<Kiln::ActivityLockGuard> activity_;
+  NextHopTest::HeldActivityLock activity_;
   Trace::LevelMask savedLevels_ = Trace::noLevels;
 };
 

@@ -23,6 +23,7 @@
 #include "Kiln/ActivityManager.h"
 #include "Kiln/Clock.h"
 #include "Kiln/Lock.h"
+#include "support/HeldActivityLock.h"
 
 using Brevant::BrevantCommonSmData;
 using Brevant::LagIndex;
@@ -105,20 +106,20 @@ class BrevantCommonSmDataWithChip : public testing::Test {
   void SetUp() override {
     FmSim::reset();
     Kiln::ActivityManager::instance().clockIs(new Kiln::ManualClock(0));
-    activity_.emplace();
+    activity_.take();
     o_.emplace();
   }
   void TearDown() override {
     // The state and its manager go while the lock is still held.
     o_.reset();
-    activity_.reset();
+    activity_.release();
     EXPECT_EQ(FmSim::lockViolations(), 0u);
   }
 
   Observed& o() { return *o_; }
 
  private:
-  std::optional<Kiln::ActivityLockGuard> activity_;
+  NextHopTest::HeldActivityLock activity_;
   std::optional<Observed> o_;
 };
 

@@ -17,6 +17,7 @@
 #include <typeinfo>
 #include <vector>
 
+#include "Kiln/MemoryCheck.h"
 #include "Kiln/Ptr.h"
 #include "Kiln/Types.h"
 
@@ -90,7 +91,9 @@ std::string demangledTypeName(const std::type_info& type);
 // pool stays as large as the most objects of the type ever alive at once.
 // Constant-initialised and never destroyed, so objects may be released
 // during static destruction. Taking and giving lock the pool only while
-// enableThreadSafePointers is set.
+// enableThreadSafePointers is set. Every byte of a chunk that is not a slot
+// in use is marked inaccessible for memory checkers (Kiln/MemoryCheck.h), so
+// a use after release of a pooled object is reported.
 class SlotPool {
  public:
   constexpr SlotPool() noexcept = default;
@@ -104,12 +107,14 @@ class SlotPool {
     void* slot;
     if (free_) {
       slot = free_;
+      memoryDefinedIs(free_, sizeof(FreeSlot));
       free_ = free_->next;
     } else {
       if (std::size_t(carveEnd_ - carve_) < size) nextChunk(size, align);
       slot = carve_;
       carve_ += size;
     }
+    memoryUndefinedIs(slot, size);
     ++inUse_;
     return slot;
   }
@@ -118,12 +123,14 @@ class SlotPool {
   void give(void* memory) noexcept {
     Guard guard(*this);
     if (--inUse_ == 0) {
+      memoryNoAccessIs(memory, slotSize_);
       rewind();
       return;
     }
     FreeSlot* slot = static_cast<FreeSlot*>(memory);
     slot->next = free_;
     free_ = slot;
+    memoryNoAccessIs(memory, slotSize_);
   }
 
   // Bytes obtained from the system so far.
@@ -176,6 +183,7 @@ class SlotPool {
   Chunk* last_ = nullptr;
   std::size_t reserved_ = 0;
   std::size_t inUse_ = 0;
+  std::size_t slotSize_ = 0;  // the size of every take(), known from the first chunk on
   std::atomic<bool> locked_{false};
 };
 
