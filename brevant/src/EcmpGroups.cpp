@@ -70,7 +70,7 @@ S32 NextHopManager::createECMPGroup(U32, bool wide, bool fixedSize, U16 size,
   }
   // A wide group takes two entries per next hop; hardened, one that could
   // not be allocated is refused here rather than stopping the allocator.
-  const U16 maxSize = hardened_ && wide ? maxGroupSize / 2 : maxGroupSize;
+  const U16 maxSize = hardened_ && wide ? maxHardenedWideGroupSize : maxGroupSize;
   if ((fixedSize && size == 0) || size > maxSize) {
     NH_TRACE(1, "ECMP Group size is invalid");
     return createRefused(-1);
