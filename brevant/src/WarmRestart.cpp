@@ -757,7 +757,10 @@ PlacedGroups checkConsistent(const NextHopManager& manager) {
   std::sort(idAndStart.begin(), idAndStart.end());
   PlacedGroups placed;
   placed.reserve(idAndStart.size());
-  for (const auto& [id, start] : idAndStart) {
+  for (const auto& entry : idAndStart) {
+    // Named copies: a lambda may not capture a structured binding (clang 14).
+    const U16 id = entry.first;
+    const U16 start = entry.second;
     const Kiln::Ptr<ECMPGroup> group = manager.ecmpGroups(id);
     auto fail = [&](const char* what) {
       corrupt("group " + std::to_string(id) + " at " + std::to_string(start) + what);
