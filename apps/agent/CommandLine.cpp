@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdint>
 #include <functional>
@@ -255,11 +256,15 @@ std::string usageText(const std::string& topic) {
   }
   if (topic.empty() || topic == "run" || topic == "serve") {
     text += "\noptions of run and serve:\n";
+    // Every help text starts in one column, after the longest option.
+    auto nameOf = [](const RunOption& o) {
+      return std::string(o.name) + (*o.value ? std::string(" ") + o.value : "");
+    };
+    size_t width = 0;
+    for (const RunOption& o : runOptions()) width = std::max(width, nameOf(o).size());
     for (const RunOption& o : runOptions()) {
-      const std::string name = std::string(o.name) + (*o.value ? std::string(" ") + o.value : "");
-      char entry[256];
-      snprintf(entry, sizeof(entry), "  %-24s %s\n", name.c_str(), o.help);
-      text += entry;
+      const std::string name = nameOf(o);
+      text += "  " + name + std::string(width + 2 - name.size(), ' ') + o.help + "\n";
     }
   }
   if (topic.empty() || topic == "client" || topic == "serve") {

@@ -3,6 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <set>
+#include <sstream>
+#include <string>
+
 using namespace Agent;
 using ::testing::HasSubstr;
 using ::testing::Not;
@@ -113,6 +117,20 @@ TEST(CommandLine, TheSocketsIdleTimeoutIsRealSecondsAboveZero) {
             "--socket-idle-timeout expects a number from 0.01 to 86400, not 'nan'");
   EXPECT_EQ(usageErrorOf({"--socket-idle-timeout"}), "--socket-idle-timeout needs a value");
   EXPECT_THAT(usageText("serve"), HasSubstr("--socket-idle-timeout SECONDS"));
+}
+
+TEST(CommandLine, EveryOptionsHelpStartsInOneColumn) {
+  std::istringstream lines(usageText("run"));
+  std::string line;
+  std::set<size_t> columns;
+  while (std::getline(lines, line)) {
+    if (line.rfind("  --", 0) != 0) continue;
+    // The help starts after the blanks that follow the option and its value.
+    const size_t gap = line.find("  ", 2);
+    ASSERT_NE(gap, std::string::npos) << line;
+    columns.insert(line.find_first_not_of(' ', gap));
+  }
+  EXPECT_EQ(columns.size(), 1u) << usageText("run");
 }
 
 TEST(CommandLine, AProcessStartedWithoutEvenItsNameHasNoArguments) {
