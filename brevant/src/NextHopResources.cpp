@@ -137,7 +137,7 @@ void NextHopManager::refreshResources() {
   r.wideFreeIs(wide.free);
   r.swapUsedIs(swap.length - swap.free);
   r.swapFreeIs(swap.free);
-  const U32 free = freeRuns.freeEntries();
+  const U32 free = freeRuns.table().free;
   r.totalFreeIs(free);
   r.usedPercentIs(percentOf(bound > free ? bound - free : 0, bound));
   // What the searches would find: a narrow one from the lowest free entry up
