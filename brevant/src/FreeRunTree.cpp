@@ -90,22 +90,57 @@ bool FreeRunTree::refresh() {
     return true;
   }
   if (!stale_) return false;
+  // The nodes to join again, a level at a time, lowest first and each once:
+  // marked words next to each other share their parents, and a node that
+  // comes out as it was does not pass the walk on to its parent.
+  std::array<U16, wordCount / 2> changed;
+  U32 count = 0;
+  auto add = [&](U32 n) {
+    if (count == 0 || changed[count - 1] != n) changed[count++] = U16(n);
+  };
   for (U32 group = 0; group < staleWords_.size(); ++group) {
     for (U64 bits = staleWords_[group]; bits != 0; bits &= bits - 1) {
       const U32 w = group * 64 + U32(std::countr_zero(bits));
       forgetSpansOver(w);
-      // A node that comes out as it was leaves its ancestors as they are:
-      // a later walk through them (another marked word) updates them.
-      for (U32 n = (wordCount + w) / 2; n >= 1; n /= 2) {
-        const Span s = joinedChildren(n);
-        if (s == nodeSpan(n)) break;
-        nodeIs(n, s);
-      }
+      add((wordCount + w) / 2);
     }
-    staleWords_[group] = 0;
   }
+  staleWords_.fill(0);
   stale_ = false;
+  while (count != 0) {
+    const U32 nodes = count;
+    count = 0;  // the parents overwrite the level just read, never ahead of it
+    for (U32 i = 0; i < nodes; ++i) {
+      const U32 n = changed[i];
+      const Span s = joinedChildren(n);
+      if (s == nodeSpan(n)) continue;
+      nodeIs(n, s);
+      if (n > 1) add(n / 2);
+    }
+  }
   return true;
+}
+
+U32 FreeRunTree::freeBefore(U32 index) const {
+  if (index >= entries) return table_.free;
+  // Down from the table to index's word, adding the free entries of every
+  // left half passed on the right.
+  U32 total = 0;
+  U32 n = 1;
+  for (U32 half = entries / 2; half >= 64; half /= 2) {
+    n *= 2;
+    if (index & half) {
+      total += n >= wordCount ? U32(std::popcount(bitmap_->word(n - wordCount))) : nodes_[n].free;
+      ++n;
+    }
+  }
+  const U64 below = (U64(1) << (index & 63)) - 1;
+  return total + U32(std::popcount(bitmap_->word(index / 64) & below));
+}
+
+U32 FreeRunTree::freeIn(U32 first, U32 last) const {
+  last = std::min(last, entries);
+  return first >= last ? 0 : freeBefore(last) - freeBefore(first);
 }
 
 U32 FreeRunTree::shortFreeEntries() const {

@@ -119,8 +119,9 @@ class FreeRunTreeTest : public ::testing::Test {
   }
 
   void expectSpanMatches(U32 first, U32 last) {
-    expectSpan(tree_.span(first, last), bruteForceSpan(free_, first, last, tree_.shortLength()),
-               first, last);
+    const Span want = bruteForceSpan(free_, first, last, tree_.shortLength());
+    expectSpan(tree_.span(first, last), want, first, last);
+    EXPECT_EQ(tree_.freeIn(first, last), want.free) << first << " .. " << last;
   }
 
   std::mt19937 random_{2026};

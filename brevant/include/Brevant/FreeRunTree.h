@@ -53,14 +53,19 @@ class FreeRunTree {
 
   // Brings the tree up to date with the words marked since the last
   // refresh: each costs a walk towards the root (at most ten joins) that
-  // stops where a node comes out as it was. Returns whether anything had
-  // been marked (or the short length changed).
+  // stops where a node comes out as it was, and words side by side share
+  // their walks. Returns whether anything had been marked (or the short
+  // length changed).
   bool refresh();
 
   // The whole table (after refresh()): its free entries, runs, longest run.
   const Span& table() const { return table_; }
   // The free entries in runs shorter than the short length (after refresh()).
   U32 shortFreeEntries() const;
+
+  // The free entries among first .. last - 1 (after refresh()): two walks
+  // of ten additions.
+  U32 freeIn(U32 first, U32 last) const;
 
   // The entries first .. last - 1 as a span of their own (after refresh()):
   // free entries outside it do not count, so its runs are cut at its ends.
@@ -95,6 +100,8 @@ class FreeRunTree {
     return joined(nodeSpan(2 * n), nodeSpan(2 * n + 1), shortLength_);
   }
   void rebuild();
+  // The free entries among 0 .. index - 1.
+  U32 freeBefore(U32 index) const;
   void forgetSpansOver(U32 word);
   Span spanOf(U32 node, U32 nodeFirst, U32 nodeLength, U32 first, U32 last) const;
 
