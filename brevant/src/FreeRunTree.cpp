@@ -5,27 +5,33 @@
 
 namespace Brevant {
 
-FreeRunTree::FreeRunTree() { rebuild(); }
+FreeRunTree::FreeRunTree(const TableBitmap& bitmap) : bitmap_(&bitmap) {}
 
 FreeRunTree::Span FreeRunTree::leafOf(U64 word, U32 length, U32 shortLength) {
   Span s;
   s.length = length;
+  if (word == 0) return s;
   s.free = U32(std::popcount(word));
-  s.head = std::min(U32(std::countr_one(word)), length);
-  s.tail = s.free == length ? length : U32(std::countl_one(word << (64 - length)));
-  // Walk the runs from the low bit up: at most 32 of them.
-  U32 position = 0;
-  while (word != 0) {
-    const U32 skip = U32(std::countr_zero(word));
-    word >>= skip;
-    position += skip;
-    const U32 run = U32(std::countr_one(word));
-    ++s.runs;
+  if (s.free == length) {
+    s.head = s.tail = s.longest = length;
+    s.runs = 1;
+    return s;
+  }
+  // Not all free: the runs at the two ends are distinct, each under 64.
+  s.head = U32(std::countr_one(word));
+  s.tail = U32(std::countl_one(word << (64 - length)));
+  s.runs = U32(std::popcount(word & ~(word << 1)));  // a run starts where a free entry
+                                                     // follows one that is not
+  s.longest = std::max(s.head, s.tail);
+  // Walk the inner runs from the low bit up: at most 31 of them.
+  U64 inner = word & (~U64(0) << s.head);
+  if (s.tail != 0) inner &= (U64(1) << (length - s.tail)) - 1;
+  while (inner != 0) {
+    const U32 position = U32(std::countr_zero(inner));
+    const U32 run = U32(std::countr_one(inner >> position));
     s.longest = std::max(s.longest, run);
-    const bool inner = position != 0 && position + run != length;
-    if (inner && run < shortLength) s.shortInner += run;
-    position += run;
-    word = run == 64 ? 0 : word >> run;
+    if (run < shortLength) s.shortInner += run;
+    inner &= ~U64(0) << (position + run);  // position + run stays below 64
   }
   return s;
 }
@@ -47,35 +53,94 @@ FreeRunTree::Span FreeRunTree::joined(const Span& low, const Span& high, U32 sho
   return s;
 }
 
+FreeRunTree::Span FreeRunTree::nodeSpan(U32 n) const {
+  if (n >= wordCount) return leafOf(bitmap_->word(n - wordCount), 64, shortLength_);
+  if (n == 1) return table_;
+  const Node& d = nodes_[n];
+  return {
+      entries >> (std::bit_width(n) - 1), d.free, d.head, d.tail, d.longest, d.runs, d.shortInner};
+}
+
+void FreeRunTree::nodeIs(U32 n, const Span& s) {
+  if (n == 1) {
+    table_ = s;
+    return;
+  }
+  nodes_[n] = {U16(s.free),    U16(s.head), U16(s.tail),
+               U16(s.longest), U16(s.runs), U16(s.shortInner)};
+}
+
 void FreeRunTree::rebuild() {
-  for (U32 w = 0; w < wordCount; ++w) nodes_[wordCount + w] = leafOf(words_[w], 64, shortLength_);
-  for (U32 n = wordCount; n-- > 1;)
-    nodes_[n] = joined(nodes_[2 * n], nodes_[2 * n + 1], shortLength_);
+  for (U32 n = wordCount; n-- > 1;) nodeIs(n, joinedChildren(n));
   staleWords_.fill(0);
   stale_ = false;
+  rebuildPending_ = false;
+  for (RememberedSpan& r : remembered_) r.last = 0;
 }
 
 void FreeRunTree::shortLengthIs(U32 length) {
   if (length == shortLength_) return;
   shortLength_ = length;
-  rebuild();
-  stale_ = true;  // the next refresh() reports the change
+  rebuildPending_ = true;
 }
 
 bool FreeRunTree::refresh() {
+  if (rebuildPending_) {
+    rebuild();
+    return true;
+  }
   if (!stale_) return false;
+  // The nodes to join again, a level at a time, lowest first and each once:
+  // marked words next to each other share their parents, and a node that
+  // comes out as it was does not pass the walk on to its parent.
+  std::array<U16, wordCount / 2> changed;
+  U32 count = 0;
+  auto add = [&](U32 n) {
+    if (count == 0 || changed[count - 1] != n) changed[count++] = U16(n);
+  };
   for (U32 group = 0; group < staleWords_.size(); ++group) {
     for (U64 bits = staleWords_[group]; bits != 0; bits &= bits - 1) {
       const U32 w = group * 64 + U32(std::countr_zero(bits));
-      U32 n = wordCount + w;
-      nodes_[n] = leafOf(words_[w], 64, shortLength_);
-      for (n /= 2; n >= 1; n /= 2)
-        nodes_[n] = joined(nodes_[2 * n], nodes_[2 * n + 1], shortLength_);
+      forgetSpansOver(w);
+      add((wordCount + w) / 2);
     }
-    staleWords_[group] = 0;
   }
+  staleWords_.fill(0);
   stale_ = false;
+  while (count != 0) {
+    const U32 nodes = count;
+    count = 0;  // the parents overwrite the level just read, never ahead of it
+    for (U32 i = 0; i < nodes; ++i) {
+      const U32 n = changed[i];
+      const Span s = joinedChildren(n);
+      if (s == nodeSpan(n)) continue;
+      nodeIs(n, s);
+      if (n > 1) add(n / 2);
+    }
+  }
   return true;
+}
+
+U32 FreeRunTree::freeBefore(U32 index) const {
+  if (index >= entries) return table_.free;
+  // Down from the table to index's word, adding the free entries of every
+  // left half passed on the right.
+  U32 total = 0;
+  U32 n = 1;
+  for (U32 half = entries / 2; half >= 64; half /= 2) {
+    n *= 2;
+    if (index & half) {
+      total += n >= wordCount ? U32(std::popcount(bitmap_->word(n - wordCount))) : nodes_[n].free;
+      ++n;
+    }
+  }
+  const U64 below = (U64(1) << (index & 63)) - 1;
+  return total + U32(std::popcount(bitmap_->word(index / 64) & below));
+}
+
+U32 FreeRunTree::freeIn(U32 first, U32 last) const {
+  last = std::min(last, entries);
+  return first >= last ? 0 : freeBefore(last) - freeBefore(first);
 }
 
 U32 FreeRunTree::shortFreeEntries() const {
@@ -87,23 +152,35 @@ U32 FreeRunTree::shortFreeEntries() const {
   return total;
 }
 
-FreeRunTree::Span FreeRunTree::span(U32 first, U32 last) const {
+void FreeRunTree::forgetSpansOver(U32 word) {
+  for (RememberedSpan& r : remembered_) {
+    if (r.last != 0 && r.first / 64 <= word && word <= (r.last - 1) / 64) r.last = 0;
+  }
+}
+
+FreeRunTree::Span FreeRunTree::span(U32 first, U32 last) {
   last = std::min(last, entries);
   if (first >= last) return Span{};
-  return spanOf(1, 0, entries, first, last);
+  for (const RememberedSpan& r : remembered_) {
+    if (r.first == first && r.last == last) return r.span;
+  }
+  RememberedSpan& r = remembered_[nextRemembered_];
+  nextRemembered_ = (nextRemembered_ + 1) % rememberedSpans;
+  r = {first, last, spanOf(1, 0, entries, first, last)};
+  return r.span;
 }
 
 FreeRunTree::Span FreeRunTree::spanOf(U32 node, U32 nodeFirst, U32 nodeLength, U32 first,
                                       U32 last) const {
   const U32 nodeLast = nodeFirst + nodeLength;
-  if (first <= nodeFirst && nodeLast <= last) return nodes_[node];
+  if (first <= nodeFirst && nodeLast <= last) return nodeSpan(node);
   if (nodeLength == 64) {
     // A word cut by the span: only its entries low .. high - 1 count,
     // shifted down so that the span's first entry is bit 0.
     const U32 low = std::max(first, nodeFirst) - nodeFirst;
     const U32 high = std::min(last, nodeLast) - nodeFirst;
     const U32 length = high - low;
-    const U64 inside = words_[node - wordCount] >> low;
+    const U64 inside = bitmap_->word(node - wordCount) >> low;
     return leafOf(length == 64 ? inside : inside & ((U64(1) << length) - 1), length, shortLength_);
   }
   const U32 half = nodeLength / 2;

@@ -44,6 +44,12 @@ bool hasFreeGroupIdIn(const NextHopManager& manager) {
   return false;
 }
 
+// The entries first .. last - 1 of the table (none when last is not above first).
+U32 entriesIn(U32 first, U32 last) {
+  last = std::min(last, FreeRunTree::entries);
+  return last > first ? last - first : 0;
+}
+
 double percentOf(U32 part, U32 whole) { return whole == 0 ? 0.0 : 100.0 * part / whole; }
 
 }  // namespace
@@ -128,16 +134,16 @@ void NextHopManager::refreshResources() {
   const U32 swapFirst = std::min(swapIndex, bound);
   const U32 narrowLast = std::min<U32>(lastNarrowIndex_ + 1, swapFirst);
   const U32 wideFirst = std::max<U32>(lastWideIndex_, narrowLast);
-  const FreeRunTree::Span narrow = freeRuns.span(3, narrowLast);
-  const FreeRunTree::Span wide = freeRuns.span(wideFirst, swapFirst);
-  const FreeRunTree::Span swap = freeRuns.span(swapFirst, bound);
-  r.narrowUsedIs(narrow.length - narrow.free);
-  r.narrowFreeIs(narrow.free);
-  r.wideUsedIs(wide.length - wide.free);
-  r.wideFreeIs(wide.free);
-  r.swapUsedIs(swap.length - swap.free);
-  r.swapFreeIs(swap.free);
-  const U32 free = freeRuns.freeEntries();
+  const U32 narrowFree = freeRuns.freeIn(3, narrowLast);
+  const U32 wideFree = freeRuns.freeIn(wideFirst, swapFirst);
+  const U32 swapFree = freeRuns.freeIn(swapFirst, bound);
+  r.narrowUsedIs(entriesIn(3, narrowLast) - narrowFree);
+  r.narrowFreeIs(narrowFree);
+  r.wideUsedIs(entriesIn(wideFirst, swapFirst) - wideFree);
+  r.wideFreeIs(wideFree);
+  r.swapUsedIs(entriesIn(swapFirst, bound) - swapFree);
+  r.swapFreeIs(swapFree);
+  const U32 free = freeRuns.table().free;
   r.totalFreeIs(free);
   r.usedPercentIs(percentOf(bound > free ? bound - free : 0, bound));
   // What the searches would find: a narrow one from the lowest free entry up

@@ -1,12 +1,15 @@
-// The free entries of the next-hop table as runs: a bitmap of the 65,536
-// entries in 64-bit words and a tree above the words that keeps, for every
+// The free entries of the next-hop table as runs: a tree above the 1,024
+// words of the manager's free index (a TableBitmap) that keeps, for every
 // span of words, how many entries are free, the runs touching its two ends,
-// its longest run, its number of runs and the free entries in its inner
-// runs shorter than a given length. The resource counters read it.
+// its longest run, its number of runs and the free entries in its inner runs
+// shorter than a given length. The tree reads the index's words and keeps no
+// copy of them: a word is its own leaf, and the leaf's figures are computed
+// from it when needed. The resource counters read it.
 #pragma once
 
 #include <array>
 
+#include "Brevant/TableBitmap.h"
 #include "Kiln/Support.h"
 
 namespace Brevant {
@@ -24,64 +27,96 @@ class FreeRunTree {
     U32 runs = 0;        // runs that lie in the span, wholly or partly
     U32 shortInner = 0;  // free entries in inner runs shorter than the short length
     bool allFree() const { return head == length; }
+    bool operator==(const Span&) const = default;
   };
 
-  static constexpr U32 entries = 65536;
+  static constexpr U32 entries = TableBitmap::indexes;
 
-  // An empty table (nothing free), with runs shorter than 0 counted short.
-  FreeRunTree();
+  // Summarises the free entries of bitmap (an index is free while it is in
+  // the set), which must outlive the tree. Runs shorter than 0 count short.
+  // The bitmap is first read by refresh(), so it may be built after the tree.
+  explicit FreeRunTree(const TableBitmap& bitmap);
 
-  // Records entry index as free or not; a few instructions, the tree above
-  // it is brought up to date by the next refresh().
-  void entryIs(U16 index, bool free) {
-    U64& word = words_[index >> 6];
-    const U64 bit = U64(1) << (index & 63);
-    if (((word & bit) != 0) == free) return;
-    word ^= bit;
-    freeEntries_ += free ? 1 : -1;
-    staleWords_[index >> 12] |= U64(1) << ((index >> 6) & 63);
+  // Hears that the bitmap's entry index changed (the bitmap holds its new
+  // value, free or not, already): marks its word, a few instructions. The
+  // tree above the word is brought up to date by the next refresh().
+  void entryIs(U16 index, bool /*free*/) {
+    const U32 w = index >> 6;
+    staleWords_[w >> 6] |= U64(1) << (w & 63);
     stale_ = true;
   }
-  bool entry(U16 index) const { return (words_[index >> 6] >> (index & 63)) & 1; }
-  // Free entries of the whole table; exact at every moment.
-  U32 freeEntries() const { return freeEntries_; }
 
-  // Runs shorter than length count as short from now on.
+  // Runs shorter than length count as short from now on; the next
+  // refresh() recomputes the tree (1,024 words).
   void shortLengthIs(U32 length);
   U32 shortLength() const { return shortLength_; }
 
-  // Brings the tree up to date with the entries changed since the last
-  // refresh: each changed word costs one walk to the root (ten steps).
-  // Returns whether anything had changed.
+  // Brings the tree up to date with the words marked since the last
+  // refresh: each costs a walk towards the root (at most ten joins) that
+  // stops where a node comes out as it was, and words side by side share
+  // their walks. Returns whether anything had been marked (or the short
+  // length changed).
   bool refresh();
 
-  // The whole table (after refresh()): its runs, longest run, and the free
-  // entries in runs shorter than the short length.
-  const Span& table() const { return nodes_[1]; }
+  // The whole table (after refresh()): its free entries, runs, longest run.
+  const Span& table() const { return table_; }
+  // The free entries in runs shorter than the short length (after refresh()).
   U32 shortFreeEntries() const;
+
+  // The free entries among first .. last - 1 (after refresh()): two walks
+  // of ten additions.
+  U32 freeIn(U32 first, U32 last) const;
 
   // The entries first .. last - 1 as a span of their own (after refresh()):
   // free entries outside it do not count, so its runs are cut at its ends.
-  // Costs at most two walks of ten steps.
-  Span span(U32 first, U32 last) const;
+  // Costs at most two walks of ten steps; the last few answers are
+  // remembered until a refresh changes a word under them, so asking again
+  // for the same span costs a comparison.
+  Span span(U32 first, U32 last);
 
  private:
   static constexpr U32 wordCount = entries / 64;
+  // The figures of a node below the root, whose span (at most 32,768
+  // entries) bounds every one of them: 16 bits each. Its length follows
+  // from its place in the tree.
+  struct Node {
+    U16 free = 0, head = 0, tail = 0, longest = 0, runs = 0, shortInner = 0;
+  };
+  // A span the tree answered for, kept until a word under it changes.
+  struct RememberedSpan {
+    U32 first = 0, last = 0;  // last 0: nothing remembered
+    Span span;
+  };
+  static constexpr U32 rememberedSpans = 8;
+
   // A word whose entries at and above length are not free.
   static Span leafOf(U64 word, U32 length, U32 shortLength);
   static Span joined(const Span& low, const Span& high, U32 shortLength);
+  // Node n: 1 is the table; n has children 2n and 2n + 1; word w is node
+  // wordCount + w, computed from the bitmap.
+  Span nodeSpan(U32 n) const;
+  void nodeIs(U32 n, const Span& s);
+  Span joinedChildren(U32 n) const {
+    return joined(nodeSpan(2 * n), nodeSpan(2 * n + 1), shortLength_);
+  }
   void rebuild();
+  // The free entries among 0 .. index - 1.
+  U32 freeBefore(U32 index) const;
+  void forgetSpansOver(U32 word);
   Span spanOf(U32 node, U32 nodeFirst, U32 nodeLength, U32 first, U32 last) const;
 
-  std::array<U64, wordCount> words_{};
-  // One bit per word changed since the last refresh.
-  std::array<U64, wordCount / 64> staleWords_{};
-  bool stale_ = false;
-  U32 freeEntries_ = 0;
+  const TableBitmap* bitmap_;
   U32 shortLength_ = 0;
-  // Node 1 is the table; node n has children 2n and 2n + 1; the word w is
-  // node wordCount + w.
-  std::array<Span, 2 * wordCount> nodes_{};
+  bool stale_ = false;
+  // Set until the first refresh and after the short length changes.
+  bool rebuildPending_ = true;
+  // One bit per word marked since the last refresh.
+  std::array<U64, wordCount / 64> staleWords_{};
+  Span table_;
+  // Nodes 2 .. wordCount - 1 (0 and 1 unused: the table is table_).
+  std::array<Node, wordCount> nodes_{};
+  std::array<RememberedSpan, rememberedSpans> remembered_{};
+  U32 nextRemembered_ = 0;
 };
 
 }  // namespace Brevant

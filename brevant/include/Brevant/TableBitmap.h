@@ -23,6 +23,9 @@ class TableBitmap {
   // True when index is in the set.
   bool test(U32 index) const { return (words_[index / 64] >> (index % 64)) & 1; }
 
+  // The indexes 64 * w to 64 * w + 63 of the set, index 64 * w as bit 0.
+  U64 word(U32 w) const { return words_[w]; }
+
   // Puts index in the set (value true) or takes it out.
   void set(U32 index, bool value) {
     const U32 w = index / 64;

@@ -1,0 +1,220 @@
+// The free-run tree against a brute-force count: random bitmaps, random
+// spans, entries changed between refreshes, short lengths changed on the
+// way, and the same spans asked again after the words under them changed.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+#include "Brevant/FreeRunTree.h"
+
+namespace {
+
+using Brevant::FreeRunTree;
+using Brevant::TableBitmap;
+using Span = FreeRunTree::Span;
+
+constexpr U32 entries = FreeRunTree::entries;
+
+// The figures of entries first .. last - 1 counted entry by entry.
+Span bruteForceSpan(const std::vector<bool>& free, U32 first, U32 last, U32 shortLength) {
+  Span s;
+  if (first >= last) return s;
+  s.length = last - first;
+  for (U32 i = first; i < last;) {
+    if (!free[i]) {
+      ++i;
+      continue;
+    }
+    U32 end = i;
+    while (end < last && free[end]) ++end;
+    const U32 run = end - i;
+    ++s.runs;
+    s.free += run;
+    s.longest = std::max(s.longest, run);
+    if (i == first) s.head = run;
+    if (end == last) s.tail = run;
+    if (i != first && end != last && run < shortLength) s.shortInner += run;
+    i = end;
+  }
+  return s;
+}
+
+// The free entries in runs shorter than shortLength, counted entry by entry.
+U32 bruteForceShortFree(const std::vector<bool>& free, U32 shortLength) {
+  U32 total = 0;
+  for (U32 i = 0; i < entries;) {
+    U32 end = i;
+    while (end < entries && free[end]) ++end;
+    if (end - i < shortLength) total += end - i;
+    i = std::max(end, i + 1);
+  }
+  return total;
+}
+
+void expectSpan(const Span& got, const Span& want, U32 first, U32 last) {
+  SCOPED_TRACE(::testing::Message() << "span " << first << " .. " << last);
+  EXPECT_EQ(got.length, want.length);
+  EXPECT_EQ(got.free, want.free);
+  EXPECT_EQ(got.head, want.head);
+  EXPECT_EQ(got.tail, want.tail);
+  EXPECT_EQ(got.longest, want.longest);
+  EXPECT_EQ(got.runs, want.runs);
+  EXPECT_EQ(got.shortInner, want.shortInner);
+}
+
+// A bitmap, its brute-force copy and the tree over it, changed together.
+class FreeRunTreeTest : public ::testing::Test {
+ protected:
+  U32 pick(U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random_); }
+
+  void entryIs(U32 index, bool isFree) {
+    bitmap_.set(index, isFree);
+    free_[index] = isFree;
+    tree_.entryIs(U16(index), isFree);
+  }
+
+  // Alternating used and free runs of random lengths up to maxRun from
+  // first to last - 1, starting with a free run when startFree.
+  void runsFrom(U32 first, U32 last, U32 maxRun, bool startFree) {
+    bool isFree = startFree;
+    for (U32 i = first; i < last; isFree = !isFree) {
+      const U32 end = std::min(last, i + pick(1, maxRun));
+      for (; i < end; ++i) entryIs(i, isFree);
+    }
+  }
+
+  // A span of a random kind: within a word, across a few words, long,
+  // aligned to words, the whole table, empty.
+  std::pair<U32, U32> randomSpan() {
+    switch (pick(0, 5)) {
+      case 0: {
+        const U32 first = pick(0, entries - 1);
+        return {first, std::min(entries, first + pick(1, 64))};
+      }
+      case 1: {
+        const U32 first = pick(0, entries - 1);
+        return {first, std::min(entries, first + pick(1, 1000))};
+      }
+      case 2: {
+        const U32 a = pick(0, entries), b = pick(0, entries);
+        return {std::min(a, b), std::max(a, b)};
+      }
+      case 3: {
+        const U32 a = pick(0, 1024) * 64, b = pick(0, 1024) * 64;
+        return {std::min(a, b), std::max(a, b)};
+      }
+      case 4: return {0, entries};
+      default: {
+        const U32 first = pick(0, entries);
+        return {first, first};
+      }
+    }
+  }
+
+  void expectTableMatches() {
+    expectSpan(tree_.table(), bruteForceSpan(free_, 0, entries, tree_.shortLength()), 0, entries);
+    EXPECT_EQ(tree_.shortFreeEntries(), bruteForceShortFree(free_, tree_.shortLength()));
+  }
+
+  void expectSpanMatches(U32 first, U32 last) {
+    const Span want = bruteForceSpan(free_, first, last, tree_.shortLength());
+    expectSpan(tree_.span(first, last), want, first, last);
+    EXPECT_EQ(tree_.freeIn(first, last), want.free) << first << " .. " << last;
+  }
+
+  std::mt19937 random_{2026};
+  TableBitmap bitmap_;
+  std::vector<bool> free_ = std::vector<bool>(entries, false);
+  FreeRunTree tree_{bitmap_};
+};
+
+// The short lengths worth trying: none, within a word, about a word, the
+// churn's largest groups, longer than the table.
+constexpr U32 shortLengths[] = {0, 1, 2, 5, 62, 63, 64, 65, 128, 256, 4096, 70000};
+
+TEST_F(FreeRunTreeTest, AnEmptyBitmapHasNoRuns) {
+  EXPECT_TRUE(tree_.refresh());
+  expectTableMatches();
+  expectSpanMatches(0, entries);
+  expectSpanMatches(3, 100);
+  EXPECT_FALSE(tree_.refresh());
+}
+
+TEST_F(FreeRunTreeTest, EverySpanMatchesABruteForceCountOnRandomBitmaps) {
+  for (U32 round = 0; round < 24; ++round) {
+    SCOPED_TRACE(::testing::Message() << "round " << round);
+    // Short runs, long runs, everything free, nothing free.
+    const U32 maxRun = std::array<U32, 6>{1, 3, 20, 70, 300, 5000}[round % 6];
+    runsFrom(0, entries, maxRun, round % 2 == 0);
+    if (round % 8 == 7) runsFrom(0, entries, entries, round % 16 == 7);
+    tree_.shortLengthIs(shortLengths[pick(0, std::size(shortLengths) - 1)]);
+    EXPECT_TRUE(tree_.refresh());
+    expectTableMatches();
+    for (U32 n = 0; n < 200; ++n) {
+      const auto [first, last] = randomSpan();
+      expectSpanMatches(first, last);
+      expectSpanMatches(first, last);  // the remembered answer
+    }
+  }
+}
+
+TEST_F(FreeRunTreeTest, StaysExactAsEntriesChangeBetweenRefreshes) {
+  runsFrom(0, entries, 40, true);
+  // Spans asked after every step, as the resource counters ask for theirs:
+  // their remembered answers must go when a word under them changes.
+  const std::vector<std::pair<U32, U32>> asked{{3, 30000},     {0, 40000}, {30001, 65278},
+                                               {65278, 65536}, {100, 164}, {640, 641}};
+  for (U32 step = 0; step < 3000; ++step) {
+    SCOPED_TRACE(::testing::Message() << "step " << step);
+    // A block allocated or freed, a scattering of single entries, or
+    // entries written with the value they hold already.
+    switch (pick(0, 3)) {
+      case 0:
+      case 1: {
+        const U32 first = pick(0, entries - 1);
+        const bool isFree = pick(0, 1) == 0;
+        for (U32 i = first, end = std::min(entries, first + pick(1, 300)); i < end; ++i) {
+          entryIs(i, isFree);
+        }
+        break;
+      }
+      case 2:
+        for (U32 n = pick(1, 20); n > 0; --n) entryIs(pick(0, entries - 1), pick(0, 1) == 0);
+        break;
+      default: {
+        const U32 index = pick(0, entries - 1);
+        entryIs(index, free_[index]);
+        break;
+      }
+    }
+    if (step % 500 == 250) tree_.shortLengthIs(shortLengths[pick(0, std::size(shortLengths) - 1)]);
+    EXPECT_TRUE(tree_.refresh());
+    EXPECT_FALSE(tree_.refresh());
+    expectTableMatches();
+    for (const auto& [first, last] : asked) expectSpanMatches(first, last);
+    const auto [first, last] = randomSpan();
+    expectSpanMatches(first, last);
+    if (HasFailure()) return;
+  }
+}
+
+TEST_F(FreeRunTreeTest, AShortLengthChangeIsReportedByTheNextRefresh) {
+  runsFrom(0, entries, 10, true);
+  EXPECT_TRUE(tree_.refresh());
+  EXPECT_FALSE(tree_.refresh());
+  tree_.shortLengthIs(0);  // as it was: nothing to do
+  EXPECT_FALSE(tree_.refresh());
+  tree_.shortLengthIs(8);
+  EXPECT_TRUE(tree_.refresh());
+  expectTableMatches();
+  expectSpanMatches(5, 5000);
+}
+
+// The free index (8,320 bytes) and its summary stay within 32 KiB per manager.
+TEST(FreeRunTree, TakesWithTheFreeIndexUnder32KiB) {
+  EXPECT_LT(sizeof(FreeRunTree) + sizeof(TableBitmap), 32u * 1024);
+}
+
+}  // namespace
