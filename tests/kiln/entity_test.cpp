@@ -20,6 +20,7 @@
 #include "KilnTest/Hub.h"
 #include "KilnTest/Listener.h"
 #include "KilnTest/Station.h"
+#include "KilnTest/Tally.h"
 
 using KilnTest::Chip;
 using KilnTest::Colour;
@@ -28,6 +29,7 @@ using KilnTest::Group;
 using KilnTest::Listener;
 using KilnTest::Port;
 using KilnTest::Station;
+using KilnTest::Tally;
 using Calls = std::vector<std::string>;
 
 namespace {
@@ -201,6 +203,56 @@ TEST(Entity, OrderedCollectionIteratesInAscendingKeyOrder) {
   std::vector<U16> keys;
   for (const auto& m : s->levels()) keys.push_back(m.key());
   EXPECT_EQ(keys, (std::vector<U16>{10, 20, 30}));
+}
+
+TEST(Entity, InsertingARunOfKeysIntoAnOrderedCollectionNotifiesOncePerMember) {
+  // Consecutive keys going up, then down into the gap below them (the
+  // inserts that start beside the member the previous one reached).
+  Observed o;
+  for (U16 k = 20; k < 25; ++k) o.station->levelsIs(k, true);
+  for (U16 k = 19; k > 15; --k) o.station->levelsIs(k, false);
+  o.station->levelsIs(22, true);  // present with that value: nothing happens
+  EXPECT_EQ(o.log->calls, (Calls{"levels 20", "levels 21", "levels 22", "levels 23", "levels 24",
+                                 "levels 19", "levels 18", "levels 17", "levels 16"}));
+  std::vector<U16> keys;
+  for (const auto& m : o.station->levels()) keys.push_back(m.key());
+  EXPECT_EQ(keys, (std::vector<U16>{16, 17, 18, 19, 20, 21, 22, 23, 24}));
+  EXPECT_FALSE(o.station->levels(17));
+  EXPECT_TRUE(o.station->levels(23));
+}
+
+// Records every handler call of a Tally.
+class TallyLog : public Tally::NotifieeConst {
+ public:
+  Calls calls;
+  void onCounts(U16 k) override { calls.push_back("counts " + std::to_string(k)); }
+};
+
+TEST(Entity, ADirectCollectionKeepsTheOperationsAndNotificationsOfAKeyedOne) {
+  Kiln::Ptr<Tally> tally = new Tally();
+  Kiln::Ptr<TallyLog> log = new TallyLog;
+  log->notifierIs(tally);
+  for (U16 k : {7, 65535, 0, 8}) tally->countsIs(k, k + 1u);
+  tally->countsIs(8, 9);  // the same value: nothing happens
+  EXPECT_EQ(tally->counts(65535), 65536u);
+  EXPECT_EQ(tally->counts(9), 0u);
+  EXPECT_EQ(tally->countsDel(7), 8u);
+  EXPECT_EQ(tally->countsDel(7), 0u);  // absent: tells nobody
+  EXPECT_EQ(tally->counts(7), 0u);
+  Kiln::Ptr<Tally::KilnCounts> m = tally->newCounts(3, 30);
+  EXPECT_EQ(tally->counts(3), 30u);
+  EXPECT_EQ(log->calls, (Calls{"counts 7", "counts 65535", "counts 0", "counts 8", "counts 7"}));
+  // Iteration is a keyed collection's: by bucket of the bit-reversed key.
+  Kiln::HashMap<Tally::KilnCounts, U16, U32> plain;
+  for (U16 k : {65535, 0, 8, 3}) plain.insert(new Tally::KilnCounts(k, 0));
+  std::vector<U16> expected, keys;
+  for (const auto& member : plain) expected.push_back(member.key());
+  for (const auto& member : tally->counts()) keys.push_back(member.key());
+  EXPECT_EQ(keys, expected);
+  EXPECT_EQ(Kiln::reflectMembers(tally->counts()).size(), 4u);
+  tally->countsDelAll();
+  EXPECT_TRUE(tally->counts().empty());
+  EXPECT_EQ(tally->counts(0), 0u);
 }
 
 TEST(Entity, NotifyCallsTheKeyedHandlerEvenForAnAbsentKey) {

@@ -34,6 +34,12 @@ struct RbTreeAccess {
   static void redIs(M* m, bool red) {
     m->red_ = red;
   }
+  // Forgets where the last lookup or insert ended: the next insert descends
+  // from the root.
+  template <class Map>
+  static void fingerForget(Map& map) {
+    map.finger_ = nullptr;
+  }
 };
 
 }  // namespace Kiln
@@ -369,6 +375,62 @@ TEST(RbTreeMap, AscendingAndDescendingInsertsStayBalanced) {
   // left unbalanced by sorted input would be 4096 deep.
   EXPECT_LE(depth(Access::root(up)), 24);
   EXPECT_LE(depth(Access::root(down)), 24);
+}
+
+// True when the trees below a and b have the same shape, keys and colours.
+bool sameTree(const KilnFree* a, const KilnFree* b) {
+  if (!a || !b) return a == b;
+  return a->key() == b->key() && Access::red(a) == Access::red(b) &&
+         sameTree(Access::child(a, 0), Access::child(b, 0)) &&
+         sameTree(Access::child(a, 1), Access::child(b, 1));
+}
+
+TEST(RbTreeMap, InsertsNextToTheFingerBuildTheTreeARootDescentBuilds) {
+  // Runs of consecutive keys going up or down (as freeing blocks inserts
+  // them), lookups in between, removals and random keys: a map that inserts
+  // beside its finger and one made to descend from the root every time
+  // end up as the same tree after every step.
+  std::mt19937 random(21);
+  FreeMap hinted, descended;
+  std::set<U16> oracle;
+  for (U32 round = 0; round < 1500; ++round) {
+    const U16 start = U16(random() % 4000);
+    const U32 length = 1 + random() % 24;
+    const int direction = random() % 4 == 0 ? -1 : 1;
+    const U32 action = random() % 4;
+    for (U32 i = 0; i < length; ++i) {
+      const U16 k = U16(start + direction * int(i));
+      if (action == 3) {
+        ASSERT_EQ(bool(hinted.remove(k)), oracle.erase(k) == 1);
+        descended.remove(k);
+      } else if (!oracle.count(k)) {
+        if (action == 2) hinted.find(U16(random() % 4000));  // a finger anywhere
+        hinted.insert(new KilnFree(k, true));
+        Access::fingerForget(descended);
+        descended.insert(new KilnFree(k, true));
+        oracle.insert(k);
+      }
+    }
+    ASSERT_TRUE(sameTree(Access::root(hinted), Access::root(descended))) << "round " << round;
+    if (round % 100 == 0) {
+      ASSERT_EQ(redBlackFault(hinted), "") << "round " << round;
+    }
+  }
+  EXPECT_EQ(iteratedKeys(hinted), std::vector<U16>(oracle.begin(), oracle.end()));
+  EXPECT_EQ(hinted.last()->key(), *oracle.rbegin());
+}
+
+TEST(RbTreeMapDeathTest, RefusesAKeyAlreadyPresentNextToTheFinger) {
+  FreeMap map;
+  for (U16 k : {10, 20, 30}) map.insert(new KilnFree(k, true));
+  ASSERT_NE(map.find(20), nullptr);  // the finger on 20
+  EXPECT_DEATH(map.insert(new KilnFree(20, false)),
+               "Assertion `keyLessThan\\(m->key_, at->key_\\)' failed");
+  EXPECT_DEATH(map.insert(new KilnFree(10, false)),
+               "Assertion `keyLessThan\\(m->key_, at->key_\\)' failed");
+  map.insert(new KilnFree(21, true));  // the finger on 21, 20 below it
+  EXPECT_DEATH(map.insert(new KilnFree(20, false)),
+               "Assertion `keyLessThan\\(m->key_, at->key_\\)' failed");
 }
 
 TEST(RbTreeMapDeathTest, RefusesAKeyAlreadyPresent) {

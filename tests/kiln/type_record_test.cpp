@@ -50,7 +50,7 @@ TEST(TypeRecord, EveryTypeIsRegisteredInDeclarationOrder) {
   EXPECT_EQ(names, (Texts{"KilnTest::Colour", "KilnTest::Port", "KilnTest::Lag", "KilnTest::Device",
                           "KilnTest::PortSet", "KilnTest::Chip", "KilnTest::Listener",
                           "KilnTest::Station", "KilnTest::Station::Mode", "KilnTest::Hub",
-                          "KilnTest::Group", "KilnTest::Engine"}));
+                          "KilnTest::Group", "KilnTest::Engine", "KilnTest::Tally"}));
   EXPECT_EQ(Kiln::typeRecord("KilnTest::Station"), &Station::kilnType());
   EXPECT_EQ(Kiln::typeRecord("KilnTest::Nothing"), nullptr);
   EXPECT_NE(Kiln::typeRecord("Kiln::Entity"), nullptr);
@@ -193,7 +193,7 @@ TEST(TypeRecord, TypeNamesAreCollectedInTheLibrarysKilnTypeSection) {
                                "KilnTest::Station::Mode", "KilnTest::Engine"}) {
     EXPECT_NE(std::find(names.begin(), names.end(), expected), names.end()) << expected;
   }
-  EXPECT_EQ(names.size(), 12u);
+  EXPECT_EQ(names.size(), 13u);
 }
 
 // --- The reflective interface of entities.

@@ -110,6 +110,10 @@ class Errors(unittest.TestCase):
          "t.kiln:3: only a scalar attribute is 'settable'"),
         ("namespace T\nentity E : Kiln::Entity\n  key k : U8 settable\n",
          "t.kiln:3: only a scalar attribute is 'settable'"),
+        ("namespace T\nentity E : Kiln::Entity\n  ordered c : U16 -> U8 direct\n",
+         "t.kiln:3: only a keyed collection ('coll') is 'direct'"),
+        ("namespace T\nentity E : Kiln::Entity\n  coll c : U32 -> U8 direct\n",
+         "t.kiln:3: a 'direct' collection is keyed by U8, U16, S8, S16"),
         ("namespace T\nentity E : Kiln::Entity\n  op bad\n",
          "t.kiln:3: an operation reads"),
     ]

@@ -42,7 +42,9 @@ class RbTreeMember : public CollectionMember<M, K, V> {
 // ascending by K's <. Every operation is O(log n); first(), last() and
 // stepping an iterator never allocate. Inserting a key above every other
 // (filling a map in ascending order) and looking one up take constant time:
-// the map keeps its last member at hand. The map holds one reference to each
+// the map keeps its last member at hand; inserting next to the member the
+// previous lookup or insert reached (freeing a run of indexes) needs no
+// descent either. The map holds one reference to each
 // member. Inserting and removing invalidate iterators, except the one
 // remove(Iterator) returns. Not copyable. find() remembers where it ended,
 // so even a const map must not be searched from two threads at once.
@@ -131,6 +133,10 @@ class RbTreeMap {
     if (beyondLast) {
       parent = last_;
       link = &last_->child_[1];
+    } else if (finger_) {
+      // Next to the finger (freeing a block inserts index after index):
+      // the free link between the key's neighbours, no descent needed.
+      linkBesideFinger(m->key_, parent, link);
     }
     while (M* at = *link) {
       parent = at;
@@ -149,6 +155,8 @@ class RbTreeMap {
     if (beyondLast || !last_) last_ = m;
     ++members_;
     rebalanceAfterInsert(m);
+    // The next insert or lookup is likely the neighbouring key.
+    finger_ = m;
   }
 
   // Unlinks the member with this key and returns it (null if absent); the
@@ -209,6 +217,26 @@ class RbTreeMap {
     if (above ? keyLessThan(key, next->key_) : keyLessThan(next->key_, key)) return true;
     finger_ = found = next;
     return true;
+  }
+
+  // When key lies strictly between the finger and its neighbour on key's
+  // side (or beyond the last member that way), sets parent and link to the
+  // empty link where a descent from the root would put key; a search tree
+  // has exactly one such link between two neighbouring members, so the tree
+  // is the same either way. Otherwise (key present, or farther away) leaves
+  // both as they are.
+  void linkBesideFinger(const K& key, M*& parent, M**& link) const {
+    const bool above = keyLessThan(finger_->key_, key);
+    if (!above && !keyLessThan(key, finger_->key_)) return;
+    M* neighbour = step(finger_, above);
+    if (neighbour &&
+        !(above ? keyLessThan(key, neighbour->key_) : keyLessThan(neighbour->key_, key))) {
+      return;
+    }
+    // Between two neighbours, the finger's link towards key is empty unless
+    // the neighbour lies below it; then the neighbour's link back is empty.
+    parent = finger_->child_[above] ? neighbour : finger_;
+    link = &parent->child_[parent == finger_ ? above : !above];
   }
 
   // The first member whose key is not less than key, or nullptr. One
@@ -358,8 +386,10 @@ class RbTreeMap {
 
   M* root_ = nullptr;
   U32 members_ = 0;
-  mutable M* finger_ = nullptr;  // where the last find() ended; a member or null
-  M* last_ = nullptr;            // the member with the largest key, or null
+  // Where the last find() ended or the last insert() put its member; a
+  // member or null.
+  mutable M* finger_ = nullptr;
+  M* last_ = nullptr;  // the member with the largest key, or null
 };
 
 }  // namespace Kiln

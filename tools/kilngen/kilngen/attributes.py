@@ -214,7 +214,9 @@ class Collection(Emitter):
 
     @property
     def container(self):
-        return "RbTreeMap" if self.a.kind == "ordered" else "HashMap"
+        if self.a.kind == "ordered":
+            return "RbTreeMap"
+        return "DirectHashMap" if self.a.direct else "HashMap"
 
     @property
     def member_base(self):

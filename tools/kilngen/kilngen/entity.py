@@ -88,6 +88,8 @@ class EntityEmitter:
         kinds = {a.kind for a in t.attributes}
         if kinds & {"coll"}:
             kiln.append("Kiln/HashMap.h")
+        if any(a.direct for a in t.attributes):
+            kiln.append("Kiln/DirectHashMap.h")
         if kinds & {"ordered"}:
             kiln.append("Kiln/RbTreeMap.h")
         if kinds & {"queue"}:

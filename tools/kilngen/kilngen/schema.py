@@ -20,6 +20,8 @@ TYPE_LINE_RE = re.compile(rf"^(entity|value|enum)\s+({IDENT})\s*(?::\s*(.+))?$")
 ATTR_RE = re.compile(rf"^({IDENT})\s*:\s*(.+)$")
 OP_RE = re.compile(rf"^((?:(?:virtual|static)\s+)*)(.+?)\s*\b({IDENT})\s*\((.*)\)\s*(const)?$")
 ENTITY_VALUE_RE = re.compile(r"^([A-Za-z_][A-Za-z0-9_:]*)\s*\((.*)\)$")
+# The key types of a 'direct' collection: an array holds a place for each key.
+DIRECT_KEY_TYPES = ("U8", "U16", "S8", "S16")
 NULLTEXT_RE = re.compile(r'\s+nulltext\s+("(?:[^"\\]|\\.)*")\s*$')
 
 ENTITY_ATTRIBUTE_KINDS = {"attr", "counter", "key", "ctor", "coll", "ordered", "queue",
@@ -252,7 +254,7 @@ class _Parser:
         a.name, decl = m.group(1), m.group(2).strip()
         words = decl.split()
         # Trailing options.
-        while words and words[-1] in ("custom", "plain", "settable", "observed"):
+        while words and words[-1] in ("custom", "plain", "settable", "observed", "direct"):
             setattr(a, words.pop(), True)
         if len(words) >= 3 and words[-2] == "by":
             a.by = words[-1]
@@ -270,6 +272,8 @@ class _Parser:
             self.fail(number, "only a constructor parameter is 'plain'")
         if a.observed and kind not in ("coll", "ordered"):
             self.fail(number, "only a collection is 'observed'")
+        if a.direct and kind != "coll":
+            self.fail(number, "only a keyed collection ('coll') is 'direct'")
         if a.default is not None and kind not in ("attr", "counter", "field"):
             self.fail(number, f"a {kind} attribute has no default")
         if a.null_text and not a.by:
@@ -279,6 +283,9 @@ class _Parser:
             if not arrow:
                 self.fail(number, f"a collection reads '{kind} name : Key -> Value'")
             a.key_type = key.strip()
+            if a.direct and a.key_type not in DIRECT_KEY_TYPES:
+                self.fail(number, "a 'direct' collection is keyed by "
+                                  + ", ".join(DIRECT_KEY_TYPES))
             self.collection_value(number, a, value.strip())
         elif kind == "singleton":
             em = ENTITY_VALUE_RE.match(decl)

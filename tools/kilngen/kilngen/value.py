@@ -70,7 +70,9 @@ class ValueEmitter:
         out("#pragma once", "", "#include <concepts>", "#include <ostream>", "#include <string>",
             "#include <string_view>", "")
         kiln = ["Kiln/Support.h"] + (["Kiln/HashMap.h"] if self.collection else [])
-        for h in kiln:
+        if any(a.direct for a in t.attributes):
+            kiln.append("Kiln/DirectHashMap.h")
+        for h in sorted(kiln):
             out(f'#include "{h}"')
         extra = list(t.schema.includes + t.includes)
         for e in self.attrs:

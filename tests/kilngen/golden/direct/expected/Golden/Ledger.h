@@ -1,0 +1,276 @@
+// generated from ledger.kiln by kilngen; do not edit
+//
+// entity Ledger : Kiln::PtrInterface
+//   coll slots : U16 -> bool observed direct
+//   coll owners : U8 -> U32 direct
+//   coll names : U16 -> Kiln::Name
+#pragma once
+
+#include <string>
+
+#include "Kiln/DirectHashMap.h"
+#include "Kiln/HashMap.h"
+#include "Kiln/Support.h"
+
+namespace Golden {
+
+class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
+ public:
+  // Counted per type by the runtime's allocator.
+  using Kiln::Allocated<Ledger>::operator new;
+  using Kiln::Allocated<Ledger>::operator delete;
+
+  // Indexes of the type record's attributes and operations.
+  static constexpr U32 kilnAttributeStart = Kiln::PtrInterface::kilnAttributeStart + 128;  // 130
+  static constexpr U32 kilnSlotsIndex = kilnAttributeStart + 0;  // 130
+  static constexpr U32 kilnOwnersIndex = kilnAttributeStart + 1;  // 131
+  static constexpr U32 kilnNamesIndex = kilnAttributeStart + 2;  // 132
+
+  class NotifieeConst;
+
+  // A member of slots: key U16, value bool.
+  class KilnSlots : public Kiln::HashMapMember<KilnSlots, U16, bool> {
+   public:
+    using HashMapMember::HashMapMember;
+    const bool& value() const { return Kiln::CollectionMember<KilnSlots, U16, bool>::value(); }
+
+   private:
+    friend class Ledger;
+    using Kiln::CollectionMember<KilnSlots, U16, bool>::valueIs;
+  };
+  typedef Kiln::DirectHashMap<KilnSlots, U16, bool> SlotsMap;
+  typedef SlotsMap::Iterator SlotsIterator;
+
+  // A member of owners: key U8, value U32.
+  class KilnOwners : public Kiln::HashMapMember<KilnOwners, U8, U32> {
+   public:
+    using HashMapMember::HashMapMember;
+  };
+  typedef Kiln::DirectHashMap<KilnOwners, U8, U32> OwnersMap;
+  typedef OwnersMap::Iterator OwnersIterator;
+
+  // A member of names: key U16, value Kiln::Name.
+  class KilnNames : public Kiln::HashMapMember<KilnNames, U16, Kiln::Name> {
+   public:
+    using HashMapMember::HashMapMember;
+  };
+  typedef Kiln::HashMap<KilnNames, U16, Kiln::Name> NamesMap;
+  typedef NamesMap::Iterator NamesIterator;
+
+  Ledger();
+  Ledger(const Ledger&) = delete;
+  Ledger& operator=(const Ledger&) = delete;
+  ~Ledger() override;
+
+  // The value under key, or bool() when absent.
+  bool slots(U16 key) const {
+    const KilnSlots* m = slots_.find(key);
+    return m ? m->value() : bool();
+  }
+  // The collection itself, for iteration and counting.
+  const SlotsMap& slots() const { return slots_; }
+  // Stores value under key; when the key holds an equal value nothing happens,
+  // otherwise slotsNotify(key) runs.
+  void slotsIs(U16 key, bool value) {
+    if (KilnSlots* m = slots_.find(key)) {
+      if (m->value() == value) return;
+      m->valueIs(value);
+      slotsObserved(key, &m->value());
+    } else {
+      newSlots(key, value);
+    }
+    slotsNotify(key);
+  }
+  // Stores value under key without telling anyone; returns the member.
+  Kiln::Ptr<KilnSlots> newSlots(U16 key, bool value) {
+    if (KilnSlots* m = slots_.find(key)) {
+      m->valueIs(value);
+      slotsObserved(key, &m->value());
+      return m;
+    }
+    Kiln::Ptr<KilnSlots> m = new KilnSlots(key, value);
+    slots_.insert(m);
+    slotsObserved(key, &m->value());
+    return m;
+  }
+  // Removes key and returns its value; an absent key returns bool() and
+  // tells nobody.
+  bool slotsDel(U16 key) {
+    Kiln::Ptr<KilnSlots> m = slots_.remove(key);
+    if (!m) return bool();
+    slotsObserved(key, nullptr);
+    slotsNotify(key);
+    return m->value();
+  }
+  // Removes the member at position; returns the position after it.
+  SlotsIterator slotsDel(SlotsIterator position) {
+    const U16 key = position->key();
+    SlotsIterator next = slots_.remove(position);
+    slotsObserved(key, nullptr);
+    slotsNotify(key);
+    return next;
+  }
+  // Removes every member through slotsDel(iterator).
+  void slotsDelAll() {
+    while (!slots_.empty()) slotsDel(slots_.begin());
+  }
+  // Calls onSlots(key) on every notifiee.
+  void slotsNotify(U16 key) {
+    if (!kilnNotifiees_.empty()) Kiln::doVisit(kilnNotifiees_, &NotifieeConst::onSlots, key);
+  }
+  // Hand-written: called after every change of a member of slots, with
+  // the member's new value, or null when key has left the collection.
+  void slotsObserved(U16 key, const bool* value);
+
+  // The value under key, or U32() when absent.
+  U32 owners(U8 key) const {
+    const KilnOwners* m = owners_.find(key);
+    return m ? m->value() : U32();
+  }
+  // The collection itself, for iteration and counting.
+  const OwnersMap& owners() const { return owners_; }
+  // Stores value under key; when the key holds an equal value nothing happens,
+  // otherwise ownersNotify(key) runs.
+  void ownersIs(U8 key, U32 value) {
+    if (KilnOwners* m = owners_.find(key)) {
+      if (m->value() == value) return;
+      m->valueIs(value);
+    } else {
+      newOwners(key, value);
+    }
+    ownersNotify(key);
+  }
+  // Stores value under key without telling anyone; returns the member.
+  Kiln::Ptr<KilnOwners> newOwners(U8 key, U32 value) {
+    if (KilnOwners* m = owners_.find(key)) {
+      m->valueIs(value);
+      return m;
+    }
+    Kiln::Ptr<KilnOwners> m = new KilnOwners(key, value);
+    owners_.insert(m);
+    return m;
+  }
+  // Removes key and returns its value; an absent key returns U32() and
+  // tells nobody.
+  U32 ownersDel(U8 key) {
+    Kiln::Ptr<KilnOwners> m = owners_.remove(key);
+    if (!m) return U32();
+    ownersNotify(key);
+    return m->value();
+  }
+  // Removes the member at position; returns the position after it.
+  OwnersIterator ownersDel(OwnersIterator position) {
+    const U8 key = position->key();
+    OwnersIterator next = owners_.remove(position);
+    ownersNotify(key);
+    return next;
+  }
+  // Removes every member through ownersDel(iterator).
+  void ownersDelAll() {
+    while (!owners_.empty()) ownersDel(owners_.begin());
+  }
+  // Calls onOwners(key) on every notifiee.
+  void ownersNotify(U8 key) {
+    if (!kilnNotifiees_.empty()) Kiln::doVisit(kilnNotifiees_, &NotifieeConst::onOwners, key);
+  }
+
+  // The value under key, or Kiln::Name() when absent.
+  Kiln::Name names(U16 key) const {
+    const KilnNames* m = names_.find(key);
+    return m ? m->value() : Kiln::Name();
+  }
+  // The collection itself, for iteration and counting.
+  const NamesMap& names() const { return names_; }
+  // Stores value under key; when the key holds an equal value nothing happens,
+  // otherwise namesNotify(key) runs.
+  void namesIs(U16 key, const Kiln::Name& value) {
+    if (KilnNames* m = names_.find(key)) {
+      if (m->value() == value) return;
+      m->valueIs(value);
+    } else {
+      newNames(key, value);
+    }
+    namesNotify(key);
+  }
+  // Stores value under key without telling anyone; returns the member.
+  Kiln::Ptr<KilnNames> newNames(U16 key, const Kiln::Name& value) {
+    if (KilnNames* m = names_.find(key)) {
+      m->valueIs(value);
+      return m;
+    }
+    Kiln::Ptr<KilnNames> m = new KilnNames(key, value);
+    names_.insert(m);
+    return m;
+  }
+  // Removes key and returns its value; an absent key returns Kiln::Name() and
+  // tells nobody.
+  Kiln::Name namesDel(U16 key) {
+    Kiln::Ptr<KilnNames> m = names_.remove(key);
+    if (!m) return Kiln::Name();
+    namesNotify(key);
+    return m->value();
+  }
+  // Removes the member at position; returns the position after it.
+  NamesIterator namesDel(NamesIterator position) {
+    const U16 key = position->key();
+    NamesIterator next = names_.remove(position);
+    namesNotify(key);
+    return next;
+  }
+  // Removes every member through namesDel(iterator).
+  void namesDelAll() {
+    while (!names_.empty()) namesDel(names_.begin());
+  }
+  // Calls onNames(key) on every notifiee.
+  void namesNotify(U16 key) {
+    if (!kilnNotifiees_.empty()) Kiln::doVisit(kilnNotifiees_, &NotifieeConst::onNames, key);
+  }
+
+  // The registered record of Golden::Ledger.
+  static const Kiln::TypeRecord& kilnType();
+  const Kiln::TypeRecord& fwkType() const override { return kilnType(); }
+  Kiln::NotifieeList* notifieeList() const override { return &kilnNotifiees_; }
+  void hasNotificationActiveIs(bool active) override { kilnNotifiees_.activeIs(active); }
+  // Calls onZeroReferences() on every notifiee.
+  void zeroReferencesIs(bool) override {
+    if (!kilnNotifiees_.empty()) Kiln::doVisit(kilnNotifiees_, &NotifieeConst::onZeroReferences);
+  }
+
+  // Observes a Ledger: one virtual handler per attribute, in attribute order,
+  // after the base's.
+  class NotifieeConst : public Kiln::PtrInterface::NotifieeConst {
+   public:
+    // The Ledger observed, or null.
+    Kiln::Ptr<const Ledger> notifier() const {
+      return static_cast<const Ledger*>(notifierBase());
+    }
+    // Observes notifier from now on (joining its list when registered).
+    void notifierIs(const Kiln::Ptr<const Ledger>& notifier) { notifierBaseIs(notifier.ptr()); }
+    virtual void onSlots(U16) {}
+    virtual void onSlotskilnImmediate() {}
+    virtual void onSlots() {}
+    virtual void onOwners(U8) {}
+    virtual void onOwnerskilnImmediate() {}
+    virtual void onOwners() {}
+    virtual void onNames(U16) {}
+    virtual void onNameskilnImmediate() {}
+    virtual void onNames() {}
+
+   protected:
+    bool kilnAcceptsNotifier(const Kiln::PtrInterface* notifier) const override {
+      return dynamic_cast<const Ledger*>(notifier) != nullptr;
+    }
+  };
+
+ private:
+  SlotsMap slots_;
+  OwnersMap owners_;
+  NamesMap names_;
+
+ protected:
+  // The registered notifiees (derived types notify through it too);
+  // mutators test it for emptiness first.
+  mutable Kiln::NotifieeList kilnNotifiees_;
+};
+
+}  // namespace Golden
