@@ -6,7 +6,6 @@
 //
 // BREVANT_DIFFERENTIAL_ROUNDS=n multiplies the number of operations by n
 // for a longer run.
-#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <random>
@@ -461,25 +460,11 @@ class Differential {
   U32 predictedStops_ = 0;
 };
 
-// A positive whole number from the environment variable name, or
-// otherwise.
-U32 countFromEnvironment(const char* name, U32 otherwise) {
-  const char* text = std::getenv(name);
-  const long n = text ? std::strtol(text, nullptr, 10) : 0;
-  return n > 0 ? U32(n) : otherwise;
-}
-
 // BREVANT_DIFFERENTIAL_ROUNDS=n runs n times the operations; a longer run.
-U32 rounds() { return countFromEnvironment("BREVANT_DIFFERENTIAL_ROUNDS", 1); }
-
-const std::vector<U32> allSeeds{11, 23, 57, 101};
-
-// BREVANT_DIFFERENTIAL_SEEDS=n runs only the first n seeds: the sanitizer
-// phases of scripts/test look for memory and threading faults, which one
-// seed per setting reaches, and leave the full comparison to the plain build.
-std::vector<U32> seeds() {
-  const U32 n = std::min<U32>(countFromEnvironment("BREVANT_DIFFERENTIAL_SEEDS", 4), 4);
-  return {allSeeds.begin(), allSeeds.begin() + n};
+U32 rounds() {
+  const char* text = std::getenv("BREVANT_DIFFERENTIAL_ROUNDS");
+  const long n = text ? std::strtol(text, nullptr, 10) : 1;
+  return n > 0 ? U32(n) : 1;
 }
 
 struct Case {
@@ -497,21 +482,20 @@ class TableIndexDifferentialTest : public NextHopTableTest,
 TEST_P(TableIndexDifferentialTest, EveryAnswerMatchesThePerIndexReference) {
   const Case c = GetParam();
   U32 compactions = 0;
-  const std::vector<U32> runSeeds = seeds();
-  for (U32 seed : runSeeds) {
+  for (U32 seed : {11u, 23u, 57u, 101u}) {
     for (bool hardened : {false, true}) {
       Differential d(seed * (c.bound + 1), c.bound, hardened);
-      d.run(c.ops * rounds());
+      d.run(U32(randomSteps(int(c.ops))) * rounds());
       compactions += d.compactions();
       ASSERT_FALSE(HasFailure()) << "seed " << seed << " hardened " << hardened;
     }
   }
   // Most compaction runs are compared, not cut short by a predicted stop.
-  EXPECT_GT(compactions, 2 * runSeeds.size() * 20u);
+  EXPECT_GT(compactions, U32(randomSteps(8 * 20)));
 }
 
-// 8 runs per case with every seed: 3 x 8 x 4,000 + 8 x 500 operations,
-// plus the prefill of the full tables.
+// 8 runs per case: 3 x 8 x 4,000 + 8 x 500 operations, plus the prefill of
+// the full tables.
 INSTANTIATE_TEST_SUITE_P(Tables, TableIndexDifferentialTest,
                          testing::Values(Case{64, 4000}, Case{256, 4000}, Case{2048, 4000},
                                          Case{0, 500}),
