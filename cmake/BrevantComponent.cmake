@@ -58,9 +58,11 @@ endfunction()
 
 # Every test file includes GoogleTest and most include the component's main
 # header: compiled once per test binary instead of once per file, they take
-# about a quarter off building the tests. ccache leaves files built with a
-# precompiled header uncached unless told otherwise (its sloppiness setting),
-# so a build with a compiler launcher compiles the headers file by file.
+# about a quarter off compiling a test file (one file measured with g++ on
+# a busy machine: 46.9 s with its headers, 34.5 s from the precompiled
+# ones). ccache leaves files built with a precompiled header uncached unless
+# told otherwise (its sloppiness setting), so a build with a compiler
+# launcher compiles the headers file by file.
 if(CMAKE_CXX_COMPILER_LAUNCHER)
   set(brevant_precompile_default OFF)
 else()

@@ -140,7 +140,7 @@ S32 NextHopManager::updateNextHopHWIndex(U16 index, bool value) {
 void NextHopManager::freeEntriesObserved(U16 key, const bool* value) {
   const bool free = value && *value;
   freeIndex_.set(key, free);
-  freeRuns.entryIs(key, free);
+  freeRuns.entryChanged(key);
 }
 
 void NextHopManager::allocatedEntriesObserved(U16 key, const bool* value) {

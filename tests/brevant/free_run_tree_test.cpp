@@ -72,7 +72,7 @@ class FreeRunTreeTest : public ::testing::Test {
   void entryIs(U32 index, bool isFree) {
     bitmap_.set(index, isFree);
     free_[index] = isFree;
-    tree_.entryIs(U16(index), isFree);
+    tree_.entryChanged(U16(index));
   }
 
   // Alternating used and free runs of random lengths up to maxRun from

@@ -38,9 +38,10 @@ class FreeRunTree {
   explicit FreeRunTree(const TableBitmap& bitmap);
 
   // Hears that the bitmap's entry index changed (the bitmap holds its new
-  // value, free or not, already): marks its word, a few instructions. The
-  // tree above the word is brought up to date by the next refresh().
-  void entryIs(U16 index, bool /*free*/) {
+  // value already, so the tree reads it from there): marks its word, a few
+  // instructions. The tree above the word is brought up to date by the next
+  // refresh().
+  void entryChanged(U16 index) {
     const U32 w = index >> 6;
     staleWords_[w >> 6] |= U64(1) << (w & 63);
     stale_ = true;
