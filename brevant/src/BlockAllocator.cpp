@@ -74,7 +74,8 @@ S32 NextHopManager::findAvailableNarrowBlock(U16 length) {
   KILN_ASSERT(length <= 256);
   // First fit from the lowest free index: the start of the lowest run that
   // is long enough, so holes are reused before the region grows.
-  const S32 found = freeIndex_.findFirstRun(start, lastWideIndex_, length);
+  freeRuns.refresh();
+  const S32 found = freeRuns.firstRun(start, lastWideIndex_, length);
   if (found < 0) {
     NH_TRACE(1, "NOT found narrow block of length " << length);
     return -2;
@@ -98,7 +99,8 @@ S32 NextHopManager::findAvailableWideBlock(U16 length) {
   // First fit from the top: the block ends the highest run that is long
   // enough, keeping the wide region packed against the swap area. The run
   // lies above lastNarrowIndex and no higher than top.
-  const S32 found = freeIndex_.findLastRun(lastNarrowIndex_ + 1U, top + 1U, length);
+  freeRuns.refresh();
+  const S32 found = freeRuns.lastRun(lastNarrowIndex_ + 1U, top + 1U, length);
   if (found < 0) return -2;
   const U16 index = U16(found);
   NH_TRACE(4, "Found wide block at index( last wide index ): " << index);

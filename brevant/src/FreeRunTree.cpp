@@ -71,6 +71,7 @@ void FreeRunTree::nodeIs(U32 n, const Span& s) {
 }
 
 void FreeRunTree::rebuild() {
+  ++refreshes_;
   for (U32 n = wordCount; n-- > 1;) nodeIs(n, joinedChildren(n));
   staleWords_.fill(0);
   stale_ = false;
@@ -90,6 +91,7 @@ bool FreeRunTree::refresh() {
     return true;
   }
   if (!stale_) return false;
+  ++refreshes_;
   // The nodes to join again, a level at a time, lowest first and each once:
   // marked words next to each other share their parents, and a node that
   // comes out as it was does not pass the walk on to its parent.
@@ -189,6 +191,84 @@ FreeRunTree::Span FreeRunTree::spanOf(U32 node, U32 nodeFirst, U32 nodeLength, U
   if (first >= middle) return spanOf(2 * node + 1, middle, half, first, last);
   return joined(spanOf(2 * node, nodeFirst, half, first, last),
                 spanOf(2 * node + 1, middle, half, first, last), shortLength_);
+}
+
+struct FreeRunTree::UpwardSearch {
+  U32 from, to, length;
+  U32 carry = 0;  // free entries running up to the span being looked at
+};
+
+struct FreeRunTree::DownwardSearch {
+  U32 from, to, length;
+  TableBitmap::RunBelow run;
+};
+
+S32 FreeRunTree::firstRun(U32 from, U32 to, U32 length) const {
+  to = std::min(to, entries);
+  if (length == 0 || from >= to) return -1;
+  UpwardSearch search{from, to, length};
+  return firstRunIn(1, 0, entries, search);
+}
+
+S32 FreeRunTree::lastRun(U32 from, U32 to, U32 length) const {
+  to = std::min(to, entries);
+  if (length == 0 || from >= to) return -1;
+  DownwardSearch search{from, to, length, {}};
+  return lastRunIn(1, 0, entries, search);
+}
+
+// Spans are visited from low to high, and a span wholly inside the range
+// whose runs are all too short is passed over with its figures alone: the
+// run it ends with is all it carries on. Only spans that hold the answer,
+// and the two cut by the range's ends, are looked into.
+S32 FreeRunTree::firstRunIn(U32 node, U32 nodeFirst, U32 nodeLength,
+                            UpwardSearch& search) const {
+  const U32 nodeLast = nodeFirst + nodeLength;
+  if (nodeLast <= search.from || nodeFirst >= search.to) return -1;
+  if (nodeLength == 64) {
+    const U64 bits = bitmap_->wordIn(nodeFirst / 64, search.from, search.to);
+    return TableBitmap::firstRunInWord(bits, nodeFirst, search.length, search.carry);
+  }
+  if (search.from <= nodeFirst && nodeLast <= search.to) {
+    const Span s = nodeSpan(node);
+    if (search.carry + s.head >= search.length) return S32(nodeFirst - search.carry);
+    if (s.longest < search.length) {
+      search.carry = s.allFree() ? search.carry + nodeLength : s.tail;
+      return -1;
+    }
+  }
+  const U32 half = nodeLength / 2;
+  const S32 found = firstRunIn(2 * node, nodeFirst, half, search);
+  return found >= 0 ? found : firstRunIn(2 * node + 1, nodeFirst + half, half, search);
+}
+
+// The mirror of firstRunIn: spans from high to low.
+S32 FreeRunTree::lastRunIn(U32 node, U32 nodeFirst, U32 nodeLength,
+                           DownwardSearch& search) const {
+  const U32 nodeLast = nodeFirst + nodeLength;
+  if (nodeLast <= search.from || nodeFirst >= search.to) return -1;
+  if (nodeLength == 64) {
+    const U64 bits = bitmap_->wordIn(nodeFirst / 64, search.from, search.to);
+    return TableBitmap::lastRunInWord(bits, nodeFirst, search.length, search.run);
+  }
+  if (search.from <= nodeFirst && nodeLast <= search.to) {
+    const Span s = nodeSpan(node);
+    TableBitmap::RunBelow& run = search.run;
+    if (run.carry == 0) run.end = nodeLast;
+    if (run.carry + s.tail >= search.length) return S32(run.end - search.length);
+    if (s.longest < search.length) {
+      if (s.allFree()) {
+        run.carry += nodeLength;
+      } else {
+        run.carry = s.head;
+        run.end = nodeFirst + s.head;
+      }
+      return -1;
+    }
+  }
+  const U32 half = nodeLength / 2;
+  const S32 found = lastRunIn(2 * node + 1, nodeFirst + half, half, search);
+  return found >= 0 ? found : lastRunIn(2 * node, nodeFirst, half, search);
 }
 
 }  // namespace Brevant

@@ -126,8 +126,12 @@ void NextHopManager::refreshResources() {
   NextHopResources& r = *resources_;
   const U32 bound = getNextHopTableBound();
   const U32 swapIndex = getNextHopTableSwapIndex();
-  const std::array<U32, 4> inputs{lastNarrowIndex_, lastWideIndex_, swapIndex, bound};
-  if (!freeRuns.refresh() && inputs == resourcesPublishedFor) return;
+  // The searches refresh the tree too, so what tells a change is its count
+  // of refreshes, not what this refresh did.
+  freeRuns.refresh();
+  const std::array<U64, 5> inputs{lastNarrowIndex_, lastWideIndex_, swapIndex, bound,
+                                  freeRuns.refreshes()};
+  if (inputs == resourcesPublishedFor) return;
   resourcesPublishedFor = inputs;
   // The regions as the boundaries stand; a swap index that wrapped round
   // (a simulated bound below 8) leaves no swap area.

@@ -59,6 +59,18 @@ class FreeRunTree {
   // length changed).
   bool refresh();
 
+  // Counts the refreshes that found something marked: equal counts, equal
+  // tree, so whoever publishes from the tree can tell whether to.
+  U64 refreshes() const { return refreshes_; }
+
+  // The lowest start of `length` consecutive free entries, all in
+  // [from, to), or -1; a length of 0 finds nothing (after refresh()). The
+  // answer of TableBitmap::findFirstRun on the bitmap, found by a descent
+  // that passes over every span whose longest run is too short at once.
+  S32 firstRun(U32 from, U32 to, U32 length) const;
+  // The highest such start, or -1: TableBitmap::findLastRun's answer.
+  S32 lastRun(U32 from, U32 to, U32 length) const;
+
   // The whole table (after refresh()): its free entries, runs, longest run.
   const Span& table() const { return table_; }
   // The free entries in runs shorter than the short length (after refresh()).
@@ -105,10 +117,16 @@ class FreeRunTree {
   U32 freeBefore(U32 index) const;
   void forgetSpansOver(U32 word);
   Span spanOf(U32 node, U32 nodeFirst, U32 nodeLength, U32 first, U32 last) const;
+  // A run search's question and what it carries from span to span.
+  struct UpwardSearch;
+  struct DownwardSearch;
+  S32 firstRunIn(U32 node, U32 nodeFirst, U32 nodeLength, UpwardSearch& search) const;
+  S32 lastRunIn(U32 node, U32 nodeFirst, U32 nodeLength, DownwardSearch& search) const;
 
   const TableBitmap* bitmap_;
   U32 shortLength_ = 0;
   bool stale_ = false;
+  U64 refreshes_ = 0;
   // Set until the first refresh and after the short length changes.
   bool rebuildPending_ = true;
   // One bit per word marked since the last refresh.

@@ -77,7 +77,7 @@ class TableBitmap {
   // [from, to), or -1; a length of 0 finds nothing.
   S32 findFirstRun(U32 from, U32 to, U32 length) const {
     if (length == 0 || from >= to) return -1;
-    U32 carry = 0;  // set indexes running up to the word being looked at
+    U32 carry = 0;
     for (U32 w = from / 64; w * 64 < to; ++w) {
       const U64 bits = wordIn(w, from, to);
       if (bits == 0 && carry == 0) {
@@ -87,13 +87,8 @@ class TableBitmap {
         w = U32(next) - 1;
         continue;
       }
-      const U32 base = w * 64;
-      const U32 lowOnes = U32(std::countr_one(bits));
-      if (carry + lowOnes >= length) return S32(base - carry);
-      if (length <= 64) {
-        if (const U64 starts = runStarts(bits, length)) return S32(base + std::countr_zero(starts));
-      }
-      carry = bits == ~U64(0) ? carry + 64 : U32(std::countl_one(bits));
+      const S32 found = firstRunInWord(bits, w * 64, length, carry);
+      if (found >= 0) return found;
     }
     return -1;
   }
@@ -102,38 +97,21 @@ class TableBitmap {
   // [from, to), or -1; a length of 0 finds nothing.
   S32 findLastRun(U32 from, U32 to, U32 length) const {
     if (length == 0 || from >= to) return -1;
-    U32 carry = 0;   // set indexes running down to the word being looked at
-    U32 runEnd = 0;  // one past the highest of them
+    RunBelow run;
     for (S32 w = S32((to - 1) / 64); w >= 0 && U32(w + 1) * 64 > from; --w) {
-      const U32 base = U32(w) * 64;
       const U64 bits = wordIn(U32(w), from, to);
-      if (bits == 0 && carry == 0) {
+      if (bits == 0 && run.carry == 0) {
         w = previousWord(from, U32(w)) + 1;
         if (w == 0) return -1;
         continue;
       }
-      if (carry == 0) runEnd = base + 64;
-      const U32 highOnes = U32(std::countl_one(bits));
-      if (carry + highOnes >= length) return S32(runEnd - length);
-      if (length <= 64) {
-        if (const U64 starts = runStarts(bits, length)) {
-          return S32(base + 63 - std::countl_zero(starts));
-        }
-      }
-      if (bits == ~U64(0)) {
-        carry += 64;
-      } else {
-        carry = U32(std::countr_one(bits));
-        runEnd = base + carry;
-      }
+      const S32 found = lastRunInWord(bits, U32(w) * 64, length, run);
+      if (found >= 0) return found;
     }
     return -1;
   }
 
- private:
-  static constexpr U32 wordCount = indexes / 64;
-
-  // Word w restricted to [from, to).
+  // Word w restricted to [from, to): its indexes outside the range cleared.
   U64 wordIn(U32 w, U32 from, U32 to) const {
     U64 bits = words_[w];
     const U32 base = w * 64;
@@ -141,6 +119,51 @@ class TableBitmap {
     if (to < base + 64) bits &= (U64(1) << (to - base)) - 1;
     return bits;
   }
+
+  // One word of an upward run search, shared by every first-fit search over
+  // the set's words: bits are the indexes base .. base + 63 (those outside
+  // the range cleared), carry the indexes of the set running up to base.
+  // Answers the lowest start of a run of length (length > 0) that ends in
+  // this word, or -1 with carry set for the next word.
+  static S32 firstRunInWord(U64 bits, U32 base, U32 length, U32& carry) {
+    if (carry + U32(std::countr_one(bits)) >= length) return S32(base - carry);
+    if (length <= 64) {
+      if (const U64 starts = runStarts(bits, length)) return S32(base + std::countr_zero(starts));
+    }
+    carry = bits == ~U64(0) ? carry + 64 : U32(std::countl_one(bits));
+    return -1;
+  }
+
+  // What a downward run search carries from word to word: the indexes of the
+  // set running down to the word being looked at, and one past the highest
+  // of them.
+  struct RunBelow {
+    U32 carry = 0;
+    U32 end = 0;
+  };
+
+  // One word of a downward run search (the mirror of firstRunInWord):
+  // answers the highest start of a run of length that begins in this word,
+  // or -1 with run set for the word below.
+  static S32 lastRunInWord(U64 bits, U32 base, U32 length, RunBelow& run) {
+    if (run.carry == 0) run.end = base + 64;
+    if (run.carry + U32(std::countl_one(bits)) >= length) return S32(run.end - length);
+    if (length <= 64) {
+      if (const U64 starts = runStarts(bits, length)) {
+        return S32(base + 63 - std::countl_zero(starts));
+      }
+    }
+    if (bits == ~U64(0)) {
+      run.carry += 64;
+    } else {
+      run.carry = U32(std::countr_one(bits));
+      run.end = base + run.carry;
+    }
+    return -1;
+  }
+
+ private:
+  static constexpr U32 wordCount = indexes / 64;
 
   // Bit i set when bits i to i + length - 1 of bits all are (1 <= length <= 64).
   static U64 runStarts(U64 bits, U32 length) {
