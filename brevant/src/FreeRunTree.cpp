@@ -221,8 +221,7 @@ S32 FreeRunTree::lastRun(U32 from, U32 to, U32 length) const {
 // whose runs are all too short is passed over with its figures alone: the
 // run it ends with is all it carries on. Only spans that hold the answer,
 // and the two cut by the range's ends, are looked into.
-S32 FreeRunTree::firstRunIn(U32 node, U32 nodeFirst, U32 nodeLength,
-                            UpwardSearch& search) const {
+S32 FreeRunTree::firstRunIn(U32 node, U32 nodeFirst, U32 nodeLength, UpwardSearch& search) const {
   const U32 nodeLast = nodeFirst + nodeLength;
   if (nodeLast <= search.from || nodeFirst >= search.to) return -1;
   if (nodeLength == 64) {
@@ -243,8 +242,7 @@ S32 FreeRunTree::firstRunIn(U32 node, U32 nodeFirst, U32 nodeLength,
 }
 
 // The mirror of firstRunIn: spans from high to low.
-S32 FreeRunTree::lastRunIn(U32 node, U32 nodeFirst, U32 nodeLength,
-                           DownwardSearch& search) const {
+S32 FreeRunTree::lastRunIn(U32 node, U32 nodeFirst, U32 nodeLength, DownwardSearch& search) const {
   const U32 nodeLast = nodeFirst + nodeLength;
   if (nodeLast <= search.from || nodeFirst >= search.to) return -1;
   if (nodeLength == 64) {
