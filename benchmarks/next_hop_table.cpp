@@ -142,58 +142,82 @@ class ResourcesPaused {
   NextHopManager& manager_;
 };
 
-// Deletes a random group and creates one of random size and kind, on a
-// table kept near 90% full; holes of every size make many searches long.
+// A table kept near 90% full, fragmented, and the churn on it: each step
+// deletes a random group and creates one of random size and kind; holes of
+// every size make many searches long. Two tables built alike are equal, and
+// stay equal step for step.
+class ChurnTable {
+ public:
+  ChurnTable() {
+    fill();
+    // Fragment it: a fifth of the groups go, and the holes are filled again.
+    for (size_t n = groups_.size() / 5; n > 0; --n) deleteAt(random_() % groups_.size());
+    fill();
+  }
+  ChurnTable(const ChurnTable&) = delete;
+  ChurnTable& operator=(const ChurnTable&) = delete;
+
+  double occupancy() const {
+    return double(poolEntries - manager->freeEntries().members()) / double(poolEntries);
+  }
+
+  // What one step did: the group deleted, and the one created (0 if refused).
+  struct Step {
+    U16 deleted;
+    ChurnRequest request;
+    U16 created;
+  };
+  Step step() {
+    const U16 deleted = deleteAt(random_() % groups_.size());
+    const ChurnRequest r = churnRequest(random_);
+    return {deleted, r, create(r)};
+  }
+
+  const Kiln::Ptr<NextHopManager> manager = new NextHopManager();
+
+ private:
+  U16 create(const ChurnRequest& r) {
+    const S32 id = manager->createECMPGroup(0, r.wide, true, r.size, data_, data_,
+                                            Brevant::RoutingUnicastFeature, false);
+    if (id <= 0) return 0;
+    groups_.push_back(U16(id));
+    return U16(id);
+  }
+  U16 deleteAt(size_t at) {
+    const U16 id = groups_[at];
+    manager->deleteECMPGroup(0, id);
+    groups_[at] = groups_.back();
+    groups_.pop_back();
+    return id;
+  }
+  // Fills to 90%, giving up after a run of refused requests (the regions
+  // have met and only requests that fit a hole succeed).
+  void fill() {
+    for (int refused = 0;
+         refused < 200 && poolEntries - manager->freeEntries().members() < poolEntries * 9 / 10;) {
+      refused = create(churnRequest(random_)) ? 0 : refused + 1;
+    }
+  }
+
+  std::mt19937 random_{7};
+  const U64Collection data_ = wordRun(128, 0x200);
+  std::vector<U16> groups_;
+};
+
 // With countersKept false the resource counters are paused for the timed
 // steps (not for the filling), so the two runs differ only by keeping them.
 void churnFragmented(benchmark::State& state, bool countersKept) {
   TableSetting setting;
-  std::mt19937 random(7);
-  Kiln::Ptr<NextHopManager> m = new NextHopManager();
-  const U64Collection data = wordRun(128, 0x200);
-  std::vector<U16> groups;
-  auto create = [&](const ChurnRequest& r) {
-    const S32 id = m->createECMPGroup(0, r.wide, true, r.size, data, data,
-                                      Brevant::RoutingUnicastFeature, false);
-    if (id > 0) groups.push_back(U16(id));
-    return id > 0;
-  };
-  // Fills to 90%, giving up after a run of refused requests (the regions
-  // have met and only requests that fit a hole succeed).
-  auto fill = [&] {
-    for (int refused = 0;
-         refused < 200 && poolEntries - m->freeEntries().members() < poolEntries * 9 / 10;) {
-      refused = create(churnRequest(random)) ? 0 : refused + 1;
-    }
-  };
-  fill();
-  // Fragment it: a fifth of the groups go, and the holes are filled again.
-  for (size_t n = groups.size() / 5; n > 0; --n) {
-    const size_t at = random() % groups.size();
-    m->deleteECMPGroup(0, groups[at]);
-    groups[at] = groups.back();
-    groups.pop_back();
-  }
-  fill();
-  const double startOccupancy =
-      double(poolEntries - m->freeEntries().members()) / double(poolEntries);
+  ChurnTable table;
+  const double startOccupancy = table.occupancy();
   U64 failed = 0;
   std::optional<ResourcesPaused> paused;
-  if (!countersKept) paused.emplace(*m);
-  for (auto _ : state) {
-    const size_t at = random() % groups.size();
-    m->deleteECMPGroup(0, groups[at]);
-    groups[at] = groups.back();
-    groups.pop_back();
-    failed += !create(churnRequest(random));
-  }
+  if (!countersKept) paused.emplace(*table.manager);
+  for (auto _ : state) failed += table.step().created == 0;
   state.counters["failedCreates"] =
       benchmark::Counter(double(failed), benchmark::Counter::kAvgIterations);
   state.counters["startOccupancy"] = startOccupancy;
-  state.counters["endOccupancy"] =
-      double(poolEntries - m->freeEntries().members()) / double(poolEntries);
-  paused.reset();
-  m = nullptr;
+  state.counters["endOccupancy"] = table.occupancy();
 }
 
 // The table drifts as the churn goes on (its occupancy falls slowly), so
@@ -209,6 +233,68 @@ void NextHopTableChurnFragmentedCountersPaused(benchmark::State& state) {
   churnFragmented(state, false);
 }
 BENCHMARK(NextHopTableChurnFragmentedCountersPaused)
+    ->Unit(benchmark::kMicrosecond)
+    ->Iterations(churnSteps);
+
+// Baseline: the records a churn step must keep, and nothing else. The steps
+// are played on one table and noted (which group went, which came and
+// where); a second table built alike then goes through the same steps
+// changing only the records: the group with a next-hop member per next hop,
+// the start map, the group ids, and per entry an allocated member and a
+// free member added or removed. No search, no chip write, no counters: what
+// a step costs at the least while the table keeps these records.
+void NextHopTableChurnBaselineRecordsOnly(benchmark::State& state) {
+  TableSetting setting;
+  struct Placed {
+    ChurnTable::Step step;
+    U16 start;
+  };
+  std::vector<Placed> steps;
+  U32 freeAfterPlaying = 0;
+  {
+    ChurnTable played;
+    for (auto n = state.max_iterations; n > 0; --n) {
+      const ChurnTable::Step step = played.step();
+      steps.push_back(
+          {step, step.created ? played.manager->ecmpGroups(step.created)->hwStartIndex() : U16(0)});
+    }
+    freeAfterPlaying = played.manager->freeEntries().members();
+  }
+  ChurnTable table;
+  NextHopManager& m = *table.manager;
+  const ResourcesPaused paused(m);
+  size_t at = 0;
+  for (auto _ : state) {
+    const auto& [step, start] = steps[at++];
+    const Kiln::Ptr<Brevant::ECMPGroup> gone = m.ecmpGroups(step.deleted);
+    const U16 goneStart = gone->hwStartIndex();
+    m.hwStartToGroupIdDel(goneStart);
+    const U32 goneEnd = goneStart + gone->size() * (gone->wide() ? 2U : 1U);
+    for (U32 i = goneStart; i < goneEnd; ++i) m.updateNextHopHWIndex(U16(i), false);
+    m.ecmpGroupsDel(step.deleted);
+    m.freeGroupIdsIs(step.deleted, true);
+    if (step.created == 0) continue;
+    const ChurnRequest& r = step.request;
+    m.freeGroupIdsDel(step.created);
+    const Kiln::Ptr<Brevant::ECMPGroup> group = m.ecmpGroupsIs(step.created);
+    group->wideIs(r.wide);
+    group->fixedSizeIs(true);
+    group->sizeIs(r.size);
+    group->hwStartIndexIs(start);
+    group->featuresSupportedIs(Brevant::RoutingUnicastFeature, true);
+    for (U16 p = 0; p < r.size; ++p) {
+      group->nextHopsIs(p, Brevant::NextHopEntry(U16(start + p * (r.wide ? 2 : 1)), r.wide,
+                                                 0x200 + p, r.wide ? 0x200 + p : 0));
+    }
+    const U32 end = start + r.size * (r.wide ? 2U : 1U);
+    for (U32 i = start; i < end; ++i) m.updateNextHopHWIndex(U16(i), true);
+    m.hwStartToGroupIdIs(start, step.created);
+  }
+  if (m.freeEntries().members() != freeAfterPlaying) {
+    state.SkipWithError("the records went apart from the table they were noted from");
+  }
+}
+BENCHMARK(NextHopTableChurnBaselineRecordsOnly)
     ->Unit(benchmark::kMicrosecond)
     ->Iterations(churnSteps);
 
