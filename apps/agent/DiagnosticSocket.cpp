@@ -79,35 +79,59 @@ double monotonicNow() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
+// A thread that watches over something until it is told to stop: body runs
+// on it with the watcher's mutex held, waiting with waitForStop(); the
+// destructor tells it to stop and joins it. Whatever body reads must be
+// built before the watcher and destroyed after it.
+class Watcher {
+ public:
+  template <class Body>
+  explicit Watcher(Body body)
+      : thread_([this, body] {
+          std::unique_lock<std::mutex> hold(mutex_);
+          body(hold);
+        }) {}
+  ~Watcher() {
+    {
+      std::lock_guard<std::mutex> hold(mutex_);
+      stopping_ = true;
+    }
+    stop_.notify_one();
+    thread_.join();
+  }
+  Watcher(const Watcher&) = delete;
+  Watcher& operator=(const Watcher&) = delete;
+
+  // Waits (hold being the body's lock) until told to stop or until seconds
+  // have passed; true when told to stop.
+  bool waitForStop(std::unique_lock<std::mutex>& hold, double seconds) {
+    return stop_.wait_for(hold, std::chrono::duration<double>(seconds),
+                          [this] { return stopping_; });
+  }
+  // What the body's state is guarded by.
+  std::mutex& mutex() const { return mutex_; }
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable stop_;
+  bool stopping_ = false;
+  std::thread thread_;
+};
+
 // Cuts a connection's answer short once answerTimeout has passed: the
 // connection is shut down, which ends a write blocked on a client that does
 // not read and makes every later write fail at once. The handler writes with
 // plain descriptor writes (dprintf among them), so the limit cannot be put
-// on the writes themselves.
+// on the writes themselves. The answer's end stops the watcher.
 class AnswerDeadline {
  public:
   explicit AnswerDeadline(int fd)
-      : watchdog_([this, fd] {
-          std::unique_lock<std::mutex> hold(mutex_);
-          const auto limit = std::chrono::duration<double>(answerTimeout);
-          if (!done_.wait_for(hold, limit, [this] { return finished_; })) shutdown(fd, SHUT_RDWR);
+      : watcher_([this, fd](std::unique_lock<std::mutex>& hold) {
+          if (!watcher_.waitForStop(hold, answerTimeout)) shutdown(fd, SHUT_RDWR);
         }) {}
-  ~AnswerDeadline() {
-    {
-      std::lock_guard<std::mutex> hold(mutex_);
-      finished_ = true;
-    }
-    done_.notify_one();
-    watchdog_.join();
-  }
-  AnswerDeadline(const AnswerDeadline&) = delete;
-  AnswerDeadline& operator=(const AnswerDeadline&) = delete;
 
  private:
-  std::mutex mutex_;
-  std::condition_variable done_;
-  bool finished_ = false;
-  std::thread watchdog_;
+  Watcher watcher_;
 };
 
 }  // namespace
@@ -127,44 +151,34 @@ bool writeAll(int fd, const std::string& text) {
 
 class DiagnosticServer::IdleWatch {
  public:
-  explicit IdleWatch(Kiln::Seconds timeout) : timeout_(timeout), thread_([this] { watch(); }) {}
-  ~IdleWatch() {
-    {
-      std::lock_guard<std::mutex> hold(mutex_);
-      stopping_ = true;
-    }
-    wake_.notify_one();
-    thread_.join();
-  }
-  IdleWatch(const IdleWatch&) = delete;
-  IdleWatch& operator=(const IdleWatch&) = delete;
+  explicit IdleWatch(Kiln::Seconds timeout)
+      : timeout_(timeout), watcher_([this](std::unique_lock<std::mutex>& hold) { watch(hold); }) {}
 
   // fd opened or received bytes: its idle time starts again.
   void activity(int fd) {
-    std::lock_guard<std::mutex> hold(mutex_);
+    std::lock_guard<std::mutex> hold(watcher_.mutex());
     if (!expired_.count(fd)) since_[fd] = monotonicNow();
   }
   // fd is answered or closed: no longer watched. Called before the loop
   // closes fd, so that the watch never shuts down a reused number.
   void forget(int fd) {
-    std::lock_guard<std::mutex> hold(mutex_);
+    std::lock_guard<std::mutex> hold(watcher_.mutex());
     since_.erase(fd);
     expired_.erase(fd);
   }
   // True when the watch has shut fd down for idleness.
   bool expired(int fd) const {
-    std::lock_guard<std::mutex> hold(mutex_);
+    std::lock_guard<std::mutex> hold(watcher_.mutex());
     return expired_.count(fd) != 0;
   }
   U64 closed() const {
-    std::lock_guard<std::mutex> hold(mutex_);
+    std::lock_guard<std::mutex> hold(watcher_.mutex());
     return closed_;
   }
 
  private:
-  void watch() {
-    std::unique_lock<std::mutex> hold(mutex_);
-    while (!stopping_) {
+  void watch(std::unique_lock<std::mutex>& hold) {
+    for (;;) {
       const double now = monotonicNow();
       double next = now + timeout_;
       for (const auto& [fd, since] : since_) {
@@ -180,18 +194,15 @@ class DiagnosticServer::IdleWatch {
           next = std::min(next, since + timeout_);
         }
       }
-      wake_.wait_for(hold, std::chrono::duration<double>(next - now));
+      if (watcher_.waitForStop(hold, next - now)) return;
     }
   }
 
   const Kiln::Seconds timeout_;
-  mutable std::mutex mutex_;
-  std::condition_variable wake_;
-  bool stopping_ = false;
   std::map<int, double> since_;
   std::set<int> expired_;
   U64 closed_ = 0;
-  std::thread thread_;
+  Watcher watcher_;  // last: it reads the members above
 };
 
 class DiagnosticServer::Listener : public Kiln::FdNotifiee {
