@@ -10,7 +10,8 @@
 //   Value('<Qualified::Name>', ** {'field': <text>, 'field2': <text>})
 // enumerations their value's name, a value type holding a collection "None".
 // Parsing accepts exactly what is written and throws DeserializationException
-// on anything else.
+// on anything else; "None" is written but never read back (a value type
+// holding a collection has no text to rebuild it from, so parsing it throws).
 #pragma once
 
 #include <concepts>
