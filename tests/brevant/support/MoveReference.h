@@ -1,12 +1,14 @@
 // The move as it was before its copy buffer, group look-up and next-hop
 // records were cut down: the tests' oracle for NextHopManager::moveECMPGroup.
 // Each leg allocates its own buffer, reads every next hop by position and
-// stores it back, and the move looks its group up by id.
+// stores it back, and reads the group's features to tell its owners; the
+// move looks its group up by id.
 #pragma once
 
 #include <memory>
 
 #include "Brevant/NextHopAccess.h"
+#include "Brevant/NextHopCallback.h"
 #include "Brevant/NextHopManager.h"
 #include "Brevant/NextHopTrace.h"
 #include "Kiln/Assert.h"
@@ -16,6 +18,20 @@ namespace MoveReference {
 using Brevant::ECMPGroup;
 using Brevant::NextHopEntry;
 using Brevant::NextHopManager;
+
+// Every (feature the group supports, callback of that feature) pair, told
+// the move; the features looked at even when no callback is registered.
+inline void notifyGroupMoved(NextHopManager& manager, const ECMPGroup& group, U16 baseIndex) {
+  for (const auto& supported : group.featuresSupported()) {
+    if (!supported.value()) continue;
+    for (const auto& registered : manager.features()) {
+      const Kiln::Ptr<Brevant::NextHopCallback>& callback = registered.value();
+      if (callback->fType() == supported.key()) {
+        callback->updateNextHopAction(group.groupId(), baseIndex, group.size());
+      }
+    }
+  }
+}
 
 inline void moveLeg(NextHopManager& manager, ECMPGroup& group, U16 to, U16 numEntries,
                     U16 announced) {
@@ -35,7 +51,7 @@ inline void moveLeg(NextHopManager& manager, ECMPGroup& group, U16 to, U16 numEn
   group.hwStartIndexIs(to);
   manager.ecmpGroupsIs(group.groupId());
   manager.hwStartToGroupIdIs(to, group.groupId());
-  manager.notifyGroupMoved(group, announced);
+  notifyGroupMoved(manager, group, announced);
   manager.hwStartToGroupIdDel(from);
   manager.freeBlock(from, numEntries);
 }
