@@ -5,6 +5,7 @@
 #include "Brevant/NextHopManager.h"
 #include "Brevant/NextHopTrace.h"
 #include "Flashlog/Flashlog.h"
+#include "GroupRelocation.h"
 #include "Kiln/Assert.h"
 #include "Kiln/Clock.h"
 #include "ResourcesHold.h"
@@ -133,7 +134,7 @@ void DefragManager::defragNarrowBlock() {
         // goes through it too.
         if (gap < g->size()) overlapSeen = true;
         const U16 newBase = U16(g->hwStartIndex() - gap);
-        nhm->moveECMPGroup(groupId, newBase, overlapSeen);
+        moveGroup(*nhm, groupId, g, newBase, overlapSeen);
         lastIndex = U16(newBase + g->size() - 1);
       } else {
         lastIndex = U16(g->hwStartIndex() + g->size() - 1);
@@ -194,7 +195,7 @@ void DefragManager::defragWideBlock() {
         NH_TRACE(4, " Shuffling block from " << g->hwStartIndex() << "to " << newBaseIndex
                                              << " length: " << numEntries);
         if (blockLength < numEntries) overlapSeen = true;
-        nhm->moveECMPGroup(groupId, newBaseIndex, overlapSeen);
+        moveGroup(*nhm, groupId, g, newBaseIndex, overlapSeen);
       }
       lastWide = newBaseIndex;
       --index;

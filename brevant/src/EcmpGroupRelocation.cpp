@@ -7,31 +7,62 @@
 #include "Brevant/NextHopAccess.h"
 #include "Brevant/NextHopManager.h"
 #include "Brevant/NextHopTrace.h"
+#include "GroupRelocation.h"
 #include "Kiln/Assert.h"
 #include "ResourcesHold.h"
 
 namespace Brevant {
 namespace {
 
+// The most entries one move copies: a wide group of 256 next hops. A move's
+// copy buffer of that size lives on the stack; only a group grown past it
+// (by a write by name) needs one from the heap.
+constexpr U16 stackBufferEntries = 512;
+
+// The buffer one move's legs copy through, numEntries words, never null (the
+// chip API refuses a null one, even for 0 entries).
+class CopyBuffer {
+ public:
+  explicit CopyBuffer(U16 numEntries)
+      : words_(numEntries <= stackBufferEntries ? onStack_ : new U64[numEntries]),
+        onHeap_(words_ == onStack_ ? nullptr : words_) {}
+  U64* words() { return words_; }
+
+ private:
+  U64 onStack_[stackBufferEntries];
+  U64* const words_;
+  const std::unique_ptr<U64[]> onHeap_;
+};
+
+// Points the group's next hops 0 to size - 1 at `to` + step x position. A
+// position the group does not hold becomes an all-zero entry at its index.
+// Each present entry is found once and changed in place: the group has no
+// notifiees, so nextHopsIs would tell nobody either.
+void repointNextHops(ECMPGroup& group, U16 to) {
+  const U16 step = group.wide() ? 2 : 1;
+  for (U32 p = 0; p < group.size(); ++p) {
+    const U16 hwIndex = U16(to + step * p);
+    if (ECMPGroup::KilnNextHops* held = group.nextHops().find(U16(p))) {
+      held->value().hwIndexIs(hwIndex);
+    } else {
+      NextHopEntry absent;
+      absent.hwIndexIs(hwIndex);
+      group.nextHopsIs(U16(p), absent);
+    }
+  }
+}
+
 // One leg of a move: copies the group's numEntries entries to `to`,
 // repoints the group's records, tells its owners `announced`, and only then
 // releases the old block. The chip's old entries are left as they are: the
 // owners may still be reading them until they hear of the move.
-void moveLeg(NextHopManager& manager, ECMPGroup& group, U16 to, U16 numEntries, U16 announced) {
-  const U16 step = group.wide() ? 2 : 1;
+void moveLeg(NextHopManager& manager, ECMPGroup& group, U16 to, U16 numEntries, U16 announced,
+             CopyBuffer& buffer) {
   const U16 from = group.hwStartIndex();
-  {
-    // A buffer even for 0 entries: the chip API refuses a null one.
-    std::unique_ptr<U64[]> words(new U64[numEntries]);
-    readNextHopInternal(from, numEntries, words.get());
-    manager.allocateBlock(to, numEntries);
-    writeNextHopInternal(to, numEntries, words.get());
-  }
-  for (U32 p = 0; p < group.size(); ++p) {
-    NextHopEntry entry = group.nextHops(U16(p));
-    entry.hwIndexIs(U16(to + step * p));
-    group.nextHopsIs(U16(p), entry);
-  }
+  readNextHopInternal(from, numEntries, buffer.words());
+  manager.allocateBlock(to, numEntries);
+  writeNextHopInternal(to, numEntries, buffer.words());
+  repointNextHops(group, to);
   group.hwStartIndexIs(to);
   manager.ecmpGroupsIs(group.groupId());
   manager.hwStartToGroupIdIs(to, group.groupId());
@@ -42,11 +73,12 @@ void moveLeg(NextHopManager& manager, ECMPGroup& group, U16 to, U16 numEntries, 
 
 }  // namespace
 
-S32 NextHopManager::moveECMPGroup(U16 groupId, U16 newBaseIndex, bool overlap) {
+S32 moveGroup(NextHopManager& manager, U16 groupId, const Kiln::Ptr<ECMPGroup>& group,
+              U16 newBaseIndex, bool overlap) {
   NH_TRACE(8, "moveECMPGroup"
                   << "groupId: " << groupId << " to index " << newBaseIndex
                   << " overlap : " << overlap);
-  if (!initialized_) {
+  if (!manager.initialized()) {
     NH_TRACE(1, "NexthopTable is not initialized");
     return -7;
   }
@@ -56,33 +88,38 @@ S32 NextHopManager::moveECMPGroup(U16 groupId, U16 newBaseIndex, bool overlap) {
   }
   // The defragmenter only passes ids it has just found in hwStartToGroupId;
   // any other caller naming no group is refused as placing one would be.
-  Kiln::Ptr<ECMPGroup> group = ecmpGroups(groupId);
   if (!group) {
     NH_TRACE(1, "Invalid Group Id");
     return -1;
   }
   const U16 step = group->wide() ? 2 : 1;
   const U16 numEntries = U16(step * group->size());
+  const U16 swapIndex = manager.getNextHopTableSwapIndex();
   // Index 0 passes the first test on purpose: only the reserved entries 1
   // and 2 are refused. The block may end just below the swap index.
-  if (U16(newBaseIndex - 1) <= 1 ||
-      S32(newBaseIndex) + S32(numEntries) > S32(getNextHopTableSwapIndex())) {
+  if (U16(newBaseIndex - 1) <= 1 || S32(newBaseIndex) + S32(numEntries) > S32(swapIndex)) {
     NH_TRACE(1, "baseIndex:" << newBaseIndex << "is out of range");
     return -1;
   }
-  ResourcesHold hold(*this);
+  ResourcesHold hold(manager);
+  CopyBuffer buffer(numEntries);
   if (overlap) {
-    const U16 swapIndex = getNextHopTableSwapIndex();
-    // The assertion text keeps its blanks inside the parentheses.
+    // The assertion text names the manager's operation and keeps its blanks
+    // inside the parentheses.
+    const auto getNextHopTableBound = [&manager] { return manager.getNextHopTableBound(); };
     // clang-format off
     KILN_ASSERT(( swapIndex + numEntries ) <= getNextHopTableBound());
     // clang-format on
     // Both legs announce the final base, never the swap index.
-    moveLeg(*this, *group, swapIndex, numEntries, newBaseIndex);
+    moveLeg(manager, *group, swapIndex, numEntries, newBaseIndex, buffer);
   }
-  moveLeg(*this, *group, newBaseIndex, numEntries, newBaseIndex);
-  resources_->groupMovedIs(numEntries, overlap);
+  moveLeg(manager, *group, newBaseIndex, numEntries, newBaseIndex, buffer);
+  manager.resources_->groupMovedIs(numEntries, overlap);
   return 0;
+}
+
+S32 NextHopManager::moveECMPGroup(U16 groupId, U16 newBaseIndex, bool overlap) {
+  return moveGroup(*this, groupId, ecmpGroups(groupId), newBaseIndex, overlap);
 }
 
 }  // namespace Brevant

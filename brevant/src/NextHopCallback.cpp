@@ -15,7 +15,9 @@ void NextHopCallback::updateNextHopAction(U16, U16, U16) {
 
 void NextHopManager::notifyGroupMoved(const ECMPGroup& group, U16 baseIndex) {
   // Several callbacks may serve one feature, and a group may list several
-  // features: each matching pair is called once.
+  // features: each matching pair is called once. With no callback
+  // registered there is nobody to tell, whatever features the group lists.
+  if (features_.empty()) return;
   for (const auto& supported : group.featuresSupported()) {
     if (!supported.value()) continue;
     for (const auto& registered : features_) {
