@@ -195,8 +195,8 @@ class HashMap {
   // Grows the bucket array now to the size that holding `members` members
   // would grow it to, so that inserting up to that many rehashes nothing.
   // Once the map holds that many, its buckets and iteration order are the
-  // ones it would have had without the call. Never shrinks the array; an
-  // empty map still allocates only at its first insertion.
+  // ones it would have had without the call. Never shrinks the array (an
+  // empty map allocates at its first insertion); invalidates iterators.
   void reserve(U32 members) {
     U8 log2 = log2Buckets_;
     while (log2 < maxLog2Buckets && members > (U32(1) << log2)) ++log2;
