@@ -87,6 +87,9 @@ S32 NextHopManager::createECMPGroup(U32, bool wide, bool fixedSize, U16 size,
   group->mcastIs(mcast);
   group->hwStartIndexIs(0);
   group->featuresSupportedIs(feature, true);
+  // The buckets are sized for the group's next hops at once, as filling
+  // them one by one would end: nothing is rehashed on the way.
+  group->nextHopsReserve(size);
   for (U16 p = 0; p < size; ++p) {
     NH_TRACE(
         9, "nhData " << std::hex << data.data(p) << "nhWideData " << wideData.data(p) << std::dec);
@@ -129,12 +132,23 @@ S32 NextHopManager::addECMPGroupToTable(U16 groupId) {
   hwStartToGroupIdIs(U16(start), groupId);
   resources_->groupPlacedIs(group->wide(), true);
   // Every position gets its table index, and the whole block is written to
-  // the chip in one call.
+  // the chip in one call. One look-up per position: the member found takes
+  // its new index where it is, which is all nextHopsIs does for a type that
+  // tells nobody (were nextHops ever observed, valueIs would be private to
+  // the group and this would not compile). A missing position reads as an
+  // all-zero entry and is stored.
   std::vector<U64> words(length);
   for (U32 p = group->size(); p-- > 0;) {
-    NextHopEntry entry = group->nextHops(U16(p));
-    entry.hwIndexIs(U16(start + stride * p));
-    group->nextHopsIs(U16(p), entry);
+    const U16 index = U16(start + stride * p);
+    NextHopEntry entry;
+    if (ECMPGroup::KilnNextHops* member = group->nextHops().find(U16(p))) {
+      entry = member->value();
+      entry.hwIndexIs(index);
+      member->valueIs(entry);
+    } else {
+      entry.hwIndexIs(index);
+      group->nextHopsIs(U16(p), entry);
+    }
     words[stride * p] = entry.data();
     if (group->wide()) words[stride * p + 1] = entry.wideData();
   }

@@ -38,12 +38,24 @@ TEST(DirectHashMap, MatchesAPlainHashMapUnderRandomChanges) {
     // Runs of neighbouring keys, as a block of table entries is, over the
     // whole 16-bit range.
     const U16 key = U16(random() % 4 == 0 ? random() : 65530 + random() % 12);
-    switch (random() % 4) {
+    switch (random() % 5) {
       case 0:
-      case 1:
         if (!plain.find(key)) {
           plain.insert(new KilnSlot(key, step));
           direct.insert(new KilnSlot(key, step));
+        }
+        break;
+      case 1:
+        // Built in place, after a reservation now and then.
+        if (random() % 64 == 0) {
+          const U32 room = plain.members() + random() % 3000;
+          plain.reserve(room);
+          direct.reserve(room);
+        }
+        if (!plain.find(key)) {
+          plain.insertNew(key, step);
+          const KilnSlot* built = direct.insertNew(key, step);
+          EXPECT_EQ(built, direct.find(key));
         }
         break;
       case 2: {
@@ -55,7 +67,7 @@ TEST(DirectHashMap, MatchesAPlainHashMapUnderRandomChanges) {
         }
         break;
       }
-      case 3:
+      default:
         if (!plain.empty()) {
           // The first member in iteration order, removed through its position.
           auto a = plain.remove(plain.begin());

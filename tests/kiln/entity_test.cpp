@@ -160,6 +160,16 @@ TEST(Entity, NewMemberInsertsWithoutNotification) {
   EXPECT_TRUE(o.log->calls.empty());
 }
 
+TEST(Entity, ReservingACollectionGrowsItsBucketsAndNotifiesNobody) {
+  Observed o;
+  o.station->portsIs(Port(1, 2), KilnTest::red);
+  o.station->portsReserve(40);
+  EXPECT_EQ(o.station->ports().buckets(), 64u);
+  EXPECT_EQ(o.station->ports(Port(1, 2)), KilnTest::red);
+  EXPECT_EQ(o.station->ports().members(), 1u);
+  EXPECT_EQ(o.log->calls, (Calls{"ports 1.2"}));
+}
+
 TEST(Entity, DeletingAnAbsentKeyReturnsTheDefaultAndNotifiesNobody) {
   Observed o;
   EXPECT_EQ(o.station->portsDel(Port(1, 1)), Colour());

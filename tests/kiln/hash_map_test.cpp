@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "Kiln/Allocator.h"
@@ -265,6 +268,182 @@ TEST(HashMap, AnEmptyMapAllocatesNoBuckets) {
   map.clear();
   CountMap copy(map);
   EXPECT_TRUE(copy.empty());
+}
+
+// The members in iteration order, with their buckets.
+std::vector<std::pair<U32, U32>> layout(const CountMap& map) {
+  std::vector<std::pair<U32, U32>> members;
+  for (auto it = map.begin(); it != map.end(); ++it) members.emplace_back(it.bucket(), it->key());
+  return members;
+}
+
+TEST(HashMap, ReserveSizesTheBucketsAsFillingThemWould) {
+  std::mt19937 random(11);
+  for (U8 log2 : {0, 2, 4}) {
+    for (U32 count : {0u, 1u, 2u, 15u, 16u, 17u, 100u, 256u, 257u, 1000u}) {
+      // Small keys (no chains) and wide ones (chains that split on growth).
+      for (U32 spread : {1u, 1u << 20}) {
+        std::vector<U32> keys(count);
+        for (U32 i = 0; i < count; ++i) keys[i] = i * spread;
+        std::shuffle(keys.begin(), keys.end(), random);
+        CountMap filled(log2), reserved(log2);
+        reserved.reserve(count);
+        for (U32 k : keys) filled.insert(new KilnCount(k, k));
+        for (U32 k : keys) reserved.insert(new KilnCount(k, k));
+        EXPECT_EQ(reserved.log2Buckets(), filled.log2Buckets()) << count;
+        EXPECT_EQ(layout(reserved), layout(filled)) << count;
+      }
+    }
+  }
+}
+
+TEST(HashMap, ReservingAFilledMapKeepsItsChainsInOrder) {
+  // Keys equal modulo 16 share a bucket at 16 buckets and split across the
+  // 128 buckets that reserve(100) makes, each in its previous order, as
+  // they would by growing three times.
+  CountMap reserved(4), grown(4);
+  for (U32 k = 0; k < 16; ++k) {
+    reserved.insert(new KilnCount(k * 16 + 1, k));
+    grown.insert(new KilnCount(k * 16 + 1, k));
+  }
+  reserved.reserve(100);
+  EXPECT_EQ(reserved.buckets(), 128u);
+  for (U32 k = 0; k < 84; ++k) {
+    reserved.insert(new KilnCount(k * 2, k));
+    grown.insert(new KilnCount(k * 2, k));
+  }
+  EXPECT_EQ(grown.buckets(), 128u);
+  EXPECT_EQ(layout(reserved), layout(grown));
+}
+
+TEST(HashMap, ReserveNeverShrinksAndAnEmptyMapStillWaitsForItsFirstMember) {
+  CountMap map(6);
+  map.reserve(10);
+  EXPECT_EQ(map.buckets(), 64u);
+  map.reserve(65);
+  EXPECT_EQ(map.buckets(), 128u);
+  EXPECT_TRUE(map.begin() == map.end());
+  // No array yet: even the largest reservation costs nothing until a member
+  // comes.
+  CountMap huge;
+  huge.reserve(0xFFFFFFFFu);
+  EXPECT_EQ(huge.log2Buckets(), CountMap::maxLog2Buckets);
+  EXPECT_EQ(huge.find(3), nullptr);
+}
+
+TEST(HashMap, InsertNewBuildsAMemberThatOnlyTheMapHolds) {
+  const Kiln::AllocationRecord& record = Kiln::allocationRecord<KilnCount>();
+  const U64 live = record.live();
+  {
+    CountMap built, inserted;
+    for (U32 k : {1u, 17u, 33u, 2u}) {
+      KilnCount* m = built.insertNew(k, k * 10);
+      EXPECT_EQ(m->key(), k);
+      EXPECT_EQ(m->value(), k * 10);
+      EXPECT_EQ(m->references(), 1u);
+      EXPECT_EQ(built.find(k), m);
+      inserted.insert(new KilnCount(k, k * 10));
+    }
+    EXPECT_EQ(record.live(), live + 8);
+    // A new member goes to the front of its chain, as insert() puts it.
+    EXPECT_EQ(layout(built), layout(inserted));
+    Kiln::Ptr<KilnCount> kept = built.find(17);
+    built.clear();
+    EXPECT_EQ(kept->references(), 1u);
+    EXPECT_EQ(record.live(), live + 5);
+  }
+  EXPECT_EQ(record.live(), live);
+}
+
+TEST(HashMap, ClearReleasesMembersInEveryBatchOfBuckets) {
+  const Kiln::AllocationRecord& record = Kiln::allocationRecord<KilnCount>();
+  const U64 live = record.live();
+  CountMap map(2);
+  std::vector<Kiln::Ptr<KilnCount>> kept;
+  for (U32 k = 0; k < 3000; ++k) {
+    KilnCount* m = map.insertNew(k * 3, k);
+    if (k % 7 == 0) kept.push_back(m);
+  }
+  map.clear();
+  EXPECT_TRUE(map.empty());
+  EXPECT_TRUE(map.begin() == map.end());
+  EXPECT_EQ(record.live(), live + kept.size());
+  for (const auto& m : kept) EXPECT_EQ(m->references(), 1u);
+  kept.clear();
+  EXPECT_EQ(record.live(), live);
+}
+
+TEST(HashMap, MatchesStdUnorderedMapUnderRandomReservesInsertsAndRemoves) {
+  const Kiln::AllocationRecord& record = Kiln::allocationRecord<KilnCount>();
+  const U64 live = record.live();
+  for (U32 seed = 1; seed <= 20; ++seed) {
+    std::mt19937 random(seed);
+    auto pick = [&](U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random); };
+    CountMap map(U8(pick(0, 5)));
+    std::unordered_map<U32, U32> oracle;
+    // Keys from a small range, so that inserts meet present keys and
+    // removes find members; some far apart, so that chains form.
+    auto key = [&] { return pick(0, 3) == 0 ? pick(0, 40) << 24 : pick(0, 600); };
+    for (U32 i = 0; i < 3000; ++i) {
+      const U32 k = key();
+      switch (pick(0, 9)) {
+        case 0: map.reserve(U32(map.members() + pick(0, 700))); break;
+        case 1:
+        case 2:
+        case 3:
+          if (!oracle.count(k)) {
+            oracle[k] = i;
+            if (i % 2) {
+              map.insertNew(k, i);
+            } else {
+              map.insert(new KilnCount(k, i));
+            }
+          }
+          break;
+        case 4:
+        case 5: {
+          const Kiln::Ptr<KilnCount> removed = map.remove(k);
+          ASSERT_EQ(bool(removed), oracle.erase(k) == 1) << "seed " << seed << " op " << i;
+          break;
+        }
+        case 6:
+          if (!map.empty()) {
+            auto it = map.begin();
+            for (U32 steps = pick(0, map.members() - 1); steps > 0; --steps) ++it;
+            oracle.erase(it->key());
+            map.remove(it);
+          }
+          break;
+        case 7:
+          if (pick(0, 30) == 0) {
+            map.clear();
+            oracle.clear();
+          }
+          break;
+        default: {
+          const KilnCount* m = map.find(k);
+          ASSERT_EQ(m != nullptr, oracle.count(k) == 1) << "seed " << seed << " op " << i;
+          if (m) {
+            ASSERT_EQ(m->value(), oracle[k]);
+          }
+        }
+      }
+      ASSERT_EQ(map.members(), oracle.size());
+    }
+    // Every member once, in its own bucket, the buckets in order; no more
+    // members than buckets unless the array is at its largest.
+    std::unordered_map<U32, U32> seen;
+    U32 previous = 0;
+    for (auto it = map.begin(); it != map.end(); ++it) {
+      ASSERT_EQ(it.bucket(), CountMap::bucketOf(it->key(), map.log2Buckets()));
+      ASSERT_GE(it.bucket(), previous);
+      previous = it.bucket();
+      ASSERT_TRUE(seen.emplace(it->key(), it->value()).second);
+    }
+    EXPECT_EQ(seen, oracle) << "seed " << seed;
+    EXPECT_LE(map.members(), map.buckets());
+  }
+  EXPECT_EQ(record.live(), live);
 }
 
 TEST(HashMapDeathTest, RefusesANullMember) {

@@ -213,7 +213,13 @@ void randomWorkout(unsigned seed, U32 operations, U32 keyRange) {
       case 1:
         if (!oracle.count(k)) {
           bool v = random() & 1;
-          map.insert(new KilnFree(k, v));
+          // Half built in place by the map.
+          if (random() & 1) {
+            const KilnFree* built = map.insertNew(k, v);
+            EXPECT_EQ(built, map.find(k));
+          } else {
+            map.insert(new KilnFree(k, v));
+          }
           oracle[k] = v;
         }
         break;

@@ -69,6 +69,18 @@ class DirectHashMap {
     place(member.ptr());
   }
 
+  // Builds a member M(key, value), adds it and returns it; key must not be in
+  // the map yet.
+  M* insertNew(const K& key, const V& value) {
+    if (!byKey_) byKey_.reset(new M*[keys]());
+    M* m = map_.insertNew(key, value);
+    place(m);
+    return m;
+  }
+
+  // Grows the buckets as HashMap::reserve does.
+  void reserve(U32 members) { map_.reserve(members); }
+
   // Unlinks the member with this key and returns it (null if absent); the
   // map's reference passes to the result.
   Ptr<M> remove(const K& key) {

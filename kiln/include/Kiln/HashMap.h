@@ -77,7 +77,8 @@ class HashMapMember : public CollectionMember<M, K, V> {
 // Growth: the bucket array doubles whenever an insertion makes the members
 // outnumber the buckets (up to 2^30 buckets); it never shrinks, not even on
 // clear(). The array itself is only allocated by the first insertion, so an
-// empty map costs no allocation.
+// empty map costs no allocation. reserve(n) grows it at once to the size
+// that n members would grow it to, so that filling it rehashes nothing.
 //
 // Copying a map deep-copies it: every member is rebuilt as new M(key, value)
 // in the same bucket and chain position, so the copy iterates in the same
@@ -177,11 +178,34 @@ class HashMap {
   void insert(const Ptr<M>& member) {
     M* m = member.ptr();
     KILN_ASSERT(m != nullptr);
-    if (!buckets_) buckets_ = newBuckets(log2Buckets_);
-    m->newRef();
-    link(m, buckets_.get(), log2Buckets_);
-    ++members_;
-    if (members_ > buckets() && log2Buckets_ < maxLog2Buckets) grow();
+    roomForOneMore();
+    linkNew(m);
+  }
+
+  // Builds a member M(key, value), adds it and returns it; key must not be in
+  // the map yet. The map's reference is the member's only one. When building
+  // or growing fails, the map stays as it was.
+  M* insertNew(const K& key, const V& value) {
+    std::unique_ptr<M> m(new M(key, value));
+    roomForOneMore();
+    linkNew(m.get());
+    return m.release();
+  }
+
+  // Grows the bucket array now to the size that holding `members` members
+  // would grow it to, so that inserting up to that many rehashes nothing.
+  // Once the map holds that many, its buckets and iteration order are the
+  // ones it would have had without the call. Never shrinks the array (an
+  // empty map allocates at its first insertion); invalidates iterators.
+  void reserve(U32 members) {
+    U8 log2 = log2Buckets_;
+    while (log2 < maxLog2Buckets && members > (U32(1) << log2)) ++log2;
+    if (log2 == log2Buckets_) return;
+    if (buckets_) {
+      growTo(log2);
+    } else {
+      log2Buckets_ = log2;
+    }
   }
 
   // Unlinks the member with this key and returns it (null if absent); the
@@ -207,13 +231,21 @@ class HashMap {
   // Removes every member, dropping the map's references; keeps the buckets.
   void clear() {
     if (!buckets_) return;
-    for (U32 b = 0, n = buckets(); b < n; ++b) {
-      M* m = std::exchange(buckets_[b], nullptr);
-      while (m) {
-        M* next = m->next_;
-        m->next_ = nullptr;
-        m->deleteRef();
-        m = next;
+    for (U32 first = 0, n = buckets(); first < n; first += releaseBatch) {
+      const U32 end = first + releaseBatch < n ? first + releaseBatch : n;
+      // Members lie scattered in memory: asking for a batch of them at once
+      // lets their cache misses overlap instead of coming one after another.
+      for (U32 b = first; b < end; ++b) {
+        if (buckets_[b]) prefetchMember(buckets_[b]);
+      }
+      for (U32 b = first; b < end; ++b) {
+        M* m = std::exchange(buckets_[b], nullptr);
+        while (m) {
+          M* next = m->next_;
+          m->next_ = nullptr;
+          m->deleteRef();
+          m = next;
+        }
       }
     }
     members_ = 0;
@@ -233,8 +265,38 @@ class HashMap {
   }
 
  private:
+  // Buckets whose members clear() fetches together before releasing them.
+  static constexpr U32 releaseBatch = 16;
+
+  // Starts loading both ends of m (a member may straddle two cache lines)
+  // for writing.
+  static void prefetchMember(const M* m) {
+    __builtin_prefetch(m, 1);
+    __builtin_prefetch(reinterpret_cast<const char*>(m) + sizeof(M) - 1, 1);
+  }
+
   static std::unique_ptr<M* []> newBuckets(U8 log2Buckets) {
     return std::unique_ptr<M*[]>(new M*[std::size_t(1) << log2Buckets]());
+  }
+
+  // Allocates or grows the bucket array for one more member, before it is
+  // linked (so that a failed allocation changes nothing): the array doubles
+  // when the members would come to outnumber the buckets. A chain keeps its
+  // order when it splits, so growing first lays the chains out as linking
+  // first and growing after would.
+  void roomForOneMore() {
+    if (!buckets_) {
+      buckets_ = newBuckets(log2Buckets_);
+    } else if (members_ + 1 > buckets() && log2Buckets_ < maxLog2Buckets) {
+      growTo(log2Buckets_ + 1);
+    }
+  }
+
+  // Takes a reference to m and links it into the room made for it.
+  void linkNew(M* m) {
+    m->newRef();
+    link(m, buckets_.get(), log2Buckets_);
+    ++members_;
   }
 
   // Puts m at the front of its chain.
@@ -255,10 +317,11 @@ class HashMap {
     return removed;
   }
 
-  // Doubles the bucket array. Bucket i splits into 2i and 2i+1; walking each
-  // old chain from its back keeps the chain order in the new buckets.
-  void grow() {
-    U8 log2 = log2Buckets_ + 1;
+  // Enlarges the bucket array to 2^log2 buckets. Bucket i splits into the
+  // buckets whose numbers begin with i's bits (2i and 2i+1 on doubling);
+  // walking each old chain from its back keeps the chain order in the new
+  // buckets.
+  void growTo(U8 log2) {
     std::unique_ptr<M*[]> bigger = newBuckets(log2);
     for (U32 b = 0, n = buckets(); b < n; ++b) {
       M* reversed = nullptr;

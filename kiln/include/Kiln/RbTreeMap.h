@@ -120,43 +120,14 @@ class RbTreeMap {
   Iterator lowerBound(const K& key) const { return Iterator(this, lowerBoundMember(key)); }
 
   // Adds member, whose key must not be in the map yet; takes a reference.
-  void insert(const Ptr<M>& member) {
-    M* m = member.ptr();
-    KILN_ASSERT(m != nullptr);
-    // Branches, not an indexed child: runs of rising or falling keys (the
-    // usual way indexes are freed) keep the branch predictable, so the
-    // processor walks ahead without waiting for each comparison.
-    M* parent = nullptr;
-    M** link = &root_;
-    // Above the last member: it becomes its right child, no descent needed.
-    const bool beyondLast = last_ && keyLessThan(last_->key_, m->key_);
-    if (beyondLast) {
-      parent = last_;
-      link = &last_->child_[1];
-    } else if (finger_) {
-      // Next to the finger (freeing a block inserts index after index):
-      // the free link between the key's neighbours, no descent needed.
-      linkBesideFinger(m->key_, parent, link);
-    }
-    while (M* at = *link) {
-      parent = at;
-      if (keyLessThan(at->key_, m->key_)) {
-        link = &at->child_[1];
-      } else {
-        KILN_ASSERT(keyLessThan(m->key_, at->key_));  // the key is not present yet
-        link = &at->child_[0];
-      }
-    }
-    m->newRef();
-    m->child_[0] = m->child_[1] = nullptr;
-    m->parent_ = parent;
-    m->red_ = true;
-    *link = m;
-    if (beyondLast || !last_) last_ = m;
-    ++members_;
-    rebalanceAfterInsert(m);
-    // The next insert or lookup is likely the neighbouring key.
-    finger_ = m;
+  void insert(const Ptr<M>& member) { linkMember(member.ptr()); }
+
+  // Builds a member M(key, value), adds it and returns it; key must not be in
+  // the map yet. The map's reference is the member's only one.
+  M* insertNew(const K& key, const V& value) {
+    M* m = new M(key, value);
+    linkMember(m);
+    return m;
   }
 
   // Unlinks the member with this key and returns it (null if absent); the
@@ -200,6 +171,45 @@ class RbTreeMap {
 
  private:
   friend struct RbTreeAccess;
+
+  // Links m, whose key must not be in the map yet, and takes a reference.
+  void linkMember(M* m) {
+    KILN_ASSERT(m != nullptr);
+    // Branches, not an indexed child: runs of rising or falling keys (the
+    // usual way indexes are freed) keep the branch predictable, so the
+    // processor walks ahead without waiting for each comparison.
+    M* parent = nullptr;
+    M** link = &root_;
+    // Above the last member: it becomes its right child, no descent needed.
+    const bool beyondLast = last_ && keyLessThan(last_->key_, m->key_);
+    if (beyondLast) {
+      parent = last_;
+      link = &last_->child_[1];
+    } else if (finger_) {
+      // Next to the finger (freeing a block inserts index after index):
+      // the free link between the key's neighbours, no descent needed.
+      linkBesideFinger(m->key_, parent, link);
+    }
+    while (M* at = *link) {
+      parent = at;
+      if (keyLessThan(at->key_, m->key_)) {
+        link = &at->child_[1];
+      } else {
+        KILN_ASSERT(keyLessThan(m->key_, at->key_));  // the key is not present yet
+        link = &at->child_[0];
+      }
+    }
+    m->newRef();
+    m->child_[0] = m->child_[1] = nullptr;
+    m->parent_ = parent;
+    m->red_ = true;
+    *link = m;
+    if (beyondLast || !last_) last_ = m;
+    ++members_;
+    rebalanceAfterInsert(m);
+    // The next insert or lookup is likely the neighbouring key.
+    finger_ = m;
+  }
 
   static bool isRed(const M* m) { return m && m->red_; }
 

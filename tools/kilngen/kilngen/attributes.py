@@ -281,6 +281,8 @@ class Collection(Emitter):
         """xIs and newX for a collection of values."""
         x, X, M, V = self.x, self.X, self.M, self.V
         KP, VP = self.p(self.K), self.p(V)
+        # An absent key is inserted without a second look-up.
+        insert_new = f"{x}_.insertNew(key, value);"
         return [f"// Stores value under key; when the key holds an equal value nothing happens,",
                 "// otherwise " + (f"{x}Notify(key) runs." if self.notifies else "nobody is told."),
                 f"void {x}Is({KP} key, {VP} value) {{",
@@ -289,7 +291,9 @@ class Collection(Emitter):
                 "    m->valueIs(value);",
                 *["    " + c for c in self.observed("&m->value()")],
                 "  } else {",
-                f"    new{X}(key, value);",
+                *([f"    {M}* added = {insert_new}",
+                   *["    " + c for c in self.observed("&added->value()")]]
+                  if self.a.observed else [f"    {insert_new}"]),
                 "  }",
                 *([f"  {x}Notify(key);"] if self.owner.kind == "entity" else []),
                 "}",
@@ -300,8 +304,7 @@ class Collection(Emitter):
                 *["    " + c for c in self.observed("&m->value()")],
                 "    return m;",
                 "  }",
-                f"  Kiln::Ptr<{M}> m = new {M}(key, value);",
-                f"  {x}_.insert(m);",
+                f"  {M}* m = {insert_new}",
                 *["  " + c for c in self.observed("&m->value()")],
                 "  return m;",
                 "}"]
@@ -356,8 +359,17 @@ class Collection(Emitter):
                 "// the member's new value, or null when key has left the collection.",
                 f"void {self.x}Observed({self.p(self.K)} key, const {self.V}* value);"]
 
+    def reserve_ops(self):
+        """xReserve for a hash-map collection, which can be sized for its members at once."""
+        if self.a.kind != "coll":
+            return []
+        return [f"// Grows the buckets of {self.x} now for `members` members (HashMap::reserve),",
+                "// so that filling it rehashes nothing; its members stay as they are.",
+                f"void {self.x}Reserve(U32 members) {{ {self.x}_.reserve(members); }}"]
+
     def operations(self):
-        return self.read_ops() + self.store_ops() + self.delete_ops() + self.observer_decl()
+        return (self.read_ops() + self.store_ops() + self.delete_ops() + self.reserve_ops()
+                + self.observer_decl())
 
     def reflect_members(self):
         return [f"{self.case()} return Kiln::reflectMembers(self.{self.x}());"]
@@ -425,7 +437,7 @@ class EntityCollection(Collection):
                 f"  if ({M}* m = {x}_.find(key)) {{",
                 "    m->valueIs(created);",
                 "  } else {",
-                f"    {x}_.insert(new {M}(key, created));",
+                f"    {x}_.insertNew(key, created);",
                 "  }",
                 "  return created;",
                 "}"]

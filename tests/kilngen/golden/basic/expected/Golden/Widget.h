@@ -99,7 +99,7 @@ class Widget : public Kiln::Entity, public Kiln::Allocated<Widget> {
       if (m->value() == value) return;
       m->valueIs(value);
     } else {
-      newTags(key, value);
+      tags_.insertNew(key, value);
     }
     tagsNotify(key);
   }
@@ -109,8 +109,7 @@ class Widget : public Kiln::Entity, public Kiln::Allocated<Widget> {
       m->valueIs(value);
       return m;
     }
-    Kiln::Ptr<KilnTags> m = new KilnTags(key, value);
-    tags_.insert(m);
+    KilnTags* m = tags_.insertNew(key, value);
     return m;
   }
   // Removes key and returns its value; an absent key returns Point() and
@@ -136,6 +135,9 @@ class Widget : public Kiln::Entity, public Kiln::Allocated<Widget> {
   void tagsNotify(U32 key) {
     if (!kilnNotifiees_.empty()) Kiln::doVisit(kilnNotifiees_, &NotifieeConst::onTags, key);
   }
+  // Grows the buckets of tags now for `members` members (HashMap::reserve),
+  // so that filling it rehashes nothing; its members stay as they are.
+  void tagsReserve(U32 members) { tags_.reserve(members); }
 
   // The value at index, or U32() when absent.
   U32 jobs(U32 index) const {

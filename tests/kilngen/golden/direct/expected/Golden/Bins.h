@@ -50,7 +50,7 @@ class Bins {
       if (m->value() == value) return;
       m->valueIs(value);
     } else {
-      newBin(key, value);
+      bin_.insertNew(key, value);
     }
   }
   // Stores value under key without telling anyone; returns the member.
@@ -59,8 +59,7 @@ class Bins {
       m->valueIs(value);
       return m;
     }
-    Kiln::Ptr<KilnBin> m = new KilnBin(key, value);
-    bin_.insert(m);
+    KilnBin* m = bin_.insertNew(key, value);
     return m;
   }
   // Removes key and returns its value; an absent key returns U64() and
@@ -81,6 +80,9 @@ class Bins {
   void binDelAll() {
     while (!bin_.empty()) binDel(bin_.begin());
   }
+  // Grows the buckets of bin now for `members` members (HashMap::reserve),
+  // so that filling it rehashes nothing; its members stay as they are.
+  void binReserve(U32 members) { bin_.reserve(members); }
 
   // Equal when every field is equal.
   friend bool operator==(const Bins& a, const Bins& b) { return a.bin_ == b.bin_; }

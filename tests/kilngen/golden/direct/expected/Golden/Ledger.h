@@ -77,7 +77,8 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
       m->valueIs(value);
       slotsObserved(key, &m->value());
     } else {
-      newSlots(key, value);
+      KilnSlots* added = slots_.insertNew(key, value);
+      slotsObserved(key, &added->value());
     }
     slotsNotify(key);
   }
@@ -88,8 +89,7 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
       slotsObserved(key, &m->value());
       return m;
     }
-    Kiln::Ptr<KilnSlots> m = new KilnSlots(key, value);
-    slots_.insert(m);
+    KilnSlots* m = slots_.insertNew(key, value);
     slotsObserved(key, &m->value());
     return m;
   }
@@ -118,6 +118,9 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
   void slotsNotify(U16 key) {
     if (!kilnNotifiees_.empty()) Kiln::doVisit(kilnNotifiees_, &NotifieeConst::onSlots, key);
   }
+  // Grows the buckets of slots now for `members` members (HashMap::reserve),
+  // so that filling it rehashes nothing; its members stay as they are.
+  void slotsReserve(U32 members) { slots_.reserve(members); }
   // Hand-written: called after every change of a member of slots, with
   // the member's new value, or null when key has left the collection.
   void slotsObserved(U16 key, const bool* value);
@@ -136,7 +139,7 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
       if (m->value() == value) return;
       m->valueIs(value);
     } else {
-      newOwners(key, value);
+      owners_.insertNew(key, value);
     }
     ownersNotify(key);
   }
@@ -146,8 +149,7 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
       m->valueIs(value);
       return m;
     }
-    Kiln::Ptr<KilnOwners> m = new KilnOwners(key, value);
-    owners_.insert(m);
+    KilnOwners* m = owners_.insertNew(key, value);
     return m;
   }
   // Removes key and returns its value; an absent key returns U32() and
@@ -173,6 +175,9 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
   void ownersNotify(U8 key) {
     if (!kilnNotifiees_.empty()) Kiln::doVisit(kilnNotifiees_, &NotifieeConst::onOwners, key);
   }
+  // Grows the buckets of owners now for `members` members (HashMap::reserve),
+  // so that filling it rehashes nothing; its members stay as they are.
+  void ownersReserve(U32 members) { owners_.reserve(members); }
 
   // The value under key, or Kiln::Name() when absent.
   Kiln::Name names(U16 key) const {
@@ -188,7 +193,7 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
       if (m->value() == value) return;
       m->valueIs(value);
     } else {
-      newNames(key, value);
+      names_.insertNew(key, value);
     }
     namesNotify(key);
   }
@@ -198,8 +203,7 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
       m->valueIs(value);
       return m;
     }
-    Kiln::Ptr<KilnNames> m = new KilnNames(key, value);
-    names_.insert(m);
+    KilnNames* m = names_.insertNew(key, value);
     return m;
   }
   // Removes key and returns its value; an absent key returns Kiln::Name() and
@@ -225,6 +229,9 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
   void namesNotify(U16 key) {
     if (!kilnNotifiees_.empty()) Kiln::doVisit(kilnNotifiees_, &NotifieeConst::onNames, key);
   }
+  // Grows the buckets of names now for `members` members (HashMap::reserve),
+  // so that filling it rehashes nothing; its members stay as they are.
+  void namesReserve(U32 members) { names_.reserve(members); }
 
   // The registered record of Golden::Ledger.
   static const Kiln::TypeRecord& kilnType();

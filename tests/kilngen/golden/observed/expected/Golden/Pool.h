@@ -71,7 +71,8 @@ class Pool : public Kiln::PtrInterface, public Kiln::Allocated<Pool> {
       m->valueIs(value);
       freeObserved(key, &m->value());
     } else {
-      newFree(key, value);
+      KilnFree* added = free_.insertNew(key, value);
+      freeObserved(key, &added->value());
     }
     freeNotify(key);
   }
@@ -82,8 +83,7 @@ class Pool : public Kiln::PtrInterface, public Kiln::Allocated<Pool> {
       freeObserved(key, &m->value());
       return m;
     }
-    Kiln::Ptr<KilnFree> m = new KilnFree(key, value);
-    free_.insert(m);
+    KilnFree* m = free_.insertNew(key, value);
     freeObserved(key, &m->value());
     return m;
   }
@@ -129,7 +129,8 @@ class Pool : public Kiln::PtrInterface, public Kiln::Allocated<Pool> {
       m->valueIs(value);
       usedObserved(key, &m->value());
     } else {
-      newUsed(key, value);
+      KilnUsed* added = used_.insertNew(key, value);
+      usedObserved(key, &added->value());
     }
     usedNotify(key);
   }
@@ -140,8 +141,7 @@ class Pool : public Kiln::PtrInterface, public Kiln::Allocated<Pool> {
       usedObserved(key, &m->value());
       return m;
     }
-    Kiln::Ptr<KilnUsed> m = new KilnUsed(key, value);
-    used_.insert(m);
+    KilnUsed* m = used_.insertNew(key, value);
     usedObserved(key, &m->value());
     return m;
   }
@@ -168,6 +168,9 @@ class Pool : public Kiln::PtrInterface, public Kiln::Allocated<Pool> {
   }
   // Tells nobody: the type has no notifiees.
   void usedNotify(U16) {}
+  // Grows the buckets of used now for `members` members (HashMap::reserve),
+  // so that filling it rehashes nothing; its members stay as they are.
+  void usedReserve(U32 members) { used_.reserve(members); }
   // Hand-written: called after every change of a member of used, with
   // the member's new value, or null when key has left the collection.
   void usedObserved(U16 key, const bool* value);

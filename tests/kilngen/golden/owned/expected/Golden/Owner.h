@@ -99,7 +99,7 @@ class Owner : public Kiln::PtrInterface, public Kiln::Allocated<Owner> {
     if (KilnSlots* m = slots_.find(key)) {
       m->valueIs(created);
     } else {
-      slots_.insert(new KilnSlots(key, created));
+      slots_.insertNew(key, created);
     }
     return created;
   }
@@ -181,6 +181,9 @@ class Owner : public Kiln::PtrInterface, public Kiln::Allocated<Owner> {
   }
   // Tells nobody: the type has no notifiees.
   void namesNotify(const Kiln::Name&) {}
+  // Grows the buckets of names now for `members` members (HashMap::reserve),
+  // so that filling it rehashes nothing; its members stay as they are.
+  void namesReserve(U32 members) { names_.reserve(members); }
 
   // spare: the Slot this object owns, or null.
   const Kiln::Ptr<Slot>& spare() const { return spare_; }
