@@ -4,26 +4,43 @@
 #include <bit>
 
 namespace Brevant {
+namespace {
 
-FreeRunTree::FreeRunTree(const TableBitmap& bitmap) : bitmap_(&bitmap) {}
+using Span = FreeRunTree::Span;
 
-FreeRunTree::Span FreeRunTree::leafOf(U64 word, U32 length, U32 shortLength) {
+// The set bits of x. std::popcount is a call into the compiler's support
+// library here (the build does not assume the processor's instruction), and
+// the walks below count a word at nearly every step: the same arithmetic,
+// inline.
+inline U32 onesIn(U64 x) {
+  x -= (x >> 1) & 0x5555555555555555u;
+  x = (x & 0x3333333333333333u) + ((x >> 2) & 0x3333333333333333u);
+  x = (x + (x >> 4)) & 0x0f0f0f0f0f0f0f0fu;
+  return U32((x * 0x0101010101010101u) >> 56);
+}
+
+// The figures of a word of length entries (1 to 64) whose bits at and
+// above length are clear.
+inline Span leafOf(U64 word, U32 length, U32 shortLength) {
   Span s;
   s.length = length;
   if (word == 0) return s;
-  s.free = U32(std::popcount(word));
-  if (s.free == length) {
-    s.head = s.tail = s.longest = length;
+  const U32 head = U32(std::countr_one(word));
+  if (head == length) {
+    s.free = s.head = s.tail = s.longest = length;
     s.runs = 1;
     return s;
   }
   // Not all free: the runs at the two ends are distinct, each under 64.
-  s.head = U32(std::countr_one(word));
+  s.free = onesIn(word);
+  s.head = head;
   s.tail = U32(std::countl_one(word << (64 - length)));
-  s.runs = U32(std::popcount(word & ~(word << 1)));  // a run starts where a free entry
-                                                     // follows one that is not
+  // A run starts where a free entry follows one that is not.
+  s.runs = onesIn(word & ~(word << 1));
   s.longest = std::max(s.head, s.tail);
-  // Walk the inner runs from the low bit up: at most 31 of them.
+  // The inner runs, from the low bit up: at most 31 of them.
+  const U32 innerRuns = s.runs - (s.head != 0) - (s.tail != 0);
+  if (innerRuns == 0) return s;
   U64 inner = word & (~U64(0) << s.head);
   if (s.tail != 0) inner &= (U64(1) << (length - s.tail)) - 1;
   while (inner != 0) {
@@ -36,42 +53,56 @@ FreeRunTree::Span FreeRunTree::leafOf(U64 word, U32 length, U32 shortLength) {
   return s;
 }
 
-FreeRunTree::Span FreeRunTree::joined(const Span& low, const Span& high, U32 shortLength) {
+// The span of low followed by high. An empty span (length 0) joins as
+// nothing, so the queries start from one.
+inline Span joined(const Span& low, const Span& high, U32 shortLength) {
   Span s;
   s.length = low.length + high.length;
   s.free = low.free + high.free;
-  s.head = low.allFree() ? low.length + high.head : low.head;
-  s.tail = high.allFree() ? high.length + low.tail : high.tail;
+  const bool lowAllFree = low.allFree(), highAllFree = high.allFree();
+  s.head = lowAllFree ? low.length + high.head : low.head;
+  s.tail = highAllFree ? high.length + low.tail : high.tail;
   const U32 middle = low.tail + high.head;
   s.longest = std::max({low.longest, high.longest, middle});
   s.runs = low.runs + high.runs - (low.tail != 0 && high.head != 0 ? 1 : 0);
   s.shortInner = low.shortInner + high.shortInner;
   // The run where the halves meet is inner unless it reaches an end.
-  if (middle != 0 && !low.allFree() && !high.allFree() && middle < shortLength) {
-    s.shortInner += middle;
-  }
+  if (middle != 0 && !lowAllFree && !highAllFree && middle < shortLength) s.shortInner += middle;
   return s;
 }
 
-FreeRunTree::Span FreeRunTree::nodeSpan(U32 n) const {
+}  // namespace
+
+FreeRunTree::FreeRunTree(const TableBitmap& bitmap) : bitmap_(&bitmap) {}
+
+inline FreeRunTree::Span FreeRunTree::nodeSpan(U32 n, U32 length) const {
   if (n >= wordCount) return leafOf(bitmap_->word(n - wordCount), 64, shortLength_);
   if (n == 1) return table_;
   const Node& d = nodes_[n];
-  return {
-      entries >> (std::bit_width(n) - 1), d.free, d.head, d.tail, d.longest, d.runs, d.shortInner};
+  return {length, d.free, d.head, d.tail, d.longest, d.runs, d.shortInner};
 }
 
-void FreeRunTree::nodeIs(U32 n, const Span& s) {
+inline bool FreeRunTree::joinChildren(U32 n, U32 childLength) {
+  const Span s =
+      joined(nodeSpan(2 * n, childLength), nodeSpan(2 * n + 1, childLength), shortLength_);
   if (n == 1) {
+    if (s == table_) return false;
     table_ = s;
-    return;
+    return true;
   }
-  nodes_[n] = {U16(s.free),    U16(s.head), U16(s.tail),
-               U16(s.longest), U16(s.runs), U16(s.shortInner)};
+  const Node node{U16(s.free), U16(s.head), U16(s.tail),
+                  U16(s.longest), U16(s.runs), U16(s.shortInner)};
+  if (node == nodes_[n]) return false;
+  nodes_[n] = node;
+  return true;
 }
 
 void FreeRunTree::rebuild() {
-  for (U32 n = wordCount; n-- > 1;) nodeIs(n, joinedChildren(n));
+  // A level at a time from the lowest: nodes first .. 2 * first - 1 have
+  // children of childLength entries.
+  for (U32 first = wordCount / 2, childLength = 64; first >= 1; first /= 2, childLength *= 2) {
+    for (U32 n = first; n < 2 * first; ++n) joinChildren(n, childLength);
+  }
   staleWords_.fill(0);
   stale_ = false;
   rebuildPending_ = false;
@@ -107,15 +138,12 @@ bool FreeRunTree::refresh() {
   }
   staleWords_.fill(0);
   stale_ = false;
-  while (count != 0) {
+  for (U32 childLength = 64; count != 0; childLength *= 2) {
     const U32 nodes = count;
     count = 0;  // the parents overwrite the level just read, never ahead of it
     for (U32 i = 0; i < nodes; ++i) {
       const U32 n = changed[i];
-      const Span s = joinedChildren(n);
-      if (s == nodeSpan(n)) continue;
-      nodeIs(n, s);
-      if (n > 1) add(n / 2);
+      if (joinChildren(n, childLength) && n > 1) add(n / 2);
     }
   }
   return true;
@@ -123,19 +151,15 @@ bool FreeRunTree::refresh() {
 
 U32 FreeRunTree::freeBefore(U32 index) const {
   if (index >= entries) return table_.free;
-  // Down from the table to index's word, adding the free entries of every
-  // left half passed on the right.
-  U32 total = 0;
-  U32 n = 1;
-  for (U32 half = entries / 2; half >= 64; half /= 2) {
-    n *= 2;
-    if (index & half) {
-      total += n >= wordCount ? U32(std::popcount(bitmap_->word(n - wordCount))) : nodes_[n].free;
-      ++n;
-    }
+  // Up from index's word to the table, adding the free entries of every
+  // left sibling passed on the way.
+  U32 w = index / 64;
+  U32 total = onesIn(bitmap_->word(w) & ((U64(1) << (index & 63)) - 1));
+  if (w & 1) total += onesIn(bitmap_->word(w - 1));
+  for (U32 n = (wordCount + w) / 2; n > 1; n /= 2) {
+    if (n & 1) total += nodes_[n - 1].free;
   }
-  const U64 below = (U64(1) << (index & 63)) - 1;
-  return total + U32(std::popcount(bitmap_->word(index / 64) & below));
+  return total;
 }
 
 U32 FreeRunTree::freeIn(U32 first, U32 last) const {
@@ -166,29 +190,33 @@ FreeRunTree::Span FreeRunTree::span(U32 first, U32 last) {
   }
   RememberedSpan& r = remembered_[nextRemembered_];
   nextRemembered_ = (nextRemembered_ + 1) % rememberedSpans;
-  r = {first, last, spanOf(1, 0, entries, first, last)};
+  r = {first, last, spanOf(first, last)};
   return r.span;
 }
 
-FreeRunTree::Span FreeRunTree::spanOf(U32 node, U32 nodeFirst, U32 nodeLength, U32 first,
-                                      U32 last) const {
-  const U32 nodeLast = nodeFirst + nodeLength;
-  if (first <= nodeFirst && nodeLast <= last) return nodeSpan(node);
-  if (nodeLength == 64) {
-    // A word cut by the span: only its entries low .. high - 1 count,
-    // shifted down so that the span's first entry is bit 0.
-    const U32 low = std::max(first, nodeFirst) - nodeFirst;
-    const U32 high = std::min(last, nodeLast) - nodeFirst;
+FreeRunTree::Span FreeRunTree::spanOf(U32 first, U32 last) const {
+  // A word cut by the span counts only its entries low .. high - 1,
+  // shifted down so that low is bit 0.
+  auto partOf = [&](U32 w, U32 low, U32 high) {
     const U32 length = high - low;
-    const U64 inside = bitmap_->word(node - wordCount) >> low;
+    const U64 inside = bitmap_->word(w) >> low;
     return leafOf(length == 64 ? inside : inside & ((U64(1) << length) - 1), length, shortLength_);
+  };
+  const U32 firstWord = first / 64, lastWord = (last - 1) / 64;
+  if (firstWord == lastWord) return partOf(firstWord, first % 64, last - firstWord * 64);
+  // The words cut at either end, then the whole words between them from
+  // the bottom of the tree up: a node whose sibling lies outside the words
+  // joins the low or the high side, and the walk goes on from its parents.
+  Span low, high;
+  U32 l = firstWord, r = lastWord + 1;
+  if (first % 64 != 0) low = partOf(l++, first % 64, 64);
+  if (last % 64 != 0) high = partOf(--r, 0, last % 64);
+  for (U32 length = 64, n = l + wordCount, end = r + wordCount; n < end;
+       n /= 2, end /= 2, length *= 2) {
+    if (n & 1) low = joined(low, nodeSpan(n++, length), shortLength_);
+    if (end & 1) high = joined(nodeSpan(--end, length), high, shortLength_);
   }
-  const U32 half = nodeLength / 2;
-  const U32 middle = nodeFirst + half;
-  if (last <= middle) return spanOf(2 * node, nodeFirst, half, first, last);
-  if (first >= middle) return spanOf(2 * node + 1, middle, half, first, last);
-  return joined(spanOf(2 * node, nodeFirst, half, first, last),
-                spanOf(2 * node + 1, middle, half, first, last), shortLength_);
+  return joined(low, high, shortLength_);
 }
 
 }  // namespace Brevant

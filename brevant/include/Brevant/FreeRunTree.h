@@ -82,6 +82,7 @@ class FreeRunTree {
   // from its place in the tree.
   struct Node {
     U16 free = 0, head = 0, tail = 0, longest = 0, runs = 0, shortInner = 0;
+    bool operator==(const Node&) const = default;
   };
   // A span the tree answered for, kept until a word under it changes.
   struct RememberedSpan {
@@ -90,21 +91,18 @@ class FreeRunTree {
   };
   static constexpr U32 rememberedSpans = 8;
 
-  // A word whose entries at and above length are not free.
-  static Span leafOf(U64 word, U32 length, U32 shortLength);
-  static Span joined(const Span& low, const Span& high, U32 shortLength);
   // Node n: 1 is the table; n has children 2n and 2n + 1; word w is node
-  // wordCount + w, computed from the bitmap.
-  Span nodeSpan(U32 n) const;
-  void nodeIs(U32 n, const Span& s);
-  Span joinedChildren(U32 n) const {
-    return joined(nodeSpan(2 * n), nodeSpan(2 * n + 1), shortLength_);
-  }
+  // wordCount + w, computed from the bitmap. length is the entries under n.
+  Span nodeSpan(U32 n, U32 length) const;
+  // Joins the children of node n (each of childLength entries) and stores
+  // the result; returns whether the node changed.
+  bool joinChildren(U32 n, U32 childLength);
   void rebuild();
   // The free entries among 0 .. index - 1.
   U32 freeBefore(U32 index) const;
   void forgetSpansOver(U32 word);
-  Span spanOf(U32 node, U32 nodeFirst, U32 nodeLength, U32 first, U32 last) const;
+  // The entries first .. last - 1 (first < last <= entries) as a span.
+  Span spanOf(U32 first, U32 last) const;
 
   const TableBitmap* bitmap_;
   U32 shortLength_ = 0;
