@@ -90,7 +90,7 @@ inline bool FreeRunTree::joinChildren(U32 n, U32 childLength) {
     table_ = s;
     return true;
   }
-  const Node node{U16(s.free), U16(s.head), U16(s.tail),
+  const Node node{U16(s.free),    U16(s.head), U16(s.tail),
                   U16(s.longest), U16(s.runs), U16(s.shortInner)};
   if (node == nodes_[n]) return false;
   nodes_[n] = node;
