@@ -21,7 +21,7 @@ inline U32 onesIn(U64 x) {
 
 // The figures of a word of length entries (1 to 64) whose bits at and
 // above length are clear.
-inline Span leafOf(U64 word, U32 length, U32 shortLength) {
+[[gnu::always_inline]] inline Span leafOf(U64 word, U32 length, U32 shortLength) {
   Span s;
   s.length = length;
   if (word == 0) return s;
@@ -54,20 +54,23 @@ inline Span leafOf(U64 word, U32 length, U32 shortLength) {
 }
 
 // The span of low followed by high. An empty span (length 0) joins as
-// nothing, so the queries start from one.
-inline Span joined(const Span& low, const Span& high, U32 shortLength) {
+// nothing, so the queries start from one. Without branches: the walks join
+// at every level, and which way each test goes is anybody's guess.
+[[gnu::always_inline]] inline Span joined(const Span& low, const Span& high, U32 shortLength) {
+  const bool lowAllFree = low.allFree(), highAllFree = high.allFree();
+  // The run where the halves meet; a half all free is all of it (its head
+  // and tail are its length).
+  const U32 middle = low.tail + high.head;
+  // It is inner unless it reaches an end; short inner runs count.
+  const bool middleShortInner = (middle != 0) & !lowAllFree & !highAllFree & (middle < shortLength);
   Span s;
   s.length = low.length + high.length;
   s.free = low.free + high.free;
-  const bool lowAllFree = low.allFree(), highAllFree = high.allFree();
-  s.head = lowAllFree ? low.length + high.head : low.head;
-  s.tail = highAllFree ? high.length + low.tail : high.tail;
-  const U32 middle = low.tail + high.head;
-  s.longest = std::max({low.longest, high.longest, middle});
-  s.runs = low.runs + high.runs - (low.tail != 0 && high.head != 0 ? 1 : 0);
-  s.shortInner = low.shortInner + high.shortInner;
-  // The run where the halves meet is inner unless it reaches an end.
-  if (middle != 0 && !lowAllFree && !highAllFree && middle < shortLength) s.shortInner += middle;
+  s.head = lowAllFree ? middle : low.head;
+  s.tail = highAllFree ? middle : high.tail;
+  s.longest = std::max(std::max(low.longest, high.longest), middle);
+  s.runs = low.runs + high.runs - U32((low.tail != 0) & (high.head != 0));
+  s.shortInner = low.shortInner + high.shortInner + (middle & -U32(middleShortInner));
   return s;
 }
 
@@ -75,21 +78,22 @@ inline Span joined(const Span& low, const Span& high, U32 shortLength) {
 
 FreeRunTree::FreeRunTree(const TableBitmap& bitmap) : bitmap_(&bitmap) {}
 
-inline FreeRunTree::Span FreeRunTree::nodeSpan(U32 n, U32 length) const {
-  if (n >= wordCount) return leafOf(bitmap_->word(n - wordCount), 64, shortLength_);
-  if (n == 1) return table_;
+[[gnu::always_inline]] inline FreeRunTree::Span FreeRunTree::wordSpan(U32 w) const {
+  return leafOf(bitmap_->word(w), 64, shortLength_);
+}
+
+[[gnu::always_inline]] inline FreeRunTree::Span FreeRunTree::storedSpan(U32 n, U32 length) const {
   const Node& d = nodes_[n];
   return {length, d.free, d.head, d.tail, d.longest, d.runs, d.shortInner};
 }
 
-inline bool FreeRunTree::joinChildren(U32 n, U32 childLength) {
-  const Span s =
-      joined(nodeSpan(2 * n, childLength), nodeSpan(2 * n + 1, childLength), shortLength_);
-  if (n == 1) {
-    if (s == table_) return false;
-    table_ = s;
-    return true;
-  }
+[[gnu::always_inline]] inline FreeRunTree::Span FreeRunTree::nodeSpan(U32 n, U32 length) const {
+  if (n >= wordCount) return wordSpan(n - wordCount);
+  if (n == 1) return table_;
+  return storedSpan(n, length);
+}
+
+[[gnu::always_inline]] inline bool FreeRunTree::nodeIs(U32 n, const Span& s) {
   const Node node{U16(s.free),    U16(s.head), U16(s.tail),
                   U16(s.longest), U16(s.runs), U16(s.shortInner)};
   if (node == nodes_[n]) return false;
@@ -97,22 +101,50 @@ inline bool FreeRunTree::joinChildren(U32 n, U32 childLength) {
   return true;
 }
 
+[[gnu::always_inline]] inline bool FreeRunTree::joinWords(U32 n) {
+  const U32 w = 2 * n - wordCount;
+  return nodeIs(n, joined(wordSpan(w), wordSpan(w + 1), shortLength_));
+}
+
+[[gnu::always_inline]] inline bool FreeRunTree::joinStored(U32 n, U32 childLength) {
+  return nodeIs(
+      n, joined(storedSpan(2 * n, childLength), storedSpan(2 * n + 1, childLength), shortLength_));
+}
+
+void FreeRunTree::joinRoot() {
+  table_ = joined(storedSpan(2, entries / 2), storedSpan(3, entries / 2), shortLength_);
+}
+
 void FreeRunTree::rebuild() {
   // A level at a time from the lowest: nodes first .. 2 * first - 1 have
   // children of childLength entries.
-  for (U32 first = wordCount / 2, childLength = 64; first >= 1; first /= 2, childLength *= 2) {
-    for (U32 n = first; n < 2 * first; ++n) joinChildren(n, childLength);
+  for (U32 n = wordCount / 2; n < wordCount; ++n) joinWords(n);
+  for (U32 first = wordCount / 4, childLength = 128; first > 1; first /= 2, childLength *= 2) {
+    for (U32 n = first; n < 2 * first; ++n) joinStored(n, childLength);
   }
+  joinRoot();
   staleWords_.fill(0);
   stale_ = false;
   rebuildPending_ = false;
   for (RememberedSpan& r : remembered_) r.last = 0;
+  for (RememberedCount& c : rememberedCounts_) c.index = 0;
 }
 
 void FreeRunTree::shortLengthIs(U32 length) {
   if (length == shortLength_) return;
   shortLength_ = length;
   rebuildPending_ = true;
+}
+
+[[gnu::always_inline]] inline void FreeRunTree::pairChanged(U32 n, U32 change) {
+  const U32 pairFirst = (2 * n - wordCount) * 64, pairLast = pairFirst + 128;
+  for (RememberedCount& c : rememberedCounts_) {
+    if (c.index >= pairLast) {
+      c.free += change;
+    } else if (c.index > pairFirst) {
+      c.index = 0;
+    }
+  }
 }
 
 bool FreeRunTree::refresh() {
@@ -138,19 +170,43 @@ bool FreeRunTree::refresh() {
   }
   staleWords_.fill(0);
   stale_ = false;
-  for (U32 childLength = 64; count != 0; childLength *= 2) {
-    const U32 nodes = count;
-    count = 0;  // the parents overwrite the level just read, never ahead of it
+  // The pairs of words; a pair's change of free entries moves the
+  // remembered counts above it.
+  U32 nodes = count;
+  count = 0;  // the parents overwrite the level just read, never ahead of it
+  for (U32 i = 0; i < nodes; ++i) {
+    const U32 n = changed[i];
+    const U32 pairFree = nodes_[n].free;
+    if (!joinWords(n)) continue;
+    pairChanged(n, nodes_[n].free - pairFree);
+    add(n / 2);
+  }
+  // The nodes above, up to the root's children (all of a level alike).
+  for (U32 childLength = 128; count != 0 && changed[0] > 1; childLength *= 2) {
+    nodes = count;
+    count = 0;
     for (U32 i = 0; i < nodes; ++i) {
       const U32 n = changed[i];
-      if (joinChildren(n, childLength) && n > 1) add(n / 2);
+      if (joinStored(n, childLength)) add(n / 2);
     }
   }
+  if (count != 0) joinRoot();
   return true;
 }
 
-U32 FreeRunTree::freeBefore(U32 index) const {
+U32 FreeRunTree::freeBefore(U32 index) {
   if (index >= entries) return table_.free;
+  if (index == 0) return 0;
+  for (const RememberedCount& c : rememberedCounts_) {
+    if (c.index == index) return c.free;
+  }
+  RememberedCount& c = rememberedCounts_[nextRememberedCount_];
+  nextRememberedCount_ = (nextRememberedCount_ + 1) % rememberedCounts;
+  c = {index, countedFreeBefore(index)};
+  return c.free;
+}
+
+U32 FreeRunTree::countedFreeBefore(U32 index) const {
   // Up from index's word to the table, adding the free entries of every
   // left sibling passed on the way.
   U32 w = index / 64;
@@ -162,7 +218,7 @@ U32 FreeRunTree::freeBefore(U32 index) const {
   return total;
 }
 
-U32 FreeRunTree::freeIn(U32 first, U32 last) const {
+U32 FreeRunTree::freeIn(U32 first, U32 last) {
   last = std::min(last, entries);
   return first >= last ? 0 : freeBefore(last) - freeBefore(first);
 }

@@ -64,9 +64,12 @@ class FreeRunTree {
   // The free entries in runs shorter than the short length (after refresh()).
   U32 shortFreeEntries() const;
 
-  // The free entries among first .. last - 1 (after refresh()): two walks
-  // of ten additions.
-  U32 freeIn(U32 first, U32 last) const;
+  // The free entries among first .. last - 1 (after refresh()): two counts
+  // of the free entries below an index, each a walk of ten additions the
+  // first time it is asked for; the last few are then kept up to date by
+  // refresh() from the change of each changed pair of words, so asking
+  // again for the same ends costs a comparison each.
+  U32 freeIn(U32 first, U32 last);
 
   // The entries first .. last - 1 as a span of their own (after refresh()):
   // free entries outside it do not count, so its runs are cut at its ends.
@@ -90,16 +93,35 @@ class FreeRunTree {
     Span span;
   };
   static constexpr U32 rememberedSpans = 8;
+  // The free entries below an index, kept as the words below it change.
+  struct RememberedCount {
+    U32 index = 0;  // 0: nothing remembered (nothing lies below 0)
+    U32 free = 0;
+  };
+  static constexpr U32 rememberedCounts = 8;
 
   // Node n: 1 is the table; n has children 2n and 2n + 1; word w is node
   // wordCount + w, computed from the bitmap. length is the entries under n.
   Span nodeSpan(U32 n, U32 length) const;
-  // Joins the children of node n (each of childLength entries) and stores
-  // the result; returns whether the node changed.
-  bool joinChildren(U32 n, U32 childLength);
+  Span wordSpan(U32 w) const;
+  Span storedSpan(U32 n, U32 length) const;  // 1 < n < wordCount
+  // Stores s as node n's figures (1 < n < wordCount); returns whether they
+  // changed.
+  bool nodeIs(U32 n, const Span& s);
+  // Joins the children of node n again: two words (n at the lowest level),
+  // two stored nodes of childLength entries each, or the root's two halves.
+  bool joinWords(U32 n);
+  bool joinStored(U32 n, U32 childLength);
+  void joinRoot();
   void rebuild();
-  // The free entries among 0 .. index - 1.
-  U32 freeBefore(U32 index) const;
+  // The free entries among 0 .. index - 1: remembered, or counted and
+  // remembered.
+  U32 freeBefore(U32 index);
+  U32 countedFreeBefore(U32 index) const;
+  // The free entries of the pair of words under bottom node n went up by
+  // change (a negative change wraps): remembered counts above the pair
+  // follow, those inside it are forgotten.
+  void pairChanged(U32 n, U32 change);
   void forgetSpansOver(U32 word);
   // The entries first .. last - 1 (first < last <= entries) as a span.
   Span spanOf(U32 first, U32 last) const;
@@ -116,6 +138,8 @@ class FreeRunTree {
   std::array<Node, wordCount> nodes_{};
   std::array<RememberedSpan, rememberedSpans> remembered_{};
   U32 nextRemembered_ = 0;
+  std::array<RememberedCount, rememberedCounts> rememberedCounts_{};
+  U32 nextRememberedCount_ = 0;
 };
 
 }  // namespace Brevant
