@@ -136,6 +136,12 @@ void FreeRunTree::shortLengthIs(U32 length) {
   rebuildPending_ = true;
 }
 
+[[gnu::always_inline]] inline void FreeRunTree::forgetSpansOver(U32 word) {
+  for (RememberedSpan& r : remembered_) {
+    if (r.last != 0 && r.first / 64 <= word && word <= (r.last - 1) / 64) r.last = 0;
+  }
+}
+
 [[gnu::always_inline]] inline void FreeRunTree::pairChanged(U32 n, U32 change) {
   const U32 pairFirst = (2 * n - wordCount) * 64, pairLast = pairFirst + 128;
   for (RememberedCount& c : rememberedCounts_) {
@@ -230,12 +236,6 @@ U32 FreeRunTree::shortFreeEntries() const {
   if (t.head < shortLength_) total += t.head;
   if (t.tail < shortLength_) total += t.tail;
   return total;
-}
-
-void FreeRunTree::forgetSpansOver(U32 word) {
-  for (RememberedSpan& r : remembered_) {
-    if (r.last != 0 && r.first / 64 <= word && word <= (r.last - 1) / 64) r.last = 0;
-  }
 }
 
 FreeRunTree::Span FreeRunTree::span(U32 first, U32 last) {

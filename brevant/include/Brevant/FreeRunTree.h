@@ -92,7 +92,7 @@ class FreeRunTree {
     U32 first = 0, last = 0;  // last 0: nothing remembered
     Span span;
   };
-  static constexpr U32 rememberedSpans = 8;
+  static constexpr U32 rememberedSpans = 4;
   // The free entries below an index, kept as the words below it change.
   struct RememberedCount {
     U32 index = 0;  // 0: nothing remembered (nothing lies below 0)

@@ -120,10 +120,10 @@ class ReferenceFreeRunTree {
   U32 nextRemembered_ = 0;
 };
 
-
 inline ReferenceFreeRunTree::ReferenceFreeRunTree(const TableBitmap& bitmap) : bitmap_(&bitmap) {}
 
-inline ReferenceFreeRunTree::Span ReferenceFreeRunTree::leafOf(U64 word, U32 length, U32 shortLength) {
+inline ReferenceFreeRunTree::Span ReferenceFreeRunTree::leafOf(U64 word, U32 length,
+                                                               U32 shortLength) {
   Span s;
   s.length = length;
   if (word == 0) return s;
@@ -152,7 +152,8 @@ inline ReferenceFreeRunTree::Span ReferenceFreeRunTree::leafOf(U64 word, U32 len
   return s;
 }
 
-inline ReferenceFreeRunTree::Span ReferenceFreeRunTree::joined(const Span& low, const Span& high, U32 shortLength) {
+inline ReferenceFreeRunTree::Span ReferenceFreeRunTree::joined(const Span& low, const Span& high,
+                                                               U32 shortLength) {
   Span s;
   s.length = low.length + high.length;
   s.free = low.free + high.free;
@@ -286,8 +287,9 @@ inline ReferenceFreeRunTree::Span ReferenceFreeRunTree::span(U32 first, U32 last
   return r.span;
 }
 
-inline ReferenceFreeRunTree::Span ReferenceFreeRunTree::spanOf(U32 node, U32 nodeFirst, U32 nodeLength, U32 first,
-                                      U32 last) const {
+inline ReferenceFreeRunTree::Span ReferenceFreeRunTree::spanOf(U32 node, U32 nodeFirst,
+                                                               U32 nodeLength, U32 first,
+                                                               U32 last) const {
   const U32 nodeLast = nodeFirst + nodeLength;
   if (first <= nodeFirst && nodeLast <= last) return nodeSpan(node);
   if (nodeLength == 64) {
