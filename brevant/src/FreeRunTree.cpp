@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <type_traits>
 
 namespace Brevant {
 namespace {
@@ -53,25 +54,48 @@ inline U32 onesIn(U64 x) {
   return s;
 }
 
-// The span of low followed by high. An empty span (length 0) joins as
+// The length, the runs at the two ends and the longest run of a span: what
+// the largest blocks need, a part of a Span's join.
+struct Ends {
+  U32 length = 0, head = 0, tail = 0, longest = 0;
+};
+
+inline Ends endsOf(const Span& s) { return {s.length, s.head, s.tail, s.longest}; }
+
+// The ends of low followed by high. An empty span (length 0) joins as
 // nothing, so the queries start from one. Without branches: the walks join
 // at every level, and which way each test goes is anybody's guess.
-[[gnu::always_inline]] inline Span joined(const Span& low, const Span& high, U32 shortLength) {
-  const bool lowAllFree = low.allFree(), highAllFree = high.allFree();
+[[gnu::always_inline]] inline Ends joined(const Ends& low, const Ends& high) {
+  const bool lowAllFree = low.head == low.length, highAllFree = high.head == high.length;
   // The run where the halves meet; a half all free is all of it (its head
   // and tail are its length).
   const U32 middle = low.tail + high.head;
-  // It is inner unless it reaches an end; short inner runs count.
-  const bool middleShortInner = (middle != 0) & !lowAllFree & !highAllFree & (middle < shortLength);
+  return {low.length + high.length, lowAllFree ? middle : low.head,
+          highAllFree ? middle : high.tail, std::max(std::max(low.longest, high.longest), middle)};
+}
+
+// The span of low followed by high.
+[[gnu::always_inline]] inline Span joined(const Span& low, const Span& high, U32 shortLength) {
+  const Ends ends = joined(endsOf(low), endsOf(high));
+  // The run where the halves meet is inner unless it reaches an end; short
+  // inner runs count.
+  const U32 middle = low.tail + high.head;
+  const bool middleShortInner =
+      (middle != 0) & !low.allFree() & !high.allFree() & (middle < shortLength);
   Span s;
-  s.length = low.length + high.length;
+  s.length = ends.length;
   s.free = low.free + high.free;
-  s.head = lowAllFree ? middle : low.head;
-  s.tail = highAllFree ? middle : high.tail;
-  s.longest = std::max(std::max(low.longest, high.longest), middle);
+  s.head = ends.head;
+  s.tail = ends.tail;
+  s.longest = ends.longest;
   s.runs = low.runs + high.runs - U32((low.tail != 0) & (high.head != 0));
   s.shortInner = low.shortInner + high.shortInner + (middle & -U32(middleShortInner));
   return s;
+}
+
+// The same for the ends alone (the short length does not matter to them).
+[[gnu::always_inline]] inline Ends joined(const Ends& low, const Ends& high, U32) {
+  return joined(low, high);
 }
 
 }  // namespace
@@ -91,6 +115,19 @@ FreeRunTree::FreeRunTree(const TableBitmap& bitmap) : bitmap_(&bitmap) {}
   if (n >= wordCount) return wordSpan(n - wordCount);
   if (n == 1) return table_;
   return storedSpan(n, length);
+}
+
+// A node's figures as a Span, or only its ends.
+template <typename Figures>
+[[gnu::always_inline]] inline Figures FreeRunTree::nodeFigures(U32 n, U32 length) const {
+  if constexpr (std::is_same_v<Figures, Span>) {
+    return nodeSpan(n, length);
+  } else {
+    if (n >= wordCount) return endsOf(wordSpan(n - wordCount));
+    if (n == 1) return endsOf(table_);
+    const Node& d = nodes_[n];
+    return {length, d.head, d.tail, d.longest};
+  }
 }
 
 [[gnu::always_inline]] inline bool FreeRunTree::nodeIs(U32 n, const Span& s) {
@@ -242,35 +279,68 @@ FreeRunTree::Span FreeRunTree::span(U32 first, U32 last) {
   last = std::min(last, entries);
   if (first >= last) return Span{};
   for (const RememberedSpan& r : remembered_) {
-    if (r.first == first && r.last == last) return r.span;
+    if (r.first == first && r.last == last && r.whole) return r.span;
   }
-  RememberedSpan& r = remembered_[nextRemembered_];
-  nextRemembered_ = (nextRemembered_ + 1) % rememberedSpans;
-  r = {first, last, spanOf(first, last)};
-  return r.span;
+  return remember(first, last, spanOf<Span>(first, last), true);
 }
 
-FreeRunTree::Span FreeRunTree::spanOf(U32 first, U32 last) const {
+U32 FreeRunTree::longestRunIn(U32 first, U32 last) {
+  last = std::min(last, entries);
+  if (first >= last) return 0;
+  for (const RememberedSpan& r : remembered_) {
+    if (r.first == first && r.last == last) return r.span.longest;
+  }
+  const Ends ends = spanOf<Ends>(first, last);
+  Span s;
+  s.length = ends.length;
+  s.head = ends.head;
+  s.tail = ends.tail;
+  s.longest = ends.longest;
+  return remember(first, last, s, false).longest;
+}
+
+const FreeRunTree::Span& FreeRunTree::remember(U32 first, U32 last, const Span& s, bool whole) {
+  // A span asked for again in full replaces its ends-only answer.
+  RememberedSpan* slot = nullptr;
+  for (RememberedSpan& r : remembered_) {
+    if (r.first == first && r.last == last) slot = &r;
+  }
+  if (!slot) {
+    slot = &remembered_[nextRemembered_];
+    nextRemembered_ = (nextRemembered_ + 1) % rememberedSpans;
+  }
+  *slot = {first, last, whole, s};
+  return slot->span;
+}
+
+template <typename Figures>
+Figures FreeRunTree::spanOf(U32 first, U32 last) const {
   // A word cut by the span counts only its entries low .. high - 1,
   // shifted down so that low is bit 0.
-  auto partOf = [&](U32 w, U32 low, U32 high) {
+  auto partOf = [&](U32 w, U32 low, U32 high) -> Figures {
     const U32 length = high - low;
     const U64 inside = bitmap_->word(w) >> low;
-    return leafOf(length == 64 ? inside : inside & ((U64(1) << length) - 1), length, shortLength_);
+    const Span s =
+        leafOf(length == 64 ? inside : inside & ((U64(1) << length) - 1), length, shortLength_);
+    if constexpr (std::is_same_v<Figures, Span>) {
+      return s;
+    } else {
+      return endsOf(s);
+    }
   };
   const U32 firstWord = first / 64, lastWord = (last - 1) / 64;
   if (firstWord == lastWord) return partOf(firstWord, first % 64, last - firstWord * 64);
   // The words cut at either end, then the whole words between them from
   // the bottom of the tree up: a node whose sibling lies outside the words
   // joins the low or the high side, and the walk goes on from its parents.
-  Span low, high;
+  Figures low{}, high{};
   U32 l = firstWord, r = lastWord + 1;
   if (first % 64 != 0) low = partOf(l++, first % 64, 64);
   if (last % 64 != 0) high = partOf(--r, 0, last % 64);
   for (U32 length = 64, n = l + wordCount, end = r + wordCount; n < end;
        n /= 2, end /= 2, length *= 2) {
-    if (n & 1) low = joined(low, nodeSpan(n++, length), shortLength_);
-    if (end & 1) high = joined(nodeSpan(--end, length), high, shortLength_);
+    if (n & 1) low = joined(low, nodeFigures<Figures>(n++, length), shortLength_);
+    if (end & 1) high = joined(nodeFigures<Figures>(--end, length), high, shortLength_);
   }
   return joined(low, high, shortLength_);
 }

@@ -121,7 +121,11 @@ class FreeRunTreeTest : public ::testing::Test {
 
   void expectSpanMatches(U32 first, U32 last) {
     const Span want = bruteForceSpan(free_, first, last, tree_.shortLength());
+    // The longest run alone first: a span asked for in full after it is
+    // joined in full, not taken from the remembered ends.
+    EXPECT_EQ(tree_.longestRunIn(first, last), want.longest) << first << " .. " << last;
     expectSpan(tree_.span(first, last), want, first, last);
+    EXPECT_EQ(tree_.longestRunIn(first, last), want.longest) << first << " .. " << last;
     EXPECT_EQ(tree_.freeIn(first, last), want.free) << first << " .. " << last;
   }
 
@@ -229,8 +233,9 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeOnRandomChanges) {
   };
   auto expectSame = [&](U32 first, U32 last) {
     SCOPED_TRACE(::testing::Message() << "span " << first << " .. " << last);
-    const Span got = tree.span(first, last);
     const auto want = reference.span(first, last);
+    EXPECT_EQ(tree.longestRunIn(first, last), want.longest);
+    const Span got = tree.span(first, last);
     EXPECT_EQ(got.length, want.length);
     EXPECT_EQ(got.free, want.free);
     EXPECT_EQ(got.head, want.head);
