@@ -73,9 +73,10 @@ class FreeRunTree {
 
   // The entries first .. last - 1 as a span of their own (after refresh()):
   // free entries outside it do not count, so its runs are cut at its ends.
-  // Costs at most two walks of ten steps; the last few answers are
-  // remembered until a refresh changes a word under them, so asking again
-  // for the same span costs a comparison.
+  // Costs at most two joins per level of the tree (the words cut at the
+  // ends, then whole nodes bottom-up); the last few answers are remembered
+  // until a refresh changes a word under them, so asking again for the
+  // same span costs a comparison.
   Span span(U32 first, U32 last);
 
   // The longest run of free entries among first .. last - 1 (after
