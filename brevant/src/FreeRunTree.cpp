@@ -2,28 +2,46 @@
 
 #include <algorithm>
 #include <bit>
+#include <type_traits>
 
 namespace Brevant {
+namespace {
 
-FreeRunTree::FreeRunTree(const TableBitmap& bitmap) : bitmap_(&bitmap) {}
+using Span = FreeRunTree::Span;
 
-FreeRunTree::Span FreeRunTree::leafOf(U64 word, U32 length, U32 shortLength) {
+// The set bits of x. std::popcount is a call into the compiler's support
+// library here (the build does not assume the processor's instruction), and
+// the walks below count a word at nearly every step: the same arithmetic,
+// inline.
+inline U32 onesIn(U64 x) {
+  x -= (x >> 1) & 0x5555555555555555u;
+  x = (x & 0x3333333333333333u) + ((x >> 2) & 0x3333333333333333u);
+  x = (x + (x >> 4)) & 0x0f0f0f0f0f0f0f0fu;
+  return U32((x * 0x0101010101010101u) >> 56);
+}
+
+// The figures of a word of length entries (1 to 64) whose bits at and
+// above length are clear.
+[[gnu::always_inline]] inline Span leafOf(U64 word, U32 length, U32 shortLength) {
   Span s;
   s.length = length;
   if (word == 0) return s;
-  s.free = U32(std::popcount(word));
-  if (s.free == length) {
-    s.head = s.tail = s.longest = length;
+  const U32 head = U32(std::countr_one(word));
+  if (head == length) {
+    s.free = s.head = s.tail = s.longest = length;
     s.runs = 1;
     return s;
   }
   // Not all free: the runs at the two ends are distinct, each under 64.
-  s.head = U32(std::countr_one(word));
+  s.free = onesIn(word);
+  s.head = head;
   s.tail = U32(std::countl_one(word << (64 - length)));
-  s.runs = U32(std::popcount(word & ~(word << 1)));  // a run starts where a free entry
-                                                     // follows one that is not
+  // A run starts where a free entry follows one that is not.
+  s.runs = onesIn(word & ~(word << 1));
   s.longest = std::max(s.head, s.tail);
-  // Walk the inner runs from the low bit up: at most 31 of them.
+  // The inner runs, from the low bit up: at most 31 of them.
+  const U32 innerRuns = s.runs - (s.head != 0) - (s.tail != 0);
+  if (innerRuns == 0) return s;
   U64 inner = word & (~U64(0) << s.head);
   if (s.tail != 0) inner &= (U64(1) << (length - s.tail)) - 1;
   while (inner != 0) {
@@ -36,53 +54,141 @@ FreeRunTree::Span FreeRunTree::leafOf(U64 word, U32 length, U32 shortLength) {
   return s;
 }
 
-FreeRunTree::Span FreeRunTree::joined(const Span& low, const Span& high, U32 shortLength) {
-  Span s;
-  s.length = low.length + high.length;
-  s.free = low.free + high.free;
-  s.head = low.allFree() ? low.length + high.head : low.head;
-  s.tail = high.allFree() ? high.length + low.tail : high.tail;
+// The length, the runs at the two ends and the longest run of a span: what
+// the largest blocks need, a part of a Span's join.
+struct Ends {
+  U32 length = 0, head = 0, tail = 0, longest = 0;
+};
+
+inline Ends endsOf(const Span& s) { return {s.length, s.head, s.tail, s.longest}; }
+
+// The ends of low followed by high. An empty span (length 0) joins as
+// nothing, so the queries start from one. Without branches: the walks join
+// at every level, and which way each test goes is anybody's guess.
+[[gnu::always_inline]] inline Ends joined(const Ends& low, const Ends& high) {
+  const bool lowAllFree = low.head == low.length, highAllFree = high.head == high.length;
+  // The run where the halves meet; a half all free is all of it (its head
+  // and tail are its length).
   const U32 middle = low.tail + high.head;
-  s.longest = std::max({low.longest, high.longest, middle});
-  s.runs = low.runs + high.runs - (low.tail != 0 && high.head != 0 ? 1 : 0);
-  s.shortInner = low.shortInner + high.shortInner;
-  // The run where the halves meet is inner unless it reaches an end.
-  if (middle != 0 && !low.allFree() && !high.allFree() && middle < shortLength) {
-    s.shortInner += middle;
-  }
+  return {low.length + high.length, lowAllFree ? middle : low.head,
+          highAllFree ? middle : high.tail, std::max(std::max(low.longest, high.longest), middle)};
+}
+
+// The span of low followed by high.
+[[gnu::always_inline]] inline Span joined(const Span& low, const Span& high, U32 shortLength) {
+  const Ends ends = joined(endsOf(low), endsOf(high));
+  // The run where the halves meet is inner unless it reaches an end; short
+  // inner runs count.
+  const U32 middle = low.tail + high.head;
+  const bool middleShortInner =
+      (middle != 0) & !low.allFree() & !high.allFree() & (middle < shortLength);
+  Span s;
+  s.length = ends.length;
+  s.free = low.free + high.free;
+  s.head = ends.head;
+  s.tail = ends.tail;
+  s.longest = ends.longest;
+  s.runs = low.runs + high.runs - U32((low.tail != 0) & (high.head != 0));
+  s.shortInner = low.shortInner + high.shortInner + (middle & -U32(middleShortInner));
   return s;
 }
 
-FreeRunTree::Span FreeRunTree::nodeSpan(U32 n) const {
-  if (n >= wordCount) return leafOf(bitmap_->word(n - wordCount), 64, shortLength_);
-  if (n == 1) return table_;
-  const Node& d = nodes_[n];
-  return {
-      entries >> (std::bit_width(n) - 1), d.free, d.head, d.tail, d.longest, d.runs, d.shortInner};
+// The same for the ends alone (the short length does not matter to them).
+[[gnu::always_inline]] inline Ends joined(const Ends& low, const Ends& high, U32) {
+  return joined(low, high);
 }
 
-void FreeRunTree::nodeIs(U32 n, const Span& s) {
-  if (n == 1) {
-    table_ = s;
-    return;
+}  // namespace
+
+FreeRunTree::FreeRunTree(const TableBitmap& bitmap) : bitmap_(&bitmap) {}
+
+[[gnu::always_inline]] inline FreeRunTree::Span FreeRunTree::wordSpan(U32 w) const {
+  return leafOf(bitmap_->word(w), 64, shortLength_);
+}
+
+[[gnu::always_inline]] inline FreeRunTree::Span FreeRunTree::storedSpan(U32 n, U32 length) const {
+  const Node& d = nodes_[n];
+  return {length, d.free, d.head, d.tail, d.longest, d.runs, d.shortInner};
+}
+
+[[gnu::always_inline]] inline FreeRunTree::Span FreeRunTree::nodeSpan(U32 n, U32 length) const {
+  if (n >= wordCount) return wordSpan(n - wordCount);
+  if (n == 1) return table_;
+  return storedSpan(n, length);
+}
+
+// A node's figures as a Span, or only its ends.
+template <typename Figures>
+[[gnu::always_inline]] inline Figures FreeRunTree::nodeFigures(U32 n, U32 length) const {
+  if constexpr (std::is_same_v<Figures, Span>) {
+    return nodeSpan(n, length);
+  } else {
+    if (n >= wordCount) return endsOf(wordSpan(n - wordCount));
+    if (n == 1) return endsOf(table_);
+    const Node& d = nodes_[n];
+    return {length, d.head, d.tail, d.longest};
   }
-  nodes_[n] = {U16(s.free),    U16(s.head), U16(s.tail),
-               U16(s.longest), U16(s.runs), U16(s.shortInner)};
+}
+
+[[gnu::always_inline]] inline bool FreeRunTree::nodeIs(U32 n, const Span& s) {
+  const Node node{U16(s.free),    U16(s.head), U16(s.tail),
+                  U16(s.longest), U16(s.runs), U16(s.shortInner)};
+  if (node == nodes_[n]) return false;
+  nodes_[n] = node;
+  return true;
+}
+
+[[gnu::always_inline]] inline bool FreeRunTree::joinWords(U32 n) {
+  const U32 w = 2 * n - wordCount;
+  return nodeIs(n, joined(wordSpan(w), wordSpan(w + 1), shortLength_));
+}
+
+[[gnu::always_inline]] inline bool FreeRunTree::joinStored(U32 n, U32 childLength) {
+  return nodeIs(
+      n, joined(storedSpan(2 * n, childLength), storedSpan(2 * n + 1, childLength), shortLength_));
+}
+
+void FreeRunTree::joinRoot() {
+  table_ = joined(storedSpan(2, entries / 2), storedSpan(3, entries / 2), shortLength_);
 }
 
 void FreeRunTree::rebuild() {
   ++refreshes_;
-  for (U32 n = wordCount; n-- > 1;) nodeIs(n, joinedChildren(n));
+  // A level at a time from the lowest: nodes first .. 2 * first - 1 have
+  // children of childLength entries.
+  for (U32 n = wordCount / 2; n < wordCount; ++n) joinWords(n);
+  for (U32 first = wordCount / 4, childLength = 128; first > 1; first /= 2, childLength *= 2) {
+    for (U32 n = first; n < 2 * first; ++n) joinStored(n, childLength);
+  }
+  joinRoot();
   staleWords_.fill(0);
   stale_ = false;
   rebuildPending_ = false;
   for (RememberedSpan& r : remembered_) r.last = 0;
+  for (RememberedCount& c : rememberedCounts_) c.index = 0;
 }
 
 void FreeRunTree::shortLengthIs(U32 length) {
   if (length == shortLength_) return;
   shortLength_ = length;
   rebuildPending_ = true;
+}
+
+[[gnu::always_inline]] inline void FreeRunTree::forgetSpansOver(U32 word) {
+  for (RememberedSpan& r : remembered_) {
+    if (r.last != 0 && r.first / 64 <= word && word <= (r.last - 1) / 64) r.last = 0;
+  }
+}
+
+[[gnu::always_inline]] inline void FreeRunTree::pairChanged(U32 n, U32 change) {
+  const U32 pairFirst = (2 * n - wordCount) * 64, pairLast = pairFirst + 128;
+  for (RememberedCount& c : rememberedCounts_) {
+    if (c.index >= pairLast) {
+      c.free += change;
+    } else if (c.index > pairFirst) {
+      c.index = 0;
+    }
+  }
 }
 
 bool FreeRunTree::refresh() {
@@ -109,38 +215,55 @@ bool FreeRunTree::refresh() {
   }
   staleWords_.fill(0);
   stale_ = false;
-  while (count != 0) {
-    const U32 nodes = count;
-    count = 0;  // the parents overwrite the level just read, never ahead of it
+  // The pairs of words; a pair's change of free entries moves the
+  // remembered counts above it.
+  U32 nodes = count;
+  count = 0;  // the parents overwrite the level just read, never ahead of it
+  for (U32 i = 0; i < nodes; ++i) {
+    const U32 n = changed[i];
+    const U32 pairFree = nodes_[n].free;
+    if (!joinWords(n)) continue;
+    pairChanged(n, nodes_[n].free - pairFree);
+    add(n / 2);
+  }
+  // The nodes above, up to the root's children (all of a level alike).
+  for (U32 childLength = 128; count != 0 && changed[0] > 1; childLength *= 2) {
+    nodes = count;
+    count = 0;
     for (U32 i = 0; i < nodes; ++i) {
       const U32 n = changed[i];
-      const Span s = joinedChildren(n);
-      if (s == nodeSpan(n)) continue;
-      nodeIs(n, s);
-      if (n > 1) add(n / 2);
+      if (joinStored(n, childLength)) add(n / 2);
     }
   }
+  if (count != 0) joinRoot();
   return true;
 }
 
-U32 FreeRunTree::freeBefore(U32 index) const {
+U32 FreeRunTree::freeBefore(U32 index) {
   if (index >= entries) return table_.free;
-  // Down from the table to index's word, adding the free entries of every
-  // left half passed on the right.
-  U32 total = 0;
-  U32 n = 1;
-  for (U32 half = entries / 2; half >= 64; half /= 2) {
-    n *= 2;
-    if (index & half) {
-      total += n >= wordCount ? U32(std::popcount(bitmap_->word(n - wordCount))) : nodes_[n].free;
-      ++n;
-    }
+  if (index == 0) return 0;
+  for (const RememberedCount& c : rememberedCounts_) {
+    if (c.index == index) return c.free;
   }
-  const U64 below = (U64(1) << (index & 63)) - 1;
-  return total + U32(std::popcount(bitmap_->word(index / 64) & below));
+  RememberedCount& c = rememberedCounts_[nextRememberedCount_];
+  nextRememberedCount_ = (nextRememberedCount_ + 1) % rememberedCounts;
+  c = {index, countedFreeBefore(index)};
+  return c.free;
 }
 
-U32 FreeRunTree::freeIn(U32 first, U32 last) const {
+U32 FreeRunTree::countedFreeBefore(U32 index) const {
+  // Up from index's word to the table, adding the free entries of every
+  // left sibling passed on the way.
+  U32 w = index / 64;
+  U32 total = onesIn(bitmap_->word(w) & ((U64(1) << (index & 63)) - 1));
+  if (w & 1) total += onesIn(bitmap_->word(w - 1));
+  for (U32 n = (wordCount + w) / 2; n > 1; n /= 2) {
+    if (n & 1) total += nodes_[n - 1].free;
+  }
+  return total;
+}
+
+U32 FreeRunTree::freeIn(U32 first, U32 last) {
   last = std::min(last, entries);
   return first >= last ? 0 : freeBefore(last) - freeBefore(first);
 }
@@ -154,43 +277,74 @@ U32 FreeRunTree::shortFreeEntries() const {
   return total;
 }
 
-void FreeRunTree::forgetSpansOver(U32 word) {
-  for (RememberedSpan& r : remembered_) {
-    if (r.last != 0 && r.first / 64 <= word && word <= (r.last - 1) / 64) r.last = 0;
-  }
-}
-
 FreeRunTree::Span FreeRunTree::span(U32 first, U32 last) {
   last = std::min(last, entries);
   if (first >= last) return Span{};
   for (const RememberedSpan& r : remembered_) {
-    if (r.first == first && r.last == last) return r.span;
+    if (r.first == first && r.last == last && r.whole) return r.span;
   }
-  RememberedSpan& r = remembered_[nextRemembered_];
-  nextRemembered_ = (nextRemembered_ + 1) % rememberedSpans;
-  r = {first, last, spanOf(1, 0, entries, first, last)};
-  return r.span;
+  return remember(first, last, spanOf<Span>(first, last), true);
 }
 
-FreeRunTree::Span FreeRunTree::spanOf(U32 node, U32 nodeFirst, U32 nodeLength, U32 first,
-                                      U32 last) const {
-  const U32 nodeLast = nodeFirst + nodeLength;
-  if (first <= nodeFirst && nodeLast <= last) return nodeSpan(node);
-  if (nodeLength == 64) {
-    // A word cut by the span: only its entries low .. high - 1 count,
-    // shifted down so that the span's first entry is bit 0.
-    const U32 low = std::max(first, nodeFirst) - nodeFirst;
-    const U32 high = std::min(last, nodeLast) - nodeFirst;
-    const U32 length = high - low;
-    const U64 inside = bitmap_->word(node - wordCount) >> low;
-    return leafOf(length == 64 ? inside : inside & ((U64(1) << length) - 1), length, shortLength_);
+U32 FreeRunTree::longestRunIn(U32 first, U32 last) {
+  last = std::min(last, entries);
+  if (first >= last) return 0;
+  for (const RememberedSpan& r : remembered_) {
+    if (r.first == first && r.last == last) return r.span.longest;
   }
-  const U32 half = nodeLength / 2;
-  const U32 middle = nodeFirst + half;
-  if (last <= middle) return spanOf(2 * node, nodeFirst, half, first, last);
-  if (first >= middle) return spanOf(2 * node + 1, middle, half, first, last);
-  return joined(spanOf(2 * node, nodeFirst, half, first, last),
-                spanOf(2 * node + 1, middle, half, first, last), shortLength_);
+  const Ends ends = spanOf<Ends>(first, last);
+  Span s;
+  s.length = ends.length;
+  s.head = ends.head;
+  s.tail = ends.tail;
+  s.longest = ends.longest;
+  return remember(first, last, s, false).longest;
+}
+
+const FreeRunTree::Span& FreeRunTree::remember(U32 first, U32 last, const Span& s, bool whole) {
+  // A span asked for again in full replaces its ends-only answer.
+  RememberedSpan* slot = nullptr;
+  for (RememberedSpan& r : remembered_) {
+    if (r.first == first && r.last == last) slot = &r;
+  }
+  if (!slot) {
+    slot = &remembered_[nextRemembered_];
+    nextRemembered_ = (nextRemembered_ + 1) % rememberedSpans;
+  }
+  *slot = {first, last, whole, s};
+  return slot->span;
+}
+
+template <typename Figures>
+Figures FreeRunTree::spanOf(U32 first, U32 last) const {
+  // A word cut by the span counts only its entries low .. high - 1,
+  // shifted down so that low is bit 0.
+  auto partOf = [&](U32 w, U32 low, U32 high) -> Figures {
+    const U32 length = high - low;
+    const U64 inside = bitmap_->word(w) >> low;
+    const Span s =
+        leafOf(length == 64 ? inside : inside & ((U64(1) << length) - 1), length, shortLength_);
+    if constexpr (std::is_same_v<Figures, Span>) {
+      return s;
+    } else {
+      return endsOf(s);
+    }
+  };
+  const U32 firstWord = first / 64, lastWord = (last - 1) / 64;
+  if (firstWord == lastWord) return partOf(firstWord, first % 64, last - firstWord * 64);
+  // The words cut at either end, then the whole words between them from
+  // the bottom of the tree up: a node whose sibling lies outside the words
+  // joins the low or the high side, and the walk goes on from its parents.
+  Figures low{}, high{};
+  U32 l = firstWord, r = lastWord + 1;
+  if (first % 64 != 0) low = partOf(l++, first % 64, 64);
+  if (last % 64 != 0) high = partOf(--r, 0, last % 64);
+  for (U32 length = 64, n = l + wordCount, end = r + wordCount; n < end;
+       n /= 2, end /= 2, length *= 2) {
+    if (n & 1) low = joined(low, nodeFigures<Figures>(n++, length), shortLength_);
+    if (end & 1) high = joined(nodeFigures<Figures>(--end, length), high, shortLength_);
+  }
+  return joined(low, high, shortLength_);
 }
 
 struct FreeRunTree::UpwardSearch {
@@ -229,10 +383,10 @@ S32 FreeRunTree::firstRunIn(U32 node, U32 nodeFirst, U32 nodeLength, UpwardSearc
     return TableBitmap::firstRunInWord(bits, nodeFirst, search.length, search.carry);
   }
   if (search.from <= nodeFirst && nodeLast <= search.to) {
-    const Span s = nodeSpan(node);
+    const Ends s = nodeFigures<Ends>(node, nodeLength);
     if (search.carry + s.head >= search.length) return S32(nodeFirst - search.carry);
     if (s.longest < search.length) {
-      search.carry = s.allFree() ? search.carry + nodeLength : s.tail;
+      search.carry = s.head == nodeLength ? search.carry + nodeLength : s.tail;
       return -1;
     }
   }
@@ -250,12 +404,12 @@ S32 FreeRunTree::lastRunIn(U32 node, U32 nodeFirst, U32 nodeLength, DownwardSear
     return TableBitmap::lastRunInWord(bits, nodeFirst, search.length, search.run);
   }
   if (search.from <= nodeFirst && nodeLast <= search.to) {
-    const Span s = nodeSpan(node);
+    const Ends s = nodeFigures<Ends>(node, nodeLength);
     TableBitmap::RunBelow& run = search.run;
     if (run.carry == 0) run.end = nodeLast;
     if (run.carry + s.tail >= search.length) return S32(run.end - search.length);
     if (s.longest < search.length) {
-      if (s.allFree()) {
+      if (s.head == nodeLength) {
         run.carry += nodeLength;
       } else {
         run.carry = s.head;

@@ -153,9 +153,9 @@ void NextHopManager::refreshResources() {
   // What the searches would find: a narrow one from the lowest free entry up
   // to lastWideIndex, a wide one from below the swap index down to just
   // above lastNarrowIndex.
-  const U32 narrowLongest = freeRuns.span(0, lastWideIndex_).longest;
+  const U32 narrowLongest = freeRuns.longestRunIn(0, lastWideIndex_);
   const U32 wideLongest = swapIndex > U32(lastNarrowIndex_) + 1
-                              ? freeRuns.span(lastNarrowIndex_ + 1, swapIndex).longest
+                              ? freeRuns.longestRunIn(lastNarrowIndex_ + 1, swapIndex)
                               : 0;
   r.largestNarrowBlockIs(U16(std::min(narrowLongest, maxBlockEntries)));
   r.largestWideBlockIs(U16(std::min(wideLongest, maxBlockEntries)));

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Brevant/FreeRunTree.h"
+#include "support/ReferenceFreeRunTree.h"
 
 namespace {
 
@@ -120,7 +121,11 @@ class FreeRunTreeTest : public ::testing::Test {
 
   void expectSpanMatches(U32 first, U32 last) {
     const Span want = bruteForceSpan(free_, first, last, tree_.shortLength());
+    // The longest run alone first: a span asked for in full after it is
+    // joined in full, not taken from the remembered ends.
+    EXPECT_EQ(tree_.longestRunIn(first, last), want.longest) << first << " .. " << last;
     expectSpan(tree_.span(first, last), want, first, last);
+    EXPECT_EQ(tree_.longestRunIn(first, last), want.longest) << first << " .. " << last;
     EXPECT_EQ(tree_.freeIn(first, last), want.free) << first << " .. " << last;
   }
 
@@ -210,6 +215,88 @@ TEST_F(FreeRunTreeTest, AShortLengthChangeIsReportedByTheNextRefresh) {
   EXPECT_TRUE(tree_.refresh());
   expectTableMatches();
   expectSpanMatches(5, 5000);
+}
+
+// The tree against the tree as it was (its walks through calls, its range
+// queries top-down): both hear the same changes and must give the same
+// answer to every question, including whether a refresh had work to do.
+TEST(FreeRunTree, AnswersAsThePreviousTreeOnRandomChanges) {
+  std::mt19937 random(4242);
+  auto pick = [&](U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random); };
+  TableBitmap bitmap;
+  FreeRunTree tree(bitmap);
+  NextHopTest::ReferenceFreeRunTree reference(bitmap);
+  auto entryIs = [&](U32 index, bool isFree) {
+    bitmap.set(index, isFree);
+    tree.entryChanged(U16(index));
+    reference.entryChanged(U16(index));
+  };
+  auto expectSame = [&](U32 first, U32 last) {
+    SCOPED_TRACE(::testing::Message() << "span " << first << " .. " << last);
+    const auto want = reference.span(first, last);
+    EXPECT_EQ(tree.longestRunIn(first, last), want.longest);
+    const Span got = tree.span(first, last);
+    EXPECT_EQ(got.length, want.length);
+    EXPECT_EQ(got.free, want.free);
+    EXPECT_EQ(got.head, want.head);
+    EXPECT_EQ(got.tail, want.tail);
+    EXPECT_EQ(got.longest, want.longest);
+    EXPECT_EQ(got.runs, want.runs);
+    EXPECT_EQ(got.shortInner, want.shortInner);
+    EXPECT_EQ(tree.freeIn(first, last), reference.freeIn(first, last));
+  };
+  // The windows a manager asks for, whose ends move as its boundaries do.
+  U32 narrowEnd = 30000, wideStart = 30001;
+  for (U32 step = 0; step < 20000; ++step) {
+    SCOPED_TRACE(::testing::Message() << "step " << step);
+    switch (pick(0, 5)) {
+      case 0:
+      case 1: {  // a block, mostly small, sometimes across words
+        const U32 first = pick(0, entries - 1);
+        const bool isFree = pick(0, 1) == 0;
+        const U32 length = pick(0, 9) == 0 ? pick(1, 300) : pick(1, 16);
+        for (U32 i = first; i < std::min(entries, first + length); ++i) entryIs(i, isFree);
+        break;
+      }
+      case 2:  // scattered entries
+        for (U32 n = pick(1, 8); n > 0; --n) entryIs(pick(0, entries - 1), pick(0, 1) == 0);
+        break;
+      case 3: {  // an entry written with the value it holds
+        const U32 index = pick(0, entries - 1);
+        entryIs(index, bitmap.test(index));
+        break;
+      }
+      case 4:  // the boundaries move
+        narrowEnd = pick(0, entries);
+        wideStart = pick(0, entries);
+        break;
+      default:  // nothing changed
+        break;
+    }
+    if (step % 997 == 0) {
+      const U32 length = shortLengths[pick(0, std::size(shortLengths) - 1)];
+      tree.shortLengthIs(length);
+      reference.shortLengthIs(length);
+    }
+    EXPECT_EQ(tree.refresh(), reference.refresh());
+    const Span& t = tree.table();
+    const auto& r = reference.table();
+    EXPECT_EQ(t.free, r.free);
+    EXPECT_EQ(t.head, r.head);
+    EXPECT_EQ(t.tail, r.tail);
+    EXPECT_EQ(t.longest, r.longest);
+    EXPECT_EQ(t.runs, r.runs);
+    EXPECT_EQ(t.shortInner, r.shortInner);
+    EXPECT_EQ(tree.shortFreeEntries(), reference.shortFreeEntries());
+    expectSame(0, narrowEnd);
+    expectSame(wideStart, 65528);
+    expectSame(3, narrowEnd);
+    const U32 a = pick(0, entries), b = pick(0, entries);
+    expectSame(std::min(a, b), std::max(a, b));
+    const U32 near = pick(0, entries - 1);
+    expectSame(near, std::min(entries, near + pick(0, 130)));
+    if (::testing::Test::HasFailure()) return;
+  }
 }
 
 // The free index (8,320 bytes) and its summary stay within 32 KiB per manager.

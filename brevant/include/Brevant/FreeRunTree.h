@@ -76,16 +76,25 @@ class FreeRunTree {
   // The free entries in runs shorter than the short length (after refresh()).
   U32 shortFreeEntries() const;
 
-  // The free entries among first .. last - 1 (after refresh()): two walks
-  // of ten additions.
-  U32 freeIn(U32 first, U32 last) const;
+  // The free entries among first .. last - 1 (after refresh()): two counts
+  // of the free entries below an index, each a walk of ten additions the
+  // first time it is asked for; the last few are then kept up to date by
+  // refresh() from the change of each changed pair of words, so asking
+  // again for the same ends costs a comparison each.
+  U32 freeIn(U32 first, U32 last);
 
   // The entries first .. last - 1 as a span of their own (after refresh()):
   // free entries outside it do not count, so its runs are cut at its ends.
-  // Costs at most two walks of ten steps; the last few answers are
-  // remembered until a refresh changes a word under them, so asking again
-  // for the same span costs a comparison.
+  // Costs at most two joins per level of the tree (the words cut at the
+  // ends, then whole nodes bottom-up); the last few answers are remembered
+  // until a refresh changes a word under them, so asking again for the
+  // same span costs a comparison.
   Span span(U32 first, U32 last);
+
+  // The longest run of free entries among first .. last - 1 (after
+  // refresh()): span(first, last).longest, for about half the work (the
+  // other figures are not joined), remembered with the spans.
+  U32 longestRunIn(U32 first, U32 last);
 
  private:
   static constexpr U32 wordCount = entries / 64;
@@ -94,29 +103,52 @@ class FreeRunTree {
   // from its place in the tree.
   struct Node {
     U16 free = 0, head = 0, tail = 0, longest = 0, runs = 0, shortInner = 0;
+    bool operator==(const Node&) const = default;
   };
   // A span the tree answered for, kept until a word under it changes.
   struct RememberedSpan {
     U32 first = 0, last = 0;  // last 0: nothing remembered
+    bool whole = false;       // false: only the length, ends and longest run
     Span span;
   };
-  static constexpr U32 rememberedSpans = 8;
+  static constexpr U32 rememberedSpans = 4;
+  // The free entries below an index, kept as the words below it change.
+  struct RememberedCount {
+    U32 index = 0;  // 0: nothing remembered (nothing lies below 0)
+    U32 free = 0;
+  };
+  static constexpr U32 rememberedCounts = 8;
 
-  // A word whose entries at and above length are not free.
-  static Span leafOf(U64 word, U32 length, U32 shortLength);
-  static Span joined(const Span& low, const Span& high, U32 shortLength);
   // Node n: 1 is the table; n has children 2n and 2n + 1; word w is node
-  // wordCount + w, computed from the bitmap.
-  Span nodeSpan(U32 n) const;
-  void nodeIs(U32 n, const Span& s);
-  Span joinedChildren(U32 n) const {
-    return joined(nodeSpan(2 * n), nodeSpan(2 * n + 1), shortLength_);
-  }
+  // wordCount + w, computed from the bitmap. length is the entries under n.
+  Span nodeSpan(U32 n, U32 length) const;
+  Span wordSpan(U32 w) const;
+  Span storedSpan(U32 n, U32 length) const;  // 1 < n < wordCount
+  // Stores s as node n's figures (1 < n < wordCount); returns whether they
+  // changed.
+  bool nodeIs(U32 n, const Span& s);
+  // Joins the children of node n again: two words (n at the lowest level),
+  // two stored nodes of childLength entries each, or the root's two halves.
+  bool joinWords(U32 n);
+  bool joinStored(U32 n, U32 childLength);
+  void joinRoot();
   void rebuild();
-  // The free entries among 0 .. index - 1.
-  U32 freeBefore(U32 index) const;
+  // The free entries among 0 .. index - 1: remembered, or counted and
+  // remembered.
+  U32 freeBefore(U32 index);
+  U32 countedFreeBefore(U32 index) const;
+  // The free entries of the pair of words under bottom node n went up by
+  // change (a negative change wraps): remembered counts above the pair
+  // follow, those inside it are forgotten.
+  void pairChanged(U32 n, U32 change);
   void forgetSpansOver(U32 word);
-  Span spanOf(U32 node, U32 nodeFirst, U32 nodeLength, U32 first, U32 last) const;
+  // The entries first .. last - 1 (first < last <= entries) as a Span, or
+  // only its ends and longest run.
+  template <typename Figures>
+  Figures spanOf(U32 first, U32 last) const;
+  template <typename Figures>
+  Figures nodeFigures(U32 n, U32 length) const;
+  const Span& remember(U32 first, U32 last, const Span& s, bool whole);
   // A run search's question and what it carries from span to span.
   struct UpwardSearch;
   struct DownwardSearch;
@@ -136,6 +168,8 @@ class FreeRunTree {
   std::array<Node, wordCount> nodes_{};
   std::array<RememberedSpan, rememberedSpans> remembered_{};
   U32 nextRemembered_ = 0;
+  std::array<RememberedCount, rememberedCounts> rememberedCounts_{};
+  U32 nextRememberedCount_ = 0;
 };
 
 }  // namespace Brevant
