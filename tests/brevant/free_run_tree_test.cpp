@@ -65,6 +65,23 @@ void expectSpan(const Span& got, const Span& want, U32 first, U32 last) {
   EXPECT_EQ(got.shortInner, want.shortInner);
 }
 
+// The lowest (or, downward, highest) start of length free entries in
+// [from, to), looked for index by index; -1 when none or length is 0.
+S32 searchedEntryByEntry(const std::vector<bool>& free, U32 from, U32 to, U32 length,
+                         bool downward) {
+  if (length == 0 || from >= to || to - from < length) return -1;
+  S32 found = -1;
+  U32 run = 0;
+  for (U32 i = from; i < to; ++i) {
+    run = free[i] ? run + 1 : 0;
+    if (run >= length) {
+      found = S32(i + 1 - length);
+      if (!downward) return found;
+    }
+  }
+  return found;
+}
+
 // A bitmap, its brute-force copy and the tree over it, changed together.
 class FreeRunTreeTest : public ::testing::Test {
  protected:
@@ -127,6 +144,25 @@ class FreeRunTreeTest : public ::testing::Test {
     expectSpan(tree_.span(first, last), want, first, last);
     EXPECT_EQ(tree_.longestRunIn(first, last), want.longest) << first << " .. " << last;
     EXPECT_EQ(tree_.freeIn(first, last), want.free) << first << " .. " << last;
+  }
+
+  // A block length to search for: 0, within a word, a word, longer, the
+  // largest block and beyond.
+  U32 randomLength() {
+    constexpr U32 lengths[] = {0, 1, 2, 3, 8, 31, 63, 64, 65, 100, 128, 200, 256, 257, 5000};
+    return pick(0, 3) == 0 ? pick(1, 260) : lengths[pick(0, std::size(lengths) - 1)];
+  }
+
+  // Both run searches of the tree and of the bitmap give the answer found
+  // entry by entry.
+  void expectSearchesMatch(U32 from, U32 to, U32 length) {
+    SCOPED_TRACE(::testing::Message() << "[" << from << ", " << to << ") length " << length);
+    const S32 first = searchedEntryByEntry(free_, from, to, length, false);
+    const S32 last = searchedEntryByEntry(free_, from, to, length, true);
+    EXPECT_EQ(tree_.firstRun(from, to, length), first);
+    EXPECT_EQ(bitmap_.findFirstRun(from, to, length), first);
+    EXPECT_EQ(tree_.lastRun(from, to, length), last);
+    EXPECT_EQ(bitmap_.findLastRun(from, to, length), last);
   }
 
   std::mt19937 random_{2026};
@@ -302,6 +338,79 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeOnRandomChanges) {
 // The free index (8,320 bytes) and its summary stay within 32 KiB per manager.
 TEST(FreeRunTree, TakesWithTheFreeIndexUnder32KiB) {
   EXPECT_LT(sizeof(FreeRunTree) + sizeof(TableBitmap), 32u * 1024);
+}
+
+// The run searches: the tree's descent and the bitmap's word scan against a
+// search entry by entry.
+TEST_F(FreeRunTreeTest, SearchesFindNothingInAnEmptyTableOrForLengthZero) {
+  tree_.refresh();
+  expectSearchesMatch(0, entries, 1);
+  for (U32 i = 0; i < entries; ++i) entryIs(i, true);
+  tree_.refresh();
+  EXPECT_EQ(tree_.firstRun(0, entries, 0), -1);
+  EXPECT_EQ(tree_.lastRun(0, entries, 0), -1);
+  EXPECT_EQ(tree_.firstRun(100, 100, 1), -1);
+  EXPECT_EQ(tree_.firstRun(3, entries, 256), 3);
+  EXPECT_EQ(tree_.lastRun(3, 65278, 256), 65278 - 256);
+  expectSearchesMatch(0, entries, entries);
+}
+
+TEST_F(FreeRunTreeTest, SearchesMatchAnEntryByEntrySearchOnRandomBitmaps) {
+  for (U32 round = 0; round < 30; ++round) {
+    SCOPED_TRACE(::testing::Message() << "round " << round);
+    const U32 maxRun = std::array<U32, 6>{1, 4, 20, 70, 300, 5000}[round % 6];
+    runsFrom(0, entries, maxRun, round % 2 == 0);
+    tree_.refresh();
+    for (U32 n = 0; n < 60; ++n) {
+      const auto [from, to] = randomSpan();
+      expectSearchesMatch(from, to, randomLength());
+    }
+    if (HasFailure()) return;
+  }
+}
+
+TEST_F(FreeRunTreeTest, SearchesFindRunsAcrossSpanEnds) {
+  // A run of exactly the length asked, across a word, across a span of 128
+  // and across the middle of the table; nothing else free.
+  for (const U32 start : {60U, 120U, 32700U, 4090U}) {
+    for (const U32 length : {2U, 8U, 64U, 100U, 256U}) {
+      for (U32 i = start; i < start + length; ++i) entryIs(i, true);
+      tree_.refresh();
+      expectSearchesMatch(0, entries, length);
+      expectSearchesMatch(start, start + length, length);
+      expectSearchesMatch(start + 1, entries, length);
+      expectSearchesMatch(0, start + length - 1, length);
+      expectSearchesMatch(0, entries, length + 1);
+      for (U32 i = start; i < start + length; ++i) entryIs(i, false);
+    }
+  }
+}
+
+TEST_F(FreeRunTreeTest, SearchesStayExactAsEntriesChangeBetweenRefreshes) {
+  runsFrom(0, entries, 40, true);
+  for (U32 step = 0; step < 1500; ++step) {
+    SCOPED_TRACE(::testing::Message() << "step " << step);
+    const U32 first = pick(0, entries - 1);
+    const bool isFree = pick(0, 1) == 0;
+    for (U32 i = first, end = std::min(entries, first + pick(1, 300)); i < end; ++i) {
+      entryIs(i, isFree);
+    }
+    tree_.refresh();
+    const auto [from, to] = randomSpan();
+    expectSearchesMatch(from, to, randomLength());
+    if (HasFailure()) return;
+  }
+}
+
+TEST_F(FreeRunTreeTest, ARefreshThatFindsAChangeIsCounted) {
+  const U64 before = tree_.refreshes();
+  tree_.refresh();  // the first refresh builds the tree
+  EXPECT_EQ(tree_.refreshes(), before + 1);
+  tree_.refresh();
+  EXPECT_EQ(tree_.refreshes(), before + 1);
+  entryIs(5, true);
+  tree_.refresh();
+  EXPECT_EQ(tree_.refreshes(), before + 2);
 }
 
 }  // namespace
