@@ -81,7 +81,7 @@ inline Ends endsOf(const Span& s) { return {s.length, s.head, s.tail, s.longest}
   // inner runs count.
   const U32 middle = low.tail + high.head;
   const bool middleShortInner =
-      (middle != 0) & !low.allFree() & !high.allFree() & (middle < shortLength);
+      U32(middle != 0) & U32(!low.allFree()) & U32(!high.allFree()) & U32(middle < shortLength);
   Span s;
   s.length = ends.length;
   s.free = low.free + high.free;
