@@ -268,18 +268,11 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeOnRandomChanges) {
     reference.entryChanged(U16(index));
   };
   auto expectSame = [&](U32 first, U32 last) {
-    SCOPED_TRACE(::testing::Message() << "span " << first << " .. " << last);
-    const auto want = reference.span(first, last);
-    EXPECT_EQ(tree.longestRunIn(first, last), want.longest);
-    const Span got = tree.span(first, last);
-    EXPECT_EQ(got.length, want.length);
-    EXPECT_EQ(got.free, want.free);
-    EXPECT_EQ(got.head, want.head);
-    EXPECT_EQ(got.tail, want.tail);
-    EXPECT_EQ(got.longest, want.longest);
-    EXPECT_EQ(got.runs, want.runs);
-    EXPECT_EQ(got.shortInner, want.shortInner);
-    EXPECT_EQ(tree.freeIn(first, last), reference.freeIn(first, last));
+    const auto r = reference.span(first, last);
+    const Span want{r.length, r.free, r.head, r.tail, r.longest, r.runs, r.shortInner};
+    EXPECT_EQ(tree.longestRunIn(first, last), want.longest) << first << " .. " << last;
+    expectSpan(tree.span(first, last), want, first, last);
+    EXPECT_EQ(tree.freeIn(first, last), reference.freeIn(first, last)) << first << " .. " << last;
   };
   // The windows a manager asks for, whose ends move as its boundaries do.
   U32 narrowEnd = 30000, wideStart = 30001;
