@@ -153,16 +153,13 @@ class FreeRunTreeTest : public ::testing::Test {
     return pick(0, 3) == 0 ? pick(1, 260) : lengths[pick(0, std::size(lengths) - 1)];
   }
 
-  // Both run searches of the tree and of the bitmap give the answer found
-  // entry by entry.
+  // Both run searches of the tree give the answer found entry by entry.
   void expectSearchesMatch(U32 from, U32 to, U32 length) {
     SCOPED_TRACE(::testing::Message() << "[" << from << ", " << to << ") length " << length);
     const S32 first = searchedEntryByEntry(free_, from, to, length, false);
     const S32 last = searchedEntryByEntry(free_, from, to, length, true);
     EXPECT_EQ(tree_.firstRun(from, to, length), first);
-    EXPECT_EQ(bitmap_.findFirstRun(from, to, length), first);
     EXPECT_EQ(tree_.lastRun(from, to, length), last);
-    EXPECT_EQ(bitmap_.findLastRun(from, to, length), last);
   }
 
   std::mt19937 random_{2026};
@@ -333,8 +330,7 @@ TEST(FreeRunTree, TakesWithTheFreeIndexUnder32KiB) {
   EXPECT_LT(sizeof(FreeRunTree) + sizeof(TableBitmap), 32u * 1024);
 }
 
-// The run searches: the tree's descent and the bitmap's word scan against a
-// search entry by entry.
+// The run searches: the tree's descent against a search entry by entry.
 TEST_F(FreeRunTreeTest, SearchesFindNothingInAnEmptyTableOrForLengthZero) {
   tree_.refresh();
   expectSearchesMatch(0, entries, 1);

@@ -64,11 +64,11 @@ class FreeRunTree {
   U64 refreshes() const { return refreshes_; }
 
   // The lowest start of `length` consecutive free entries, all in
-  // [from, to), or -1; a length of 0 finds nothing (after refresh()). The
-  // answer of TableBitmap::findFirstRun on the bitmap, found by a descent
-  // that passes over every span whose longest run is too short at once.
+  // [from, to), or -1; a length of 0 finds nothing (after refresh()). A
+  // descent that passes over every span whose longest run is too short at
+  // once, and looks into a word with TableBitmap::firstRunInWord.
   S32 firstRun(U32 from, U32 to, U32 length) const;
-  // The highest such start, or -1: TableBitmap::findLastRun's answer.
+  // The highest such start, or -1 (TableBitmap::lastRunInWord in a word).
   S32 lastRun(U32 from, U32 to, U32 length) const;
 
   // The whole table (after refresh()): its free entries, runs, longest run.

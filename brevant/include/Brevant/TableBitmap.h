@@ -73,44 +73,6 @@ class TableBitmap {
     return -1;
   }
 
-  // The lowest start of `length` consecutive indexes of the set, all in
-  // [from, to), or -1; a length of 0 finds nothing.
-  S32 findFirstRun(U32 from, U32 to, U32 length) const {
-    if (length == 0 || from >= to) return -1;
-    U32 carry = 0;
-    for (U32 w = from / 64; w * 64 < to; ++w) {
-      const U64 bits = wordIn(w, from, to);
-      if (bits == 0 && carry == 0) {
-        // Nothing runs into the next words: jump to the next non-empty one.
-        const S32 next = nextWord(w + 1, to);
-        if (next < 0) return -1;
-        w = U32(next) - 1;
-        continue;
-      }
-      const S32 found = firstRunInWord(bits, w * 64, length, carry);
-      if (found >= 0) return found;
-    }
-    return -1;
-  }
-
-  // The highest start of `length` consecutive indexes of the set, all in
-  // [from, to), or -1; a length of 0 finds nothing.
-  S32 findLastRun(U32 from, U32 to, U32 length) const {
-    if (length == 0 || from >= to) return -1;
-    RunBelow run;
-    for (S32 w = S32((to - 1) / 64); w >= 0 && U32(w + 1) * 64 > from; --w) {
-      const U64 bits = wordIn(U32(w), from, to);
-      if (bits == 0 && run.carry == 0) {
-        w = previousWord(from, U32(w)) + 1;
-        if (w == 0) return -1;
-        continue;
-      }
-      const S32 found = lastRunInWord(bits, U32(w) * 64, length, run);
-      if (found >= 0) return found;
-    }
-    return -1;
-  }
-
   // Word w restricted to [from, to): its indexes outside the range cleared.
   U64 wordIn(U32 w, U32 from, U32 to) const {
     U64 bits = words_[w];
@@ -120,11 +82,11 @@ class TableBitmap {
     return bits;
   }
 
-  // One word of an upward run search, shared by every first-fit search over
-  // the set's words: bits are the indexes base .. base + 63 (those outside
-  // the range cleared), carry the indexes of the set running up to base.
-  // Answers the lowest start of a run of length (length > 0) that ends in
-  // this word, or -1 with carry set for the next word.
+  // One word of an upward search for a run of consecutive indexes of the
+  // set (the free-run tree's first fit, inside a word): bits are the indexes base .. base + 63
+  // (those outside the range cleared), carry the indexes of the set running up to base. Answers the
+  // lowest start of a run of length (length > 0) that ends in this word, or -1 with carry set for
+  // the next word.
   static S32 firstRunInWord(U64 bits, U32 base, U32 length, U32& carry) {
     if (carry + U32(std::countr_one(bits)) >= length) return S32(base - carry);
     if (length <= 64) {
