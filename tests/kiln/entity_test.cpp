@@ -236,6 +236,7 @@ class TallyLog : public Tally::NotifieeConst {
  public:
   Calls calls;
   void onCounts(U16 k) override { calls.push_back("counts " + std::to_string(k)); }
+  void onRanks(S16 k) override { calls.push_back("ranks " + std::to_string(k)); }
 };
 
 TEST(Entity, ADirectCollectionKeepsTheOperationsAndNotificationsOfAKeyedOne) {
@@ -263,6 +264,37 @@ TEST(Entity, ADirectCollectionKeepsTheOperationsAndNotificationsOfAKeyedOne) {
   tally->countsDelAll();
   EXPECT_TRUE(tally->counts().empty());
   EXPECT_EQ(tally->counts(0), 0u);
+}
+
+TEST(Entity, ADirectOrderedCollectionKeepsTheOperationsAndNotificationsOfAnOrderedOne) {
+  Kiln::Ptr<Tally> tally = new Tally();
+  Kiln::Ptr<TallyLog> log = new TallyLog;
+  log->notifierIs(tally);
+  for (S16 k : {7, 32767, -32768, 0, -1}) tally->ranksIs(k, U32(k + 40000));
+  tally->ranksIs(0, 40000);  // the same value: nothing happens
+  EXPECT_EQ(tally->ranks(-32768), 7232u);
+  EXPECT_EQ(tally->ranks(9), 0u);
+  EXPECT_EQ(tally->ranksDel(7), 40007u);
+  EXPECT_EQ(tally->ranksDel(7), 0u);  // absent: tells nobody
+  EXPECT_EQ(log->calls,
+            (Calls{"ranks 7", "ranks 32767", "ranks -32768", "ranks 0", "ranks -1", "ranks 7"}));
+  // Ascending by the signed key, as a tree would give them.
+  std::vector<S16> keys;
+  for (const auto& member : tally->ranks()) keys.push_back(member.key());
+  EXPECT_EQ(keys, (std::vector<S16>{-32768, -1, 0, 32767}));
+  EXPECT_EQ(tally->ranks().first()->key(), -32768);
+  EXPECT_EQ(tally->ranks().last()->key(), 32767);
+  EXPECT_EQ(tally->ranks().lowerBound(1)->key(), 32767);
+  // By name, as the diagnostic socket writes.
+  const Kiln::TypeRecord& r = tally->fwkType();
+  r.memberIs(*tally, "ranks", "-5", "12");
+  EXPECT_EQ(tally->ranks(-5), 12u);
+  EXPECT_EQ(r.members(*tally, "ranks").front(), (Kiln::MemberText{"-32768", "7232"}));
+  r.memberDel(*tally, "ranks", "-5");
+  EXPECT_EQ(tally->ranks().members(), 4u);
+  tally->ranksDelAll();
+  EXPECT_TRUE(tally->ranks().empty());
+  EXPECT_EQ(log->calls.back(), "ranks 32767");
 }
 
 TEST(Entity, NotifyCallsTheKeyedHandlerEvenForAnAbsentKey) {

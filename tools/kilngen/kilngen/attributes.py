@@ -215,12 +215,14 @@ class Collection(Emitter):
     @property
     def container(self):
         if self.a.kind == "ordered":
-            return "RbTreeMap"
+            return "DirectOrderedMap" if self.a.direct else "RbTreeMap"
         return "DirectHashMap" if self.a.direct else "HashMap"
 
     @property
     def member_base(self):
-        return "RbTreeMember" if self.a.kind == "ordered" else "HashMapMember"
+        if self.a.kind == "ordered":
+            return "DirectOrderedMember" if self.a.direct else "RbTreeMember"
+        return "HashMapMember"
 
     @property
     def K(self):

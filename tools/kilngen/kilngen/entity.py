@@ -88,9 +88,11 @@ class EntityEmitter:
         kinds = {a.kind for a in t.attributes}
         if kinds & {"coll"}:
             kiln.append("Kiln/HashMap.h")
-        if any(a.direct for a in t.attributes):
+        if any(a.direct and a.kind == "coll" for a in t.attributes):
             kiln.append("Kiln/DirectHashMap.h")
-        if kinds & {"ordered"}:
+        if any(a.direct and a.kind == "ordered" for a in t.attributes):
+            kiln.append("Kiln/DirectOrderedMap.h")
+        if any(a.kind == "ordered" and not a.direct for a in t.attributes):
             kiln.append("Kiln/RbTreeMap.h")
         if kinds & {"queue"}:
             kiln.append("Kiln/LinkQueue.h")

@@ -272,8 +272,8 @@ class _Parser:
             self.fail(number, "only a constructor parameter is 'plain'")
         if a.observed and kind not in ("coll", "ordered"):
             self.fail(number, "only a collection is 'observed'")
-        if a.direct and kind != "coll":
-            self.fail(number, "only a keyed collection ('coll') is 'direct'")
+        if a.direct and kind not in ("coll", "ordered"):
+            self.fail(number, "only a collection ('coll' or 'ordered') is 'direct'")
         if a.default is not None and kind not in ("attr", "counter", "field"):
             self.fail(number, f"a {kind} attribute has no default")
         if a.null_text and not a.by:

@@ -4,6 +4,8 @@
 //   coll slots : U16 -> bool observed direct
 //   coll owners : U8 -> U32 direct
 //   coll names : U16 -> Kiln::Name
+//   ordered spare : U16 -> bool observed direct
+//   ordered marks : S8 -> U32 direct
 #include "Golden/Ledger.h"
 
 #include <string>
@@ -27,6 +29,8 @@ class LedgerTypeRecord : public Kiln::TypeRecord {
                              {"slots", Ledger::kilnSlotsIndex, Kiln::AttributeKind::collection, "bool", "U16"},
                              {"owners", Ledger::kilnOwnersIndex, Kiln::AttributeKind::collection, "U32", "U8"},
                              {"names", Ledger::kilnNamesIndex, Kiln::AttributeKind::collection, "Kiln::Name", "U16"},
+                             {"spare", Ledger::kilnSpareIndex, Kiln::AttributeKind::orderedCollection, "bool", "U16"},
+                             {"marks", Ledger::kilnMarksIndex, Kiln::AttributeKind::orderedCollection, "U32", "S8"},
                          },
                          {}) {}
 
@@ -37,6 +41,8 @@ class LedgerTypeRecord : public Kiln::TypeRecord {
       case Ledger::kilnSlotsIndex: return Kiln::reflectMembers(self.slots());
       case Ledger::kilnOwnersIndex: return Kiln::reflectMembers(self.owners());
       case Ledger::kilnNamesIndex: return Kiln::reflectMembers(self.names());
+      case Ledger::kilnSpareIndex: return Kiln::reflectMembers(self.spare());
+      case Ledger::kilnMarksIndex: return Kiln::reflectMembers(self.marks());
     }
     return TypeRecord::kilnMembers(o, index);
   }
@@ -54,6 +60,12 @@ class LedgerTypeRecord : public Kiln::TypeRecord {
       case Ledger::kilnNamesIndex:
         self.namesIs(Kiln::reflectParse<U16>(keyText), Kiln::reflectParse<Kiln::Name>(valueText));
         return;
+      case Ledger::kilnSpareIndex:
+        self.spareIs(Kiln::reflectParse<U16>(keyText), Kiln::reflectParse<bool>(valueText));
+        return;
+      case Ledger::kilnMarksIndex:
+        self.marksIs(Kiln::reflectParse<S8>(keyText), Kiln::reflectParse<U32>(valueText));
+        return;
     }
     TypeRecord::kilnMemberIs(o, index, keyText, valueText);
   }
@@ -69,6 +81,12 @@ class LedgerTypeRecord : public Kiln::TypeRecord {
         return;
       case Ledger::kilnNamesIndex:
         self.namesDel(Kiln::reflectParse<U16>(keyText));
+        return;
+      case Ledger::kilnSpareIndex:
+        self.spareDel(Kiln::reflectParse<U16>(keyText));
+        return;
+      case Ledger::kilnMarksIndex:
+        self.marksDel(Kiln::reflectParse<S8>(keyText));
         return;
     }
     TypeRecord::kilnMemberDel(o, index, keyText);

@@ -4,11 +4,14 @@
 //   coll slots : U16 -> bool observed direct
 //   coll owners : U8 -> U32 direct
 //   coll names : U16 -> Kiln::Name
+//   ordered spare : U16 -> bool observed direct
+//   ordered marks : S8 -> U32 direct
 #pragma once
 
 #include <string>
 
 #include "Kiln/DirectHashMap.h"
+#include "Kiln/DirectOrderedMap.h"
 #include "Kiln/HashMap.h"
 #include "Kiln/Support.h"
 
@@ -25,6 +28,8 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
   static constexpr U32 kilnSlotsIndex = kilnAttributeStart + 0;  // 130
   static constexpr U32 kilnOwnersIndex = kilnAttributeStart + 1;  // 131
   static constexpr U32 kilnNamesIndex = kilnAttributeStart + 2;  // 132
+  static constexpr U32 kilnSpareIndex = kilnAttributeStart + 3;  // 133
+  static constexpr U32 kilnMarksIndex = kilnAttributeStart + 4;  // 134
 
   class NotifieeConst;
 
@@ -56,6 +61,27 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
   };
   typedef Kiln::HashMap<KilnNames, U16, Kiln::Name> NamesMap;
   typedef NamesMap::Iterator NamesIterator;
+
+  // A member of spare: key U16, value bool.
+  class KilnSpare : public Kiln::DirectOrderedMember<KilnSpare, U16, bool> {
+   public:
+    using DirectOrderedMember::DirectOrderedMember;
+    const bool& value() const { return Kiln::CollectionMember<KilnSpare, U16, bool>::value(); }
+
+   private:
+    friend class Ledger;
+    using Kiln::CollectionMember<KilnSpare, U16, bool>::valueIs;
+  };
+  typedef Kiln::DirectOrderedMap<KilnSpare, U16, bool> SpareMap;
+  typedef SpareMap::Iterator SpareIterator;
+
+  // A member of marks: key S8, value U32.
+  class KilnMarks : public Kiln::DirectOrderedMember<KilnMarks, S8, U32> {
+   public:
+    using DirectOrderedMember::DirectOrderedMember;
+  };
+  typedef Kiln::DirectOrderedMap<KilnMarks, S8, U32> MarksMap;
+  typedef MarksMap::Iterator MarksIterator;
 
   Ledger();
   Ledger(const Ledger&) = delete;
@@ -233,6 +259,117 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
   // so that filling it rehashes nothing; its members stay as they are.
   void namesReserve(U32 members) { names_.reserve(members); }
 
+  // The value under key, or bool() when absent.
+  bool spare(U16 key) const {
+    const KilnSpare* m = spare_.find(key);
+    return m ? m->value() : bool();
+  }
+  // The collection itself, for iteration and counting.
+  const SpareMap& spare() const { return spare_; }
+  // Stores value under key; when the key holds an equal value nothing happens,
+  // otherwise spareNotify(key) runs.
+  void spareIs(U16 key, bool value) {
+    if (KilnSpare* m = spare_.find(key)) {
+      if (m->value() == value) return;
+      m->valueIs(value);
+      spareObserved(key, &m->value());
+    } else {
+      KilnSpare* added = spare_.insertNew(key, value);
+      spareObserved(key, &added->value());
+    }
+    spareNotify(key);
+  }
+  // Stores value under key without telling anyone; returns the member.
+  Kiln::Ptr<KilnSpare> newSpare(U16 key, bool value) {
+    if (KilnSpare* m = spare_.find(key)) {
+      m->valueIs(value);
+      spareObserved(key, &m->value());
+      return m;
+    }
+    KilnSpare* m = spare_.insertNew(key, value);
+    spareObserved(key, &m->value());
+    return m;
+  }
+  // Removes key and returns its value; an absent key returns bool() and
+  // tells nobody.
+  bool spareDel(U16 key) {
+    Kiln::Ptr<KilnSpare> m = spare_.remove(key);
+    if (!m) return bool();
+    spareObserved(key, nullptr);
+    spareNotify(key);
+    return m->value();
+  }
+  // Removes the member at position; returns the position after it.
+  SpareIterator spareDel(SpareIterator position) {
+    const U16 key = position->key();
+    SpareIterator next = spare_.remove(position);
+    spareObserved(key, nullptr);
+    spareNotify(key);
+    return next;
+  }
+  // Removes every member through spareDel(iterator).
+  void spareDelAll() {
+    while (!spare_.empty()) spareDel(spare_.begin());
+  }
+  // Calls onSpare(key) on every notifiee.
+  void spareNotify(U16 key) {
+    if (!kilnNotifiees_.empty()) Kiln::doVisit(kilnNotifiees_, &NotifieeConst::onSpare, key);
+  }
+  // Hand-written: called after every change of a member of spare, with
+  // the member's new value, or null when key has left the collection.
+  void spareObserved(U16 key, const bool* value);
+
+  // The value under key, or U32() when absent.
+  U32 marks(S8 key) const {
+    const KilnMarks* m = marks_.find(key);
+    return m ? m->value() : U32();
+  }
+  // The collection itself, for iteration and counting.
+  const MarksMap& marks() const { return marks_; }
+  // Stores value under key; when the key holds an equal value nothing happens,
+  // otherwise marksNotify(key) runs.
+  void marksIs(S8 key, U32 value) {
+    if (KilnMarks* m = marks_.find(key)) {
+      if (m->value() == value) return;
+      m->valueIs(value);
+    } else {
+      marks_.insertNew(key, value);
+    }
+    marksNotify(key);
+  }
+  // Stores value under key without telling anyone; returns the member.
+  Kiln::Ptr<KilnMarks> newMarks(S8 key, U32 value) {
+    if (KilnMarks* m = marks_.find(key)) {
+      m->valueIs(value);
+      return m;
+    }
+    KilnMarks* m = marks_.insertNew(key, value);
+    return m;
+  }
+  // Removes key and returns its value; an absent key returns U32() and
+  // tells nobody.
+  U32 marksDel(S8 key) {
+    Kiln::Ptr<KilnMarks> m = marks_.remove(key);
+    if (!m) return U32();
+    marksNotify(key);
+    return m->value();
+  }
+  // Removes the member at position; returns the position after it.
+  MarksIterator marksDel(MarksIterator position) {
+    const S8 key = position->key();
+    MarksIterator next = marks_.remove(position);
+    marksNotify(key);
+    return next;
+  }
+  // Removes every member through marksDel(iterator).
+  void marksDelAll() {
+    while (!marks_.empty()) marksDel(marks_.begin());
+  }
+  // Calls onMarks(key) on every notifiee.
+  void marksNotify(S8 key) {
+    if (!kilnNotifiees_.empty()) Kiln::doVisit(kilnNotifiees_, &NotifieeConst::onMarks, key);
+  }
+
   // The registered record of Golden::Ledger.
   static const Kiln::TypeRecord& kilnType();
   const Kiln::TypeRecord& fwkType() const override { return kilnType(); }
@@ -262,6 +399,12 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
     virtual void onNames(U16) {}
     virtual void onNameskilnImmediate() {}
     virtual void onNames() {}
+    virtual void onSpare(U16) {}
+    virtual void onSparekilnImmediate() {}
+    virtual void onSpare() {}
+    virtual void onMarks(S8) {}
+    virtual void onMarkskilnImmediate() {}
+    virtual void onMarks() {}
 
    protected:
     bool kilnAcceptsNotifier(const Kiln::PtrInterface* notifier) const override {
@@ -273,6 +416,8 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
   SlotsMap slots_;
   OwnersMap owners_;
   NamesMap names_;
+  SpareMap spare_;
+  MarksMap marks_;
 
  protected:
   // The registered notifiees (derived types notify through it too);
