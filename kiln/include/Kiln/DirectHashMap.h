@@ -60,8 +60,15 @@ class DirectHashMap {
   U32 members() const { return map_.members(); }
   bool empty() const { return map_.empty(); }
 
-  // The member with this key, or nullptr.
-  M* find(const K& key) const { return byKey_ ? byKey_[slot(key)] : nullptr; }
+  // The member with this key, or nullptr. Keys are usually visited one
+  // after the other (a block of entries), so the member a few keys on is
+  // fetched ahead: its place in the array is on the same cache line.
+  M* find(const K& key) const {
+    if (!byKey_) return nullptr;
+    const std::size_t s = slot(key);
+    if (s + fetchAhead < keys) __builtin_prefetch(byKey_[s + fetchAhead], 1);
+    return byKey_[s];
+  }
 
   // Adds member, whose key must not be in the map yet; takes a reference.
   void insert(const Ptr<M>& member) {
@@ -112,6 +119,7 @@ class DirectHashMap {
 
  private:
   static std::size_t slot(K key) { return std::size_t(std::make_unsigned_t<K>(key)); }
+  static constexpr std::size_t fetchAhead = 4;
 
   void place(M* m) {
     if (!byKey_) byKey_.reset(new M*[keys]());
