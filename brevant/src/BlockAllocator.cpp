@@ -1,6 +1,8 @@
 // The block allocator: finds runs of free table entries for groups and
 // records entries as allocated or free. Narrow blocks are packed upward from
 // index 3, wide blocks downward from just below the swap area.
+#include <algorithm>
+
 #include "Brevant/DefragManager.h"
 #include "Brevant/NextHopManager.h"
 #include "Brevant/NextHopTrace.h"
@@ -9,6 +11,17 @@
 
 namespace Brevant {
 namespace {
+
+// How many entries ahead of the one being marked markBlock starts loading
+// the records: enough to cover a cache miss with the marking of the others.
+constexpr U32 fetchAhead = 8;
+
+// Starts loading the records of one entry, which lie scattered in memory,
+// so that marking it need not wait for them.
+void fetchEntry(const NextHopManager& manager, U16 index) {
+  manager.allocatedEntries().prefetch(index);
+  manager.freeEntries().prefetch(index);
+}
 
 // allocateBlock and freeBlock: record entries index to index + length - 1
 // as allocated or free. operation names the caller in the messages.
@@ -25,7 +38,10 @@ S32 markBlock(NextHopManager& manager, const char* operation, U16 index, U16 len
     FLASHLOG(1, "%s: Index is out of range", operation);
     return -1;
   }
-  for (U32 i = index; i < U32(index) + length; ++i) {
+  const U32 end = U32(index) + length;
+  for (U32 i = index; i < std::min(end, index + fetchAhead); ++i) fetchEntry(manager, U16(i));
+  for (U32 i = index; i < end; ++i) {
+    if (i + fetchAhead < end) fetchEntry(manager, U16(i + fetchAhead));
     manager.updateNextHopHWIndex(U16(i), allocate);
   }
   manager.refreshResources();

@@ -60,14 +60,14 @@ class DirectHashMap {
   U32 members() const { return map_.members(); }
   bool empty() const { return map_.empty(); }
 
-  // The member with this key, or nullptr. Keys are usually visited one
-  // after the other (a block of entries), so the member a few keys on is
-  // fetched ahead: its place in the array is on the same cache line.
-  M* find(const K& key) const {
-    if (!byKey_) return nullptr;
-    const std::size_t s = slot(key);
-    if (s + fetchAhead < keys) __builtin_prefetch(byKey_[s + fetchAhead], 1);
-    return byKey_[s];
+  // The member with this key, or nullptr.
+  M* find(const K& key) const { return byKey_ ? byKey_[slot(key)] : nullptr; }
+
+  // Starts loading the member with this key, if any, for a caller that
+  // will reach it soon (the entries of a block are visited one after the
+  // other, and their members lie scattered in memory).
+  void prefetch(const K& key) const {
+    if (byKey_) __builtin_prefetch(byKey_[slot(key)], 1);
   }
 
   // Adds member, whose key must not be in the map yet; takes a reference.
@@ -119,7 +119,6 @@ class DirectHashMap {
 
  private:
   static std::size_t slot(K key) { return std::size_t(std::make_unsigned_t<K>(key)); }
-  static constexpr std::size_t fetchAhead = 4;
 
   void place(M* m) {
     if (!byKey_) byKey_.reset(new M*[keys]());

@@ -88,14 +88,14 @@ class DirectOrderedMap {
   U32 members() const { return members_; }
   bool empty() const { return members_ == 0; }
 
-  // The member with this key, or nullptr. Keys are usually visited one
-  // after the other (a block of entries), so the member a few keys on is
-  // fetched ahead: its place in the array is on the same cache line.
-  M* find(const K& key) const {
-    if (!slots_) return nullptr;
-    const std::size_t s = slot(key);
-    if (s + fetchAhead < keys) __builtin_prefetch(slots_->byKey[s + fetchAhead], 1);
-    return slots_->byKey[s];
+  // The member with this key, or nullptr.
+  M* find(const K& key) const { return slots_ ? slots_->byKey[slot(key)] : nullptr; }
+
+  // Starts loading the member with this key, if any, for a caller that
+  // will reach it soon (the entries of a block are visited one after the
+  // other, and their members lie scattered in memory).
+  void prefetch(const K& key) const {
+    if (slots_) __builtin_prefetch(slots_->byKey[slot(key)], 1);
   }
 
   // The member with the smallest key, or nullptr when empty.
@@ -155,7 +155,6 @@ class DirectOrderedMap {
  private:
   static constexpr std::size_t words = (keys + 63) / 64;
   static constexpr std::size_t summaries = (words + 63) / 64;
-  static constexpr std::size_t fetchAhead = 4;
 
   // The place of key: slots ascend as keys do (a signed key's sign bit is
   // flipped, so the most negative key takes place 0).
@@ -165,8 +164,8 @@ class DirectOrderedMap {
   }
 
   struct Slots {
-    M* byKey[keys] = {};      // the member of each place, or null
-    U64 present[words] = {};  // bit s % 64 of word s / 64: place s holds a member
+    M* byKey[keys] = {};          // the member of each place, or null
+    U64 present[words] = {};      // bit s % 64 of word s / 64: place s holds a member
     U64 summary[summaries] = {};  // bit w % 64 of word w / 64: present[w] is not 0
   };
 
