@@ -148,4 +148,13 @@ TEST(DirectHashMap, SignedKeysHaveTheirOwnPlaces) {
   }
 }
 
+TEST(DirectHashMap, PrefetchingAMemberChangesNothing) {
+  DirectMap map;
+  map.prefetch(4);  // no array yet
+  map.insertNew(4, 40);
+  map.prefetch(4);
+  map.prefetch(5);  // absent
+  EXPECT_EQ(iterated(map), (std::vector<std::pair<U16, U32>>{{4, 40}}));
+}
+
 }  // namespace

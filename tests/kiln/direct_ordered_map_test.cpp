@@ -183,6 +183,15 @@ TEST(DirectOrderedMap, HoldsOneReferenceAndReleasesEveryMemberOnClear) {
   EXPECT_EQ(Kiln::allocationRecord<Member>().live(), 0u);
 }
 
+TEST(DirectOrderedMap, PrefetchingAMemberChangesNothing) {
+  DirectMap<U16> map;
+  map.prefetch(4);  // no array yet
+  map.insertNew(4, 40);
+  map.prefetch(4);
+  map.prefetch(5);  // absent
+  EXPECT_EQ(forwards(map), (std::vector<std::pair<S32, U32>>{{4, 40}}));
+}
+
 TEST(DirectOrderedMapDeathTest, RefusesAKeyAlreadyPresent) {
   DirectMap<U16> map;
   map.insertNew(9, 1);
