@@ -24,6 +24,7 @@
 #include "Brevant/DefragManager.h"
 #include "Brevant/NextHopAccess.h"
 #include "Brevant/NextHopManager.h"
+#include "FmSim/FmSim.h"
 #include "Kiln/ActivityManager.h"
 #include "Kiln/Clock.h"
 #include "Kiln/Lock.h"
@@ -113,6 +114,12 @@ void DefragCompactHalfHoles(benchmark::State& state) {
   U64 moved = 0;
   for (auto _ : state) {
     state.PauseTiming();
+    // A fresh table on a fresh simulated chip, as the baseline's runs: the
+    // simulator keeps every word ever written and logs every call, and both
+    // grown through earlier iterations made a run's chip calls slower by a
+    // varying amount (a log doubling, copied and faulted in, inside a timed
+    // run; words scattered by earlier runs).
+    FmSim::reset();
     {
       FragmentedTable table(state.range(0) != 0);
       state.ResumeTiming();
@@ -136,6 +143,9 @@ void DefragBaselineReadWriteEntries(benchmark::State& state) {
   std::vector<U64> words(groupEntries);
   U64 copied = 0;
   for (auto _ : state) {
+    state.PauseTiming();
+    FmSim::reset();
+    state.ResumeTiming();
     for (U64 done = 0; done < entries; done += groupEntries) {
       const U16 from = U16(3 + (done * 2) % 60000);
       Brevant::readNextHopInternal(from, groupEntries, words.data());
