@@ -47,6 +47,11 @@ function(brevant_component)
   # The public headers need C++20, so users compile with it too.
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:brevant_warnings>)
+  # A component's calls to its own functions need not allow for another
+  # library replacing them at load time (a chip library is replaced whole,
+  # as a component of its own), so the compiler may inline them and call
+  # them directly rather than through the procedure linkage table.
+  target_compile_options(${target} PRIVATE -fno-semantic-interposition)
   if(ARG_DEPENDS)
     target_link_libraries(${target} PUBLIC ${ARG_DEPENDS})
   endif()
