@@ -39,7 +39,7 @@ enum class AttributeKind {
   key,                   // fixed at construction; the key in the owner's collection
   constructorParameter,  // fixed at construction
   collection,            // Kiln::HashMap
-  orderedCollection,     // Kiln::RbTreeMap
+  orderedCollection,     // Kiln::RbTreeMap or Kiln::DirectOrderedMap
   queue,                 // Kiln::LinkQueue
   queueMetadata,         // the queue's head and next index
   singleton,             // an entity the owner creates and deletes
