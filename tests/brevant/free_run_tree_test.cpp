@@ -88,9 +88,9 @@ class FreeRunTreeTest : public ::testing::Test {
   U32 pick(U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random_); }
 
   void entryIs(U32 index, bool isFree) {
+    tree_.entryChanging(U16(index));
     bitmap_.set(index, isFree);
     free_[index] = isFree;
-    tree_.entryChanged(U16(index));
   }
 
   // Alternating used and free runs of random lengths up to maxRun from
@@ -260,8 +260,8 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeOnRandomChanges) {
   FreeRunTree tree(bitmap);
   NextHopTest::ReferenceFreeRunTree reference(bitmap);
   auto entryIs = [&](U32 index, bool isFree) {
+    tree.entryChanging(U16(index));
     bitmap.set(index, isFree);
-    tree.entryChanged(U16(index));
     reference.entryChanged(U16(index));
   };
   auto expectSame = [&](U32 first, U32 last) {
