@@ -227,7 +227,8 @@ void FreeRunTree::rebuild() {
   stale_ = false;
   rebuildPending_ = false;
   for (RememberedSpan& r : remembered_) r.last = 0;
-  for (RememberedCount& c : rememberedCounts_) c.index = 0;
+  cuts_.fill(0);
+  freeBelowCuts_.fill(0);
 }
 
 void FreeRunTree::shortLengthIs(U32 length) {
@@ -263,11 +264,12 @@ void FreeRunTree::stretchChanged(U32 first, U32 last) {
   table_.runs += is.runs - was.runs;
   shortFree_ += is.shortFree - was.shortFree;
   const U32 firstEntry = first * 64, endEntry = (last + 1) * 64;
-  for (RememberedCount& c : rememberedCounts_) {
-    if (c.index >= endEntry) {
-      c.free += freeChange;
-    } else if (c.index > firstEntry) {
-      c.index = 0;
+  for (U32 i = 0; i < cutCount; ++i) {
+    const U32 cut = cuts_[i];
+    if (cut >= endEntry) {
+      freeBelowCuts_[i] += freeChange;
+    } else if (cut > firstEntry) {
+      freeBelowCuts_[i] += freeIn(firstEntry, cut) - freeBeforeBetween(firstEntry, cut);
     }
   }
   forgetSpansOver(first, last);
@@ -325,40 +327,8 @@ bool FreeRunTree::refresh() {
   return true;
 }
 
-U32 FreeRunTree::freeBefore(U32 index) {
-  if (index >= entries) return table_.free;
-  if (index == 0) return 0;
-  // Counted from the nearest count known: the table's two ends or a
-  // remembered one.
-  ++countsAsked_;
-  U32 anchor = 0, anchorFree = 0, distance = index;
-  if (entries - index < distance) {
-    anchor = entries;
-    anchorFree = table_.free;
-    distance = entries - index;
-  }
-  RememberedCount* leastUsed = &rememberedCounts_[0];
-  for (RememberedCount& c : rememberedCounts_) {
-    if (c.index == index) {
-      c.asked = countsAsked_;
-      return c.free;
-    }
-    if (c.asked < leastUsed->asked || c.index == 0) leastUsed = &c;
-    if (c.index == 0) continue;
-    const U32 d = c.index > index ? c.index - index : index - c.index;
-    if (d < distance) {
-      anchor = c.index;
-      anchorFree = c.free;
-      distance = d;
-    }
-  }
-  const U32 free = anchor <= index ? anchorFree + freeBetween(anchor, index)
-                                   : anchorFree - freeBetween(index, anchor);
-  *leastUsed = {index, free, countsAsked_};
-  return free;
-}
-
-U32 FreeRunTree::freeBetween(U32 first, U32 last) const {
+U32 FreeRunTree::freeIn(U32 first, U32 last) const {
+  last = std::min(last, entries);
   U32 n = 0;
   for (U32 w = first / 64; first < last; ++w, first = w * 64) {
     n += onesIn(bitmap_->wordIn(w, first, last));
@@ -366,9 +336,24 @@ U32 FreeRunTree::freeBetween(U32 first, U32 last) const {
   return n;
 }
 
-U32 FreeRunTree::freeIn(U32 first, U32 last) {
-  last = std::min(last, entries);
-  return first >= last ? 0 : freeBefore(last) - freeBefore(first);
+U32 FreeRunTree::freeBeforeBetween(U32 first, U32 last) const {
+  U32 n = 0;
+  for (U32 w = first / 64; first < last; ++w, first = w * 64) {
+    const U32 low = first % 64, high = std::min(last - w * 64, 64u);
+    const U64 inside = (wordsBefore_[w] >> low) << low;
+    n += onesIn(high == 64 ? inside : inside & ((U64(1) << high) - 1));
+  }
+  return n;
+}
+
+const FreeRunTree::Cuts& FreeRunTree::freeBelow(const Cuts& cuts) {
+  for (U32 i = 0; i < cutCount; ++i) {
+    const U32 from = cuts_[i], to = std::min(cuts[i], entries);
+    if (to > from) freeBelowCuts_[i] += freeIn(from, to);
+    if (to < from) freeBelowCuts_[i] -= freeIn(to, from);
+    cuts_[i] = to;
+  }
+  return freeBelowCuts_;
 }
 
 U32 FreeRunTree::shortFreeEntries() const { return shortFree_; }

@@ -238,6 +238,44 @@ TEST_F(FreeRunTreeTest, StaysExactAsEntriesChangeBetweenRefreshes) {
   }
 }
 
+// The counts below a few cuts follow every change, whether the change lies
+// below a cut, above it or around it, and whether the cuts stay, creep as a
+// region's boundary does, jump, meet or pass each other.
+TEST_F(FreeRunTreeTest, CountsBelowCutsStayExactAsEntriesAndCutsMove) {
+  runsFrom(0, entries, 40, true);
+  FreeRunTree::Cuts cuts{3, 30000, 30001, 65528, entries};
+  for (U32 step = 0; step < 3000; ++step) {
+    SCOPED_TRACE(::testing::Message() << "step " << step);
+    const U32 first = pick(0, entries - 1), length = pick(0, 5) == 0 ? pick(1, 300) : pick(1, 16);
+    const bool isFree = pick(0, 1) == 0;
+    for (U32 i = first; i < std::min(entries, first + length); ++i) entryIs(i, isFree);
+    if (pick(0, 2) == 0) entryIs(pick(0, entries - 1), pick(0, 1) == 0);  // a second stretch
+    switch (pick(0, 5)) {
+      case 0:  // a boundary creeps
+        cuts[1 + pick(0, 2)] = pick(0, entries);
+        break;
+      case 1: {
+        U32& cut = cuts[1 + pick(0, 3)];
+        cut = std::min(entries, cut + pick(0, 200) - std::min(cut, pick(0, 200)));
+        break;
+      }
+      case 2:  // they meet
+        cuts[2] = cuts[1];
+        break;
+      default:  // they stay
+        break;
+    }
+    if (step % 700 == 350) tree_.shortLengthIs(shortLengths[pick(0, std::size(shortLengths) - 1)]);
+    tree_.refresh();
+    const FreeRunTree::Cuts got = tree_.freeBelow(cuts);
+    for (U32 i = 0; i < FreeRunTree::cutCount; ++i) {
+      const U32 want = U32(std::count(free_.begin(), free_.begin() + cuts[i], true));
+      EXPECT_EQ(got[i], want) << "cut " << i << " at " << cuts[i];
+    }
+    if (HasFailure()) return;
+  }
+}
+
 TEST_F(FreeRunTreeTest, AShortLengthChangeIsReportedByTheNextRefresh) {
   runsFrom(0, entries, 10, true);
   EXPECT_TRUE(tree_.refresh());

@@ -93,14 +93,18 @@ class FreeRunTree {
   // The free entries in runs shorter than the short length (after refresh()).
   U32 shortFreeEntries() const;
 
-  // The free entries among first .. last - 1 (after refresh()): two counts
-  // of the free entries below an index, each counted the first time it is
-  // asked for from the nearest count known (the table's ends or a
-  // remembered count), a word at a time; the last few are then kept up to
-  // date by refresh() from each changed stretch of words, so asking again
-  // for the same ends costs a comparison each, and a moved end costs the
-  // words it moved over.
-  U32 freeIn(U32 first, U32 last);
+  // The free entries among first .. last - 1, counted a word at a time.
+  U32 freeIn(U32 first, U32 last) const;
+
+  // A few indexes whose free entries below them are kept: an owner's
+  // region boundaries, in any order, each at most `entries`.
+  static constexpr U32 cutCount = 5;
+  using Cuts = std::array<U32, cutCount>;
+  // The free entries among 0 .. cuts[i] - 1 for each i (after refresh()).
+  // The counts are kept up to date by refresh() from each changed stretch
+  // of words, so asking for the same cuts again costs a comparison each; a
+  // cut that moved costs the words it moved over.
+  const Cuts& freeBelow(const Cuts& cuts);
 
   // The entries first .. last - 1 as a span of their own (after refresh()):
   // free entries outside it do not count, so its runs are cut at its ends.
@@ -136,13 +140,6 @@ class FreeRunTree {
     Span span;
   };
   static constexpr U32 rememberedSpans = 4;
-  // The free entries below an index, kept as the words below it change.
-  struct RememberedCount {
-    U32 index = 0;  // 0: nothing remembered (nothing lies below 0)
-    U32 free = 0;
-    U32 asked = 0;  // when it was last asked for: the least recent goes first
-  };
-  static constexpr U32 rememberedCounts = 8;
 
   // Node n: 1 is the table; n has children 2n and 2n + 1; word w is node
   // wordCount + w, computed from the bitmap. length is the entries under n.
@@ -175,10 +172,9 @@ class FreeRunTree {
   // short whatever lies beyond.
   U32 freeRunDownFrom(S32 w) const;
   U32 freeRunUpFrom(U32 w) const;
-  // The free entries among 0 .. index - 1: remembered, or counted and
-  // remembered.
-  U32 freeBefore(U32 index);
-  U32 freeBetween(U32 first, U32 last) const;
+  // The free entries among first .. last - 1 of the words as they were
+  // before this batch (first and last in one stretch of marked words).
+  U32 freeBeforeBetween(U32 first, U32 last) const;
   void forgetSpansOver(U32 first, U32 last);
   // The longest run of the entries first .. last - 1 (first < last <=
   // entries), from the tree.
@@ -206,8 +202,10 @@ class FreeRunTree {
   std::array<Node, wordCount> nodes_{};
   std::array<RememberedSpan, rememberedSpans> remembered_{};
   U32 nextRemembered_ = 0;
-  std::array<RememberedCount, rememberedCounts> rememberedCounts_{};
-  U32 countsAsked_ = 0;
+  // The cuts last asked for and the free entries below each (all 0 after a
+  // rebuild: counted again from the table's start when next asked for).
+  Cuts cuts_{};
+  Cuts freeBelowCuts_{};
 };
 
 }  // namespace Brevant
