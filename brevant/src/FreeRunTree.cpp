@@ -161,6 +161,7 @@ FreeRunTree::RunTally FreeRunTree::runsOf(U32 first, U32 last, U32 below, U32 ab
   const auto count = [&](U32 run) {
     tally.runs += U32(run != 0);
     if (run < shortLength_) tally.shortFree += run;
+    tally.longest = std::max(tally.longest, run);
   };
   U32 open = below;  // free entries running up to the word being read
   for (U32 w = first; w <= last; ++w) {
@@ -184,27 +185,31 @@ FreeRunTree::RunTally FreeRunTree::runsOf(U32 first, U32 last, U32 below, U32 ab
   return tally;
 }
 
-U32 FreeRunTree::freeRunDownFrom(S32 w) const {
-  const U32 limit = std::max<U32>(shortLength_, 1);
+template <typename WordOf>
+U32 FreeRunTree::freeRunDownFrom(S32 w, U32 limit, WordOf wordOf) const {
   U32 run = 0;
   for (; w >= 0 && run < limit; --w) {
-    const U64 word = bitmap_->word(U32(w));
+    const U64 word = wordOf(U32(w));
     run += U32(std::countl_one(word));
     if (word != ~U64(0)) break;
   }
   return run;
 }
 
-U32 FreeRunTree::freeRunUpFrom(U32 w) const {
-  const U32 limit = std::max<U32>(shortLength_, 1);
+template <typename WordOf>
+U32 FreeRunTree::freeRunUpFrom(U32 w, U32 limit, WordOf wordOf) const {
   U32 run = 0;
   for (; w < wordCount && run < limit; ++w) {
-    const bool marked = (staleWords_[w / 64] >> (w % 64)) & 1;
-    const U64 word = marked ? wordsBefore_[w] : bitmap_->word(w);
+    const U64 word = wordOf(w);
     run += U32(std::countr_one(word));
     if (word != ~U64(0)) break;
   }
   return run;
+}
+
+U64 FreeRunTree::wordAsBefore(U32 w) const {
+  const bool marked = (staleWords_[w / 64] >> (w % 64)) & 1;
+  return marked ? wordsBefore_[w] : bitmap_->word(w);
 }
 
 void FreeRunTree::rebuild() {
@@ -237,12 +242,6 @@ void FreeRunTree::shortLengthIs(U32 length) {
   rebuildPending_ = true;
 }
 
-void FreeRunTree::forgetSpansOver(U32 first, U32 last) {
-  for (RememberedSpan& r : remembered_) {
-    if (r.last != 0 && r.first / 64 <= last && first <= (r.last - 1) / 64) r.last = 0;
-  }
-}
-
 void FreeRunTree::stretchChanged(U32 first, U32 last) {
   // Negative changes wrap, and wrap back when added.
   U32 freeChange = 0;
@@ -257,9 +256,13 @@ void FreeRunTree::stretchChanged(U32 first, U32 last) {
   // are: the rest of the table is the same in both. Stretches are taken from
   // the lowest, so the words below are read as they are now and the marked
   // words above as they were.
-  const U32 below = freeRunDownFrom(S32(first) - 1), above = freeRunUpFrom(last + 1);
+  const auto now = [&](U32 w) { return bitmap_->word(w); };
+  const auto asBefore = [&](U32 w) { return wordAsBefore(w); };
+  const U32 limit = std::max<U32>(shortLength_, 1);
+  const U32 below = freeRunDownFrom(S32(first) - 1, limit, now);
+  const U32 above = freeRunUpFrom(last + 1, limit, asBefore);
   const RunTally was = runsOf(first, last, below, above, [&](U32 w) { return wordsBefore_[w]; });
-  const RunTally is = runsOf(first, last, below, above, [&](U32 w) { return bitmap_->word(w); });
+  const RunTally is = runsOf(first, last, below, above, now);
   table_.free += freeChange;
   table_.runs += is.runs - was.runs;
   shortFree_ += is.shortFree - was.shortFree;
@@ -272,7 +275,43 @@ void FreeRunTree::stretchChanged(U32 first, U32 last) {
       freeBelowCuts_[i] += freeIn(firstEntry, cut) - freeBeforeBetween(firstEntry, cut);
     }
   }
-  forgetSpansOver(first, last);
+  for (RememberedSpan& r : remembered_) {
+    if (r.last == 0 || r.first / 64 > last || first > (r.last - 1) / 64) continue;
+    if (r.whole || !longestKept(r, first, last)) r.last = 0;
+  }
+}
+
+bool FreeRunTree::longestKept(const RememberedSpan& r, U32 first, U32 last) const {
+  // Only the span's own entries count.
+  const auto inSpan = [&](U32 w) {
+    const U32 base = w * 64;
+    const U32 low = std::max(r.first, base), high = std::min(r.last, base + 64);
+    if (low >= high) return U64(0);
+    const U64 fromLow = ~U64(0) << (low - base);
+    return high - base == 64 ? fromLow : fromLow & ((U64(1) << (high - base)) - 1);
+  };
+  U64 taken = 0, given = 0;
+  for (U32 w = first; w <= last; ++w) {
+    const U64 before = wordsBefore_[w], now = bitmap_->word(w), mask = inSpan(w);
+    taken |= before & ~now & mask;
+    given |= now & ~before & mask;
+  }
+  if (!taken && !given) return true;
+  if (taken && given) return false;
+  // Entries taken: the longest run stays unless a run they cut was as long
+  // as it. Entries given back: it stays unless a run they joined grew
+  // longer. Either way only the runs through the stretch matter, and each
+  // only up to one entry longer than the longest.
+  const U32 longest = r.span.longest, limit = longest + 1;
+  const auto now = [&](U32 w) { return bitmap_->word(w) & inSpan(w); };
+  const auto asBefore = [&](U32 w) { return wordAsBefore(w) & inSpan(w); };
+  const U32 below = freeRunDownFrom(S32(first) - 1, limit, now);
+  const U32 above = freeRunUpFrom(last + 1, limit, asBefore);
+  if (taken) {
+    return runsOf(first, last, below, above, [&](U32 w) { return wordsBefore_[w] & inSpan(w); })
+               .longest < longest;
+  }
+  return runsOf(first, last, below, above, now).longest <= longest;
 }
 
 bool FreeRunTree::refresh() {

@@ -131,7 +131,7 @@ class FreeRunTree {
   };
   // Runs and short free entries counted over a stretch of words.
   struct RunTally {
-    U32 runs = 0, shortFree = 0;
+    U32 runs = 0, shortFree = 0, longest = 0;
   };
   // A span the tree answered for, kept until a word under it changes.
   struct RememberedSpan {
@@ -166,16 +166,24 @@ class FreeRunTree {
   // above running on from the last.
   template <typename WordOf>
   RunTally runsOf(U32 first, U32 last, U32 below, U32 above, WordOf wordOf) const;
-  // The free entries running down from word w's top (words below as they
-  // are) and up from word w's bottom (marked words as they were), each
-  // counted to no further than the short length: a run that long is not
-  // short whatever lies beyond.
-  U32 freeRunDownFrom(S32 w) const;
-  U32 freeRunUpFrom(U32 w) const;
+  // The free entries running down from word w's top and up from word w's
+  // bottom (words read through wordOf), counted to no further than limit:
+  // what lies beyond a run that long does not matter to the question.
+  template <typename WordOf>
+  U32 freeRunDownFrom(S32 w, U32 limit, WordOf wordOf) const;
+  template <typename WordOf>
+  U32 freeRunUpFrom(U32 w, U32 limit, WordOf wordOf) const;
+  // Word w as it was before this batch: kept if marked, else as it is.
+  U64 wordAsBefore(U32 w) const;
+  // Whether remembered span r's longest run is the same after words
+  // first .. last (one stretch) changed: a change that only took entries
+  // and cut no run as long as it, or only gave entries back and made no run
+  // longer than it. Anything else, and a span remembered in full, is
+  // forgotten and joined again when next asked for.
+  bool longestKept(const RememberedSpan& r, U32 first, U32 last) const;
   // The free entries among first .. last - 1 of the words as they were
   // before this batch (first and last in one stretch of marked words).
   U32 freeBeforeBetween(U32 first, U32 last) const;
-  void forgetSpansOver(U32 first, U32 last);
   // The longest run of the entries first .. last - 1 (first < last <=
   // entries), from the tree.
   Ends endsIn(U32 first, U32 last) const;
