@@ -4,10 +4,13 @@
 #include <bit>
 
 namespace Brevant {
-
 namespace {
 
 using Span = FreeRunTree::Span;
+
+// How far a remembered longest run's check reads the runs through a change:
+// the largest block a search hands out, so at most a few words each side.
+constexpr U32 keptRunsReadUpTo = 256;
 
 // The set bits of x. std::popcount is a call into the compiler's support
 // library here (the build does not assume the processor's instruction), and
@@ -300,18 +303,23 @@ bool FreeRunTree::longestKept(const RememberedSpan& r, U32 first, U32 last) cons
   if (taken && given) return false;
   // Entries taken: the longest run stays unless a run they cut was as long
   // as it. Entries given back: it stays unless a run they joined grew
-  // longer. Either way only the runs through the stretch matter, and each
-  // only up to one entry longer than the longest.
-  const U32 longest = r.span.longest, limit = longest + 1;
+  // longer. Either way only the runs through the stretch matter, each read
+  // no further than one entry past the longest, or past a block's largest
+  // length when the longest is longer: a run through the stretch that long
+  // is not looked into further, and the answer is joined again.
+  const U32 longest = r.span.longest, readUpTo = std::min(longest, keptRunsReadUpTo);
+  const U32 limit = readUpTo + 1;
   const auto now = [&](U32 w) { return bitmap_->word(w) & inSpan(w); };
   const auto asBefore = [&](U32 w) { return wordAsBefore(w) & inSpan(w); };
   const U32 below = freeRunDownFrom(S32(first) - 1, limit, now);
   const U32 above = freeRunUpFrom(last + 1, limit, asBefore);
   if (taken) {
-    return runsOf(first, last, below, above, [&](U32 w) { return wordsBefore_[w] & inSpan(w); })
-               .longest < longest;
+    const U32 cut =
+        runsOf(first, last, below, above, [&](U32 w) { return wordsBefore_[w] & inSpan(w); })
+            .longest;
+    return cut < longest && cut <= readUpTo;
   }
-  return runsOf(first, last, below, above, now).longest <= longest;
+  return runsOf(first, last, below, above, now).longest <= readUpTo;
 }
 
 bool FreeRunTree::refresh() {
