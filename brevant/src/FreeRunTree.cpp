@@ -108,7 +108,6 @@ inline Ends spanEnds(const Span& s) { return {s.length, s.head, s.tail, s.longes
   return s;
 }
 
-
 }  // namespace
 
 FreeRunTree::FreeRunTree(const TableBitmap& bitmap) : bitmap_(&bitmap) {}
@@ -314,9 +313,9 @@ bool FreeRunTree::longestKept(const RememberedSpan& r, U32 first, U32 last) cons
   const U32 below = freeRunDownFrom(S32(first) - 1, limit, now);
   const U32 above = freeRunUpFrom(last + 1, limit, asBefore);
   if (taken) {
-    const U32 cut =
-        runsOf(first, last, below, above, [&](U32 w) { return wordsBefore_[w] & inSpan(w); })
-            .longest;
+    const U32 cut = runsOf(first, last, below, above, [&](U32 w) {
+                      return wordsBefore_[w] & inSpan(w);
+                    }).longest;
     return cut < longest && cut <= readUpTo;
   }
   return runsOf(first, last, below, above, now).longest <= readUpTo;

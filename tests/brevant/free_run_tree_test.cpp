@@ -270,7 +270,8 @@ TEST_F(FreeRunTreeTest, LongestRunsKeptAcrossChangesStayExact) {
       default: {  // a window moves
         auto& [first, last] = windows[pick(0, 2)];
         first = std::min(first + pick(0, 64), entries - 1);
-        last = std::max(first + 1, std::min(entries, last + pick(0, 64) - std::min(last, pick(0, 64))));
+        last = std::max(first + 1,
+                        std::min(entries, last + pick(0, 64) - std::min(last, pick(0, 64))));
         break;
       }
     }
