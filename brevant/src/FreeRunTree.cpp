@@ -247,20 +247,22 @@ void FreeRunTree::shortLengthIs(U32 length) {
 void FreeRunTree::stretchChanged(U32 first, U32 last) {
   // Negative changes wrap, and wrap back when added.
   U32 freeChange = 0;
-  bool changed = false;
+  U64 taken = 0, given = 0;  // entries that stopped or started being free
   for (U32 w = first; w <= last; ++w) {
     const U64 before = wordsBefore_[w], now = bitmap_->word(w);
-    changed |= before != now;
+    taken |= before & ~now;
+    given |= now & ~before;
     freeChange += onesIn(now) - onesIn(before);
   }
-  if (!changed) return;
+  if (!taken && !given) return;
   // The runs that lie in the stretch or touch it, as they were and as they
   // are: the rest of the table is the same in both. Stretches are taken from
   // the lowest, so the words below are read as they are now and the marked
   // words above as they were.
   const auto now = [&](U32 w) { return bitmap_->word(w); };
   const auto asBefore = [&](U32 w) { return wordAsBefore(w); };
-  const U32 limit = std::max<U32>(shortLength_, 1);
+  // Read far enough for the short runs and for the remembered longest runs.
+  const U32 limit = std::max(shortLength_, keptRunsReadUpTo + 1);
   const U32 below = freeRunDownFrom(S32(first) - 1, limit, now);
   const U32 above = freeRunUpFrom(last + 1, limit, asBefore);
   const RunTally was = runsOf(first, last, below, above, [&](U32 w) { return wordsBefore_[w]; });
@@ -277,9 +279,17 @@ void FreeRunTree::stretchChanged(U32 first, U32 last) {
       freeBelowCuts_[i] += freeIn(firstEntry, cut) - freeBeforeBetween(firstEntry, cut);
     }
   }
+  // A remembered span that holds every entry the runs above were read
+  // over (down to the entry that ended the run below, up to the one that
+  // ended the run above) sees the same runs: their longest decide. Others
+  // read their own entries again.
   for (RememberedSpan& r : remembered_) {
     if (r.last == 0 || r.first / 64 > last || first > (r.last - 1) / 64) continue;
-    if (r.whole || !longestKept(r, first, last)) r.last = 0;
+    const bool readInside = r.first + below + 1 <= firstEntry && endEntry + above + 1 <= r.last;
+    const bool kept = !r.whole && (readInside ? longestStays(r.span.longest, taken != 0, given != 0,
+                                                             was.longest, is.longest)
+                                              : longestKept(r, first, last));
+    if (!kept) r.last = 0;
   }
 }
 
@@ -300,25 +310,30 @@ bool FreeRunTree::longestKept(const RememberedSpan& r, U32 first, U32 last) cons
   }
   if (!taken && !given) return true;
   if (taken && given) return false;
-  // Entries taken: the longest run stays unless a run they cut was as long
-  // as it. Entries given back: it stays unless a run they joined grew
-  // longer. Either way only the runs through the stretch matter, each read
-  // no further than one entry past the longest, or past a block's largest
-  // length when the longest is longer: a run through the stretch that long
-  // is not looked into further, and the answer is joined again.
-  const U32 longest = r.span.longest, readUpTo = std::min(longest, keptRunsReadUpTo);
-  const U32 limit = readUpTo + 1;
+  // Only the runs through the stretch matter, each read no further than one
+  // entry past the longest (or past a block's largest length).
+  const U32 longest = r.span.longest;
+  const U32 limit = std::min(longest, keptRunsReadUpTo) + 1;
   const auto now = [&](U32 w) { return bitmap_->word(w) & inSpan(w); };
   const auto asBefore = [&](U32 w) { return wordAsBefore(w) & inSpan(w); };
   const U32 below = freeRunDownFrom(S32(first) - 1, limit, now);
   const U32 above = freeRunUpFrom(last + 1, limit, asBefore);
-  if (taken) {
-    const U32 cut = runsOf(first, last, below, above, [&](U32 w) {
-                      return wordsBefore_[w] & inSpan(w);
-                    }).longest;
-    return cut < longest && cut <= readUpTo;
-  }
-  return runsOf(first, last, below, above, now).longest <= readUpTo;
+  const auto before = [&](U32 w) { return wordsBefore_[w] & inSpan(w); };
+  return longestStays(longest, taken != 0, given != 0,
+                      taken ? runsOf(first, last, below, above, before).longest : 0,
+                      given ? runsOf(first, last, below, above, now).longest : 0);
+}
+
+bool FreeRunTree::longestStays(U32 longest, bool taken, bool given, U32 cutLongest,
+                               U32 joinedLongest) {
+  if (!taken && !given) return true;
+  if (taken && given) return false;
+  // Entries taken: the longest run stays unless a run they cut was as long
+  // as it. Entries given back: it stays unless a run they joined grew
+  // longer. A run read up to past a block's largest length is not looked
+  // into further, and the answer is joined again.
+  const U32 readUpTo = std::min(longest, keptRunsReadUpTo);
+  return taken ? cutLongest < longest && cutLongest <= readUpTo : joinedLongest <= readUpTo;
 }
 
 bool FreeRunTree::refresh() {
@@ -328,6 +343,12 @@ bool FreeRunTree::refresh() {
   }
   if (!stale_) return false;
   ++refreshes_;
+  // Answers nobody asked for since the last refresh are not kept up to date
+  // any longer (a boundary moved away from them).
+  for (RememberedSpan& r : remembered_) {
+    if (!r.asked) r.last = 0;
+    r.asked = false;
+  }
   // The nodes to join again, a level at a time, lowest first and each once:
   // marked words next to each other share their parents, and a node that
   // comes out as it was does not pass the walk on to its parent.
@@ -393,6 +414,7 @@ U32 FreeRunTree::freeBeforeBetween(U32 first, U32 last) const {
 }
 
 const FreeRunTree::Cuts& FreeRunTree::freeBelow(const Cuts& cuts) {
+  if (cuts == cuts_) return freeBelowCuts_;
   for (U32 i = 0; i < cutCount; ++i) {
     const U32 from = cuts_[i], to = std::min(cuts[i], entries);
     if (to > from) freeBelowCuts_[i] += freeIn(from, to);
@@ -407,8 +429,11 @@ U32 FreeRunTree::shortFreeEntries() const { return shortFree_; }
 FreeRunTree::Span FreeRunTree::span(U32 first, U32 last) {
   last = std::min(last, entries);
   if (first >= last) return Span{};
-  for (const RememberedSpan& r : remembered_) {
-    if (r.first == first && r.last == last && r.whole) return r.span;
+  for (RememberedSpan& r : remembered_) {
+    if (r.first == first && r.last == last && r.whole) {
+      r.asked = true;
+      return r.span;
+    }
   }
   // Word by word: the tree keeps no sums for its nodes.
   Span s;
@@ -422,8 +447,11 @@ FreeRunTree::Span FreeRunTree::span(U32 first, U32 last) {
 U32 FreeRunTree::longestRunIn(U32 first, U32 last) {
   last = std::min(last, entries);
   if (first >= last) return 0;
-  for (const RememberedSpan& r : remembered_) {
-    if (r.first == first && r.last == last) return r.span.longest;
+  for (RememberedSpan& r : remembered_) {
+    if (r.first == first && r.last == last) {
+      r.asked = true;
+      return r.span.longest;
+    }
   }
   const Ends ends = endsIn(first, last);
   Span s;
@@ -444,7 +472,7 @@ const FreeRunTree::Span& FreeRunTree::remember(U32 first, U32 last, const Span& 
     slot = &remembered_[nextRemembered_];
     nextRemembered_ = (nextRemembered_ + 1) % rememberedSpans;
   }
-  *slot = {first, last, whole, s};
+  *slot = {first, last, whole, true, s};
   return slot->span;
 }
 

@@ -137,6 +137,7 @@ class FreeRunTree {
   struct RememberedSpan {
     U32 first = 0, last = 0;  // last 0: nothing remembered
     bool whole = false;       // false: only the length, ends and longest run
+    bool asked = false;       // asked for since the last refresh that found work
     Span span;
   };
   static constexpr U32 rememberedSpans = 4;
@@ -181,6 +182,11 @@ class FreeRunTree {
   // longer than it. Anything else, and a span remembered in full, is
   // forgotten and joined again when next asked for.
   bool longestKept(const RememberedSpan& r, U32 first, U32 last) const;
+  // Whether a longest run stays after a stretch took entries, gave entries
+  // back or both, from the longest runs through the stretch before and
+  // after it (each read to at least one entry past the longest, or past a
+  // block's largest length).
+  static bool longestStays(U32 longest, bool taken, bool given, U32 cutLongest, U32 joinedLongest);
   // The free entries among first .. last - 1 of the words as they were
   // before this batch (first and last in one stretch of marked words).
   U32 freeBeforeBetween(U32 first, U32 last) const;
