@@ -281,8 +281,10 @@ void FreeRunTree::stretchChanged(U32 first, U32 last) {
   }
   // A remembered span that holds every entry the runs above were read
   // over (down to the entry that ended the run below, up to the one that
-  // ended the run above) sees the same runs: their longest decide. Others
-  // read their own entries again.
+  // ended the run above) sees the same runs: their longest decide. For
+  // others those runs may reach past the span's ends and overstate its own
+  // (safe, but the answer would be forgotten more often), so they read
+  // their own entries again.
   for (RememberedSpan& r : remembered_) {
     if (r.last == 0 || r.first / 64 > last || first > (r.last - 1) / 64) continue;
     const bool readInside = r.first + below + 1 <= firstEntry && endEntry + above + 1 <= r.last;

@@ -159,7 +159,7 @@ class FreeRunTree {
   // Sets the table's short inner runs from its short free entries.
   void settleTable();
   void rebuild();
-  // Moves the table's figures, the remembered counts and spans by what
+  // Moves the table's figures, the cuts' counts and the remembered spans by what
   // changed in words first .. last (all marked, none beside them).
   void stretchChanged(U32 first, U32 last);
   // The runs of words first .. last (read through wordOf) that lie in them
