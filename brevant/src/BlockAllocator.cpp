@@ -157,8 +157,8 @@ S32 NextHopManager::updateNextHopHWIndex(U16 index, bool value) {
 // nor allocated.
 void NextHopManager::freeEntriesObserved(U16 key, const bool* value) {
   const bool free = value && *value;
+  freeRuns.entryChanging(key);  // keeps the word as it was, so before the index changes
   freeIndex_.set(key, free);
-  freeRuns.entryChanged(key);
 }
 
 void NextHopManager::allocatedEntriesObserved(U16 key, const bool* value) {

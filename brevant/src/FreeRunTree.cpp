@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <bit>
-#include <type_traits>
 
 namespace Brevant {
 namespace {
 
 using Span = FreeRunTree::Span;
+
+// How far a remembered longest run's check reads the runs through a change:
+// the largest block a search hands out, so at most a few words each side.
+constexpr U32 keptRunsReadUpTo = 256;
 
 // The set bits of x. std::popcount is a call into the compiler's support
 // library here (the build does not assume the processor's instruction), and
@@ -54,13 +57,25 @@ inline U32 onesIn(U64 x) {
   return s;
 }
 
-// The length, the runs at the two ends and the longest run of a span: what
-// the largest blocks need, a part of a Span's join.
-struct Ends {
-  U32 length = 0, head = 0, tail = 0, longest = 0;
-};
+using Ends = FreeRunTree::Ends;
 
-inline Ends endsOf(const Span& s) { return {s.length, s.head, s.tail, s.longest}; }
+inline Ends spanEnds(const Span& s) { return {s.length, s.head, s.tail, s.longest}; }
+
+// The ends and longest run of a whole word, without counting its free
+// entries or runs: what the tree's lowest nodes join.
+[[gnu::always_inline]] inline Ends wordEnds(U64 word) {
+  if (word == ~U64(0)) return {64, 64, 64, 64};
+  const U32 head = U32(std::countr_one(word)), tail = U32(std::countl_one(word));
+  U32 longest = std::max(head, tail);
+  // The inner runs, from the low bit up; the bit above each is clear.
+  for (U64 inner = word & (~U64(0) << head) & (~U64(0) >> tail); inner != 0;) {
+    const U32 position = U32(std::countr_zero(inner));
+    const U32 run = U32(std::countr_one(inner >> position));
+    longest = std::max(longest, run);
+    inner &= ~U64(0) << (position + run);
+  }
+  return {64, head, tail, longest};
+}
 
 // The ends of low followed by high. An empty span (length 0) joins as
 // nothing, so the queries start from one. Without branches: the walks join
@@ -76,7 +91,7 @@ inline Ends endsOf(const Span& s) { return {s.length, s.head, s.tail, s.longest}
 
 // The span of low followed by high.
 [[gnu::always_inline]] inline Span joined(const Span& low, const Span& high, U32 shortLength) {
-  const Ends ends = joined(endsOf(low), endsOf(high));
+  const Ends ends = joined(spanEnds(low), spanEnds(high));
   // The run where the halves meet is inner unless it reaches an end; short
   // inner runs count.
   const U32 middle = low.tail + high.head;
@@ -93,46 +108,23 @@ inline Ends endsOf(const Span& s) { return {s.length, s.head, s.tail, s.longest}
   return s;
 }
 
-// The same for the ends alone (the short length does not matter to them).
-[[gnu::always_inline]] inline Ends joined(const Ends& low, const Ends& high, U32) {
-  return joined(low, high);
-}
-
 }  // namespace
 
 FreeRunTree::FreeRunTree(const TableBitmap& bitmap) : bitmap_(&bitmap) {}
 
-[[gnu::always_inline]] inline FreeRunTree::Span FreeRunTree::wordSpan(U32 w) const {
-  return leafOf(bitmap_->word(w), 64, shortLength_);
-}
-
-[[gnu::always_inline]] inline FreeRunTree::Span FreeRunTree::storedSpan(U32 n, U32 length) const {
+[[gnu::always_inline]] inline FreeRunTree::Ends FreeRunTree::storedEnds(U32 n, U32 length) const {
   const Node& d = nodes_[n];
-  return {length, d.free, d.head, d.tail, d.longest, d.runs, d.shortInner};
+  return {length, d.head, d.tail, d.longest};
 }
 
-[[gnu::always_inline]] inline FreeRunTree::Span FreeRunTree::nodeSpan(U32 n, U32 length) const {
-  if (n >= wordCount) return wordSpan(n - wordCount);
-  if (n == 1) return table_;
-  return storedSpan(n, length);
+[[gnu::always_inline]] inline FreeRunTree::Ends FreeRunTree::nodeEnds(U32 n, U32 length) const {
+  if (n >= wordCount) return wordEnds(bitmap_->word(n - wordCount));
+  if (n == 1) return spanEnds(table_);
+  return storedEnds(n, length);
 }
 
-// A node's figures as a Span, or only its ends.
-template <typename Figures>
-[[gnu::always_inline]] inline Figures FreeRunTree::nodeFigures(U32 n, U32 length) const {
-  if constexpr (std::is_same_v<Figures, Span>) {
-    return nodeSpan(n, length);
-  } else {
-    if (n >= wordCount) return endsOf(wordSpan(n - wordCount));
-    if (n == 1) return endsOf(table_);
-    const Node& d = nodes_[n];
-    return {length, d.head, d.tail, d.longest};
-  }
-}
-
-[[gnu::always_inline]] inline bool FreeRunTree::nodeIs(U32 n, const Span& s) {
-  const Node node{U16(s.free),    U16(s.head), U16(s.tail),
-                  U16(s.longest), U16(s.runs), U16(s.shortInner)};
+[[gnu::always_inline]] inline bool FreeRunTree::nodeIs(U32 n, const Ends& s) {
+  const Node node{U16(s.head), U16(s.tail), U16(s.longest)};
   if (node == nodes_[n]) return false;
   nodes_[n] = node;
   return true;
@@ -140,16 +132,86 @@ template <typename Figures>
 
 [[gnu::always_inline]] inline bool FreeRunTree::joinWords(U32 n) {
   const U32 w = 2 * n - wordCount;
-  return nodeIs(n, joined(wordSpan(w), wordSpan(w + 1), shortLength_));
+  return nodeIs(n, joined(wordEnds(bitmap_->word(w)), wordEnds(bitmap_->word(w + 1))));
 }
 
 [[gnu::always_inline]] inline bool FreeRunTree::joinStored(U32 n, U32 childLength) {
-  return nodeIs(
-      n, joined(storedSpan(2 * n, childLength), storedSpan(2 * n + 1, childLength), shortLength_));
+  return nodeIs(n, joined(storedEnds(2 * n, childLength), storedEnds(2 * n + 1, childLength)));
 }
 
 void FreeRunTree::joinRoot() {
-  table_ = joined(storedSpan(2, entries / 2), storedSpan(3, entries / 2), shortLength_);
+  const Ends ends = joined(storedEnds(2, entries / 2), storedEnds(3, entries / 2));
+  table_.length = entries;
+  table_.head = ends.head;
+  table_.tail = ends.tail;
+  table_.longest = ends.longest;
+}
+
+void FreeRunTree::settleTable() {
+  // The short free entries less the end runs that are short (a table all
+  // free is one run that is no inner run).
+  table_.shortInner = 0;
+  if (table_.allFree()) return;
+  const auto shortOnly = [&](U32 run) { return run < shortLength_ ? run : 0; };
+  table_.shortInner = shortFree_ - shortOnly(table_.head) - shortOnly(table_.tail);
+}
+
+template <typename WordOf>
+FreeRunTree::RunTally FreeRunTree::runsOf(U32 first, U32 last, U32 below, U32 above,
+                                          WordOf wordOf) const {
+  RunTally tally;
+  const auto count = [&](U32 run) {
+    tally.runs += U32(run != 0);
+    if (run < shortLength_) tally.shortFree += run;
+    tally.longest = std::max(tally.longest, run);
+  };
+  U32 open = below;  // free entries running up to the word being read
+  for (U32 w = first; w <= last; ++w) {
+    const U64 word = wordOf(w);
+    if (word == ~U64(0)) {
+      open += 64;
+      continue;
+    }
+    const U32 head = U32(std::countr_one(word)), tail = U32(std::countl_one(word));
+    count(open + head);
+    // The inner runs, from the low bit up; the bit above each is clear.
+    for (U64 inner = word & (~U64(0) << head) & (~U64(0) >> tail); inner != 0;) {
+      const U32 position = U32(std::countr_zero(inner));
+      const U32 run = U32(std::countr_one(inner >> position));
+      count(run);
+      inner &= ~U64(0) << (position + run);
+    }
+    open = tail;
+  }
+  count(open + above);
+  return tally;
+}
+
+template <typename WordOf>
+U32 FreeRunTree::freeRunDownFrom(S32 w, U32 limit, WordOf wordOf) const {
+  U32 run = 0;
+  for (; w >= 0 && run < limit; --w) {
+    const U64 word = wordOf(U32(w));
+    run += U32(std::countl_one(word));
+    if (word != ~U64(0)) break;
+  }
+  return run;
+}
+
+template <typename WordOf>
+U32 FreeRunTree::freeRunUpFrom(U32 w, U32 limit, WordOf wordOf) const {
+  U32 run = 0;
+  for (; w < wordCount && run < limit; ++w) {
+    const U64 word = wordOf(w);
+    run += U32(std::countr_one(word));
+    if (word != ~U64(0)) break;
+  }
+  return run;
+}
+
+U64 FreeRunTree::wordAsBefore(U32 w) const {
+  const bool marked = (staleWords_[w / 64] >> (w % 64)) & 1;
+  return marked ? wordsBefore_[w] : bitmap_->word(w);
 }
 
 void FreeRunTree::rebuild() {
@@ -161,11 +223,19 @@ void FreeRunTree::rebuild() {
     for (U32 n = first; n < 2 * first; ++n) joinStored(n, childLength);
   }
   joinRoot();
+  U32 free = 0;
+  for (U32 w = 0; w < wordCount; ++w) free += onesIn(bitmap_->word(w));
+  const RunTally tally = runsOf(0, wordCount - 1, 0, 0, [&](U32 w) { return bitmap_->word(w); });
+  table_.free = free;
+  table_.runs = tally.runs;
+  shortFree_ = tally.shortFree;
+  settleTable();
   staleWords_.fill(0);
   stale_ = false;
   rebuildPending_ = false;
   for (RememberedSpan& r : remembered_) r.last = 0;
-  for (RememberedCount& c : rememberedCounts_) c.index = 0;
+  cuts_.fill(0);
+  freeBelowCuts_.fill(0);
 }
 
 void FreeRunTree::shortLengthIs(U32 length) {
@@ -174,21 +244,98 @@ void FreeRunTree::shortLengthIs(U32 length) {
   rebuildPending_ = true;
 }
 
-[[gnu::always_inline]] inline void FreeRunTree::forgetSpansOver(U32 word) {
+void FreeRunTree::stretchChanged(U32 first, U32 last) {
+  // Negative changes wrap, and wrap back when added.
+  U32 freeChange = 0;
+  U64 taken = 0, given = 0;  // entries that stopped or started being free
+  for (U32 w = first; w <= last; ++w) {
+    const U64 before = wordsBefore_[w], now = bitmap_->word(w);
+    taken |= before & ~now;
+    given |= now & ~before;
+    freeChange += onesIn(now) - onesIn(before);
+  }
+  if (!taken && !given) return;
+  // The runs that lie in the stretch or touch it, as they were and as they
+  // are: the rest of the table is the same in both. Stretches are taken from
+  // the lowest, so the words below are read as they are now and the marked
+  // words above as they were.
+  const auto now = [&](U32 w) { return bitmap_->word(w); };
+  const auto asBefore = [&](U32 w) { return wordAsBefore(w); };
+  // Read far enough for the short runs and for the remembered longest runs.
+  const U32 limit = std::max(shortLength_, keptRunsReadUpTo + 1);
+  const U32 below = freeRunDownFrom(S32(first) - 1, limit, now);
+  const U32 above = freeRunUpFrom(last + 1, limit, asBefore);
+  const RunTally was = runsOf(first, last, below, above, [&](U32 w) { return wordsBefore_[w]; });
+  const RunTally is = runsOf(first, last, below, above, now);
+  table_.free += freeChange;
+  table_.runs += is.runs - was.runs;
+  shortFree_ += is.shortFree - was.shortFree;
+  const U32 firstEntry = first * 64, endEntry = (last + 1) * 64;
+  for (U32 i = 0; i < cutCount; ++i) {
+    const U32 cut = cuts_[i];
+    if (cut >= endEntry) {
+      freeBelowCuts_[i] += freeChange;
+    } else if (cut > firstEntry) {
+      freeBelowCuts_[i] += freeIn(firstEntry, cut) - freeBeforeBetween(firstEntry, cut);
+    }
+  }
+  // A remembered span that holds every entry the runs above were read
+  // over (down to the entry that ended the run below, up to the one that
+  // ended the run above) sees the same runs: their longest decide. For
+  // others those runs may reach past the span's ends and overstate its own
+  // (safe, but the answer would be forgotten more often), so they read
+  // their own entries again.
   for (RememberedSpan& r : remembered_) {
-    if (r.last != 0 && r.first / 64 <= word && word <= (r.last - 1) / 64) r.last = 0;
+    if (r.last == 0 || r.first / 64 > last || first > (r.last - 1) / 64) continue;
+    const bool readInside = r.first + below + 1 <= firstEntry && endEntry + above + 1 <= r.last;
+    const bool kept = !r.whole && (readInside ? longestStays(r.span.longest, taken != 0, given != 0,
+                                                             was.longest, is.longest)
+                                              : longestKept(r, first, last));
+    if (!kept) r.last = 0;
   }
 }
 
-[[gnu::always_inline]] inline void FreeRunTree::pairChanged(U32 n, U32 change) {
-  const U32 pairFirst = (2 * n - wordCount) * 64, pairLast = pairFirst + 128;
-  for (RememberedCount& c : rememberedCounts_) {
-    if (c.index >= pairLast) {
-      c.free += change;
-    } else if (c.index > pairFirst) {
-      c.index = 0;
-    }
+bool FreeRunTree::longestKept(const RememberedSpan& r, U32 first, U32 last) const {
+  // Only the span's own entries count.
+  const auto inSpan = [&](U32 w) {
+    const U32 base = w * 64;
+    const U32 low = std::max(r.first, base), high = std::min(r.last, base + 64);
+    if (low >= high) return U64(0);
+    const U64 fromLow = ~U64(0) << (low - base);
+    return high - base == 64 ? fromLow : fromLow & ((U64(1) << (high - base)) - 1);
+  };
+  U64 taken = 0, given = 0;
+  for (U32 w = first; w <= last; ++w) {
+    const U64 before = wordsBefore_[w], now = bitmap_->word(w), mask = inSpan(w);
+    taken |= before & ~now & mask;
+    given |= now & ~before & mask;
   }
+  if (!taken && !given) return true;
+  if (taken && given) return false;
+  // Only the runs through the stretch matter, each read no further than one
+  // entry past the longest (or past a block's largest length).
+  const U32 longest = r.span.longest;
+  const U32 limit = std::min(longest, keptRunsReadUpTo) + 1;
+  const auto now = [&](U32 w) { return bitmap_->word(w) & inSpan(w); };
+  const auto asBefore = [&](U32 w) { return wordAsBefore(w) & inSpan(w); };
+  const U32 below = freeRunDownFrom(S32(first) - 1, limit, now);
+  const U32 above = freeRunUpFrom(last + 1, limit, asBefore);
+  const auto before = [&](U32 w) { return wordsBefore_[w] & inSpan(w); };
+  return longestStays(longest, taken != 0, given != 0,
+                      taken ? runsOf(first, last, below, above, before).longest : 0,
+                      given ? runsOf(first, last, below, above, now).longest : 0);
+}
+
+bool FreeRunTree::longestStays(U32 longest, bool taken, bool given, U32 cutLongest,
+                               U32 joinedLongest) {
+  if (!taken && !given) return true;
+  if (taken && given) return false;
+  // Entries taken: the longest run stays unless a run they cut was as long
+  // as it. Entries given back: it stays unless a run they joined grew
+  // longer. A run read up to past a block's largest length is not looked
+  // into further, and the answer is joined again.
+  const U32 readUpTo = std::min(longest, keptRunsReadUpTo);
+  return taken ? cutLongest < longest && cutLongest <= readUpTo : joinedLongest <= readUpTo;
 }
 
 bool FreeRunTree::refresh() {
@@ -198,6 +345,12 @@ bool FreeRunTree::refresh() {
   }
   if (!stale_) return false;
   ++refreshes_;
+  // Answers nobody asked for since the last refresh are not kept up to date
+  // any longer (a boundary moved away from them).
+  for (RememberedSpan& r : remembered_) {
+    if (!r.asked) r.last = 0;
+    r.asked = false;
+  }
   // The nodes to join again, a level at a time, lowest first and each once:
   // marked words next to each other share their parents, and a node that
   // comes out as it was does not pass the walk on to its parent.
@@ -206,27 +359,30 @@ bool FreeRunTree::refresh() {
   auto add = [&](U32 n) {
     if (count == 0 || changed[count - 1] != n) changed[count++] = U16(n);
   };
+  // The table's figures move stretch by stretch of marked words.
+  U32 stretchFirst = 0, previous = 0;
+  bool inStretch = false;
   for (U32 group = 0; group < staleWords_.size(); ++group) {
     for (U64 bits = staleWords_[group]; bits != 0; bits &= bits - 1) {
       const U32 w = group * 64 + U32(std::countr_zero(bits));
-      forgetSpansOver(w);
+      if (inStretch && w != previous + 1) stretchChanged(stretchFirst, previous);
+      if (!inStretch || w != previous + 1) stretchFirst = w;
+      inStretch = true;
+      previous = w;
       add((wordCount + w) / 2);
     }
   }
+  if (inStretch) stretchChanged(stretchFirst, previous);
   staleWords_.fill(0);
   stale_ = false;
-  // The pairs of words; a pair's change of free entries moves the
-  // remembered counts above it.
+  // The pairs of words, then the nodes above, up to the root's children
+  // (all of a level alike).
   U32 nodes = count;
   count = 0;  // the parents overwrite the level just read, never ahead of it
   for (U32 i = 0; i < nodes; ++i) {
     const U32 n = changed[i];
-    const U32 pairFree = nodes_[n].free;
-    if (!joinWords(n)) continue;
-    pairChanged(n, nodes_[n].free - pairFree);
-    add(n / 2);
+    if (joinWords(n)) add(n / 2);
   }
-  // The nodes above, up to the root's children (all of a level alike).
   for (U32 childLength = 128; count != 0 && changed[0] > 1; childLength *= 2) {
     nodes = count;
     count = 0;
@@ -236,63 +392,70 @@ bool FreeRunTree::refresh() {
     }
   }
   if (count != 0) joinRoot();
+  settleTable();
   return true;
 }
 
-U32 FreeRunTree::freeBefore(U32 index) {
-  if (index >= entries) return table_.free;
-  if (index == 0) return 0;
-  for (const RememberedCount& c : rememberedCounts_) {
-    if (c.index == index) return c.free;
-  }
-  RememberedCount& c = rememberedCounts_[nextRememberedCount_];
-  nextRememberedCount_ = (nextRememberedCount_ + 1) % rememberedCounts;
-  c = {index, countedFreeBefore(index)};
-  return c.free;
-}
-
-U32 FreeRunTree::countedFreeBefore(U32 index) const {
-  // Up from index's word to the table, adding the free entries of every
-  // left sibling passed on the way.
-  U32 w = index / 64;
-  U32 total = onesIn(bitmap_->word(w) & ((U64(1) << (index & 63)) - 1));
-  if (w & 1) total += onesIn(bitmap_->word(w - 1));
-  for (U32 n = (wordCount + w) / 2; n > 1; n /= 2) {
-    if (n & 1) total += nodes_[n - 1].free;
-  }
-  return total;
-}
-
-U32 FreeRunTree::freeIn(U32 first, U32 last) {
+U32 FreeRunTree::freeIn(U32 first, U32 last) const {
   last = std::min(last, entries);
-  return first >= last ? 0 : freeBefore(last) - freeBefore(first);
+  U32 n = 0;
+  for (U32 w = first / 64; first < last; ++w, first = w * 64) {
+    n += onesIn(bitmap_->wordIn(w, first, last));
+  }
+  return n;
 }
 
-U32 FreeRunTree::shortFreeEntries() const {
-  const Span& t = table();
-  if (t.allFree()) return t.length < shortLength_ ? t.length : 0;
-  U32 total = t.shortInner;
-  if (t.head < shortLength_) total += t.head;
-  if (t.tail < shortLength_) total += t.tail;
-  return total;
+U32 FreeRunTree::freeBeforeBetween(U32 first, U32 last) const {
+  U32 n = 0;
+  for (U32 w = first / 64; first < last; ++w, first = w * 64) {
+    const U32 low = first % 64, high = std::min(last - w * 64, 64u);
+    const U64 inside = (wordsBefore_[w] >> low) << low;
+    n += onesIn(high == 64 ? inside : inside & ((U64(1) << high) - 1));
+  }
+  return n;
 }
+
+const FreeRunTree::Cuts& FreeRunTree::freeBelow(const Cuts& cuts) {
+  if (cuts == cuts_) return freeBelowCuts_;
+  for (U32 i = 0; i < cutCount; ++i) {
+    const U32 from = cuts_[i], to = std::min(cuts[i], entries);
+    if (to > from) freeBelowCuts_[i] += freeIn(from, to);
+    if (to < from) freeBelowCuts_[i] -= freeIn(to, from);
+    cuts_[i] = to;
+  }
+  return freeBelowCuts_;
+}
+
+U32 FreeRunTree::shortFreeEntries() const { return shortFree_; }
 
 FreeRunTree::Span FreeRunTree::span(U32 first, U32 last) {
   last = std::min(last, entries);
   if (first >= last) return Span{};
-  for (const RememberedSpan& r : remembered_) {
-    if (r.first == first && r.last == last && r.whole) return r.span;
+  for (RememberedSpan& r : remembered_) {
+    if (r.first == first && r.last == last && r.whole) {
+      r.asked = true;
+      return r.span;
+    }
   }
-  return remember(first, last, spanOf<Span>(first, last), true);
+  // Word by word: the tree keeps no sums for its nodes.
+  Span s;
+  for (U32 w = first / 64; w * 64 < last; ++w) {
+    const U32 low = std::max(first, w * 64) - w * 64, high = std::min(last, w * 64 + 64) - w * 64;
+    s = joined(s, partOfWord(w, low, high), shortLength_);
+  }
+  return remember(first, last, s, true);
 }
 
 U32 FreeRunTree::longestRunIn(U32 first, U32 last) {
   last = std::min(last, entries);
   if (first >= last) return 0;
-  for (const RememberedSpan& r : remembered_) {
-    if (r.first == first && r.last == last) return r.span.longest;
+  for (RememberedSpan& r : remembered_) {
+    if (r.first == first && r.last == last) {
+      r.asked = true;
+      return r.span.longest;
+    }
   }
-  const Ends ends = spanOf<Ends>(first, last);
+  const Ends ends = endsIn(first, last);
   Span s;
   s.length = ends.length;
   s.head = ends.head;
@@ -311,40 +474,35 @@ const FreeRunTree::Span& FreeRunTree::remember(U32 first, U32 last, const Span& 
     slot = &remembered_[nextRemembered_];
     nextRemembered_ = (nextRemembered_ + 1) % rememberedSpans;
   }
-  *slot = {first, last, whole, s};
+  *slot = {first, last, whole, true, s};
   return slot->span;
 }
 
-template <typename Figures>
-Figures FreeRunTree::spanOf(U32 first, U32 last) const {
-  // A word cut by the span counts only its entries low .. high - 1,
-  // shifted down so that low is bit 0.
-  auto partOf = [&](U32 w, U32 low, U32 high) -> Figures {
-    const U32 length = high - low;
-    const U64 inside = bitmap_->word(w) >> low;
-    const Span s =
-        leafOf(length == 64 ? inside : inside & ((U64(1) << length) - 1), length, shortLength_);
-    if constexpr (std::is_same_v<Figures, Span>) {
-      return s;
-    } else {
-      return endsOf(s);
-    }
-  };
+FreeRunTree::Span FreeRunTree::partOfWord(U32 w, U32 low, U32 high) const {
+  // Shifted down so that low is bit 0.
+  const U32 length = high - low;
+  const U64 inside = bitmap_->word(w) >> low;
+  return leafOf(length == 64 ? inside : inside & ((U64(1) << length) - 1), length, shortLength_);
+}
+
+FreeRunTree::Ends FreeRunTree::endsIn(U32 first, U32 last) const {
   const U32 firstWord = first / 64, lastWord = (last - 1) / 64;
-  if (firstWord == lastWord) return partOf(firstWord, first % 64, last - firstWord * 64);
+  if (firstWord == lastWord) {
+    return spanEnds(partOfWord(firstWord, first % 64, last - firstWord * 64));
+  }
   // The words cut at either end, then the whole words between them from
   // the bottom of the tree up: a node whose sibling lies outside the words
   // joins the low or the high side, and the walk goes on from its parents.
-  Figures low{}, high{};
+  Ends low{}, high{};
   U32 l = firstWord, r = lastWord + 1;
-  if (first % 64 != 0) low = partOf(l++, first % 64, 64);
-  if (last % 64 != 0) high = partOf(--r, 0, last % 64);
+  if (first % 64 != 0) low = spanEnds(partOfWord(l++, first % 64, 64));
+  if (last % 64 != 0) high = spanEnds(partOfWord(--r, 0, last % 64));
   for (U32 length = 64, n = l + wordCount, end = r + wordCount; n < end;
        n /= 2, end /= 2, length *= 2) {
-    if (n & 1) low = joined(low, nodeFigures<Figures>(n++, length), shortLength_);
-    if (end & 1) high = joined(nodeFigures<Figures>(--end, length), high, shortLength_);
+    if (n & 1) low = joined(low, nodeEnds(n++, length));
+    if (end & 1) high = joined(nodeEnds(--end, length), high);
   }
-  return joined(low, high, shortLength_);
+  return joined(low, high);
 }
 
 struct FreeRunTree::UpwardSearch {
@@ -383,7 +541,7 @@ S32 FreeRunTree::firstRunIn(U32 node, U32 nodeFirst, U32 nodeLength, UpwardSearc
     return TableBitmap::firstRunInWord(bits, nodeFirst, search.length, search.carry);
   }
   if (search.from <= nodeFirst && nodeLast <= search.to) {
-    const Ends s = nodeFigures<Ends>(node, nodeLength);
+    const Ends s = nodeEnds(node, nodeLength);
     if (search.carry + s.head >= search.length) return S32(nodeFirst - search.carry);
     if (s.longest < search.length) {
       search.carry = s.head == nodeLength ? search.carry + nodeLength : s.tail;
@@ -404,7 +562,7 @@ S32 FreeRunTree::lastRunIn(U32 node, U32 nodeFirst, U32 nodeLength, DownwardSear
     return TableBitmap::lastRunInWord(bits, nodeFirst, search.length, search.run);
   }
   if (search.from <= nodeFirst && nodeLast <= search.to) {
-    const Ends s = nodeFigures<Ends>(node, nodeLength);
+    const Ends s = nodeEnds(node, nodeLength);
     TableBitmap::RunBelow& run = search.run;
     if (run.carry == 0) run.end = nodeLast;
     if (run.carry + s.tail >= search.length) return S32(run.end - search.length);

@@ -138,9 +138,16 @@ void NextHopManager::refreshResources() {
   const U32 swapFirst = std::min(swapIndex, bound);
   const U32 narrowLast = std::min<U32>(lastNarrowIndex_ + 1, swapFirst);
   const U32 wideFirst = std::max<U32>(lastWideIndex_, narrowLast);
-  const U32 narrowFree = freeRuns.freeIn(3, narrowLast);
-  const U32 wideFree = freeRuns.freeIn(wideFirst, swapFirst);
-  const U32 swapFree = freeRuns.freeIn(swapFirst, bound);
+  // The free entries below each boundary, kept by the tree as the table
+  // changes; a region that ends at or below its start holds none.
+  enum : U32 { narrowStart, narrowEnd, wideStart, swapStart, tableEnd };
+  const FreeRunTree::Cuts& below = freeRuns.freeBelow({3, narrowLast, wideFirst, swapFirst, bound});
+  const auto freeIn = [&](U32 first, U32 last) {
+    return below[last] > below[first] ? below[last] - below[first] : 0;
+  };
+  const U32 narrowFree = freeIn(narrowStart, narrowEnd);
+  const U32 wideFree = freeIn(wideStart, swapStart);
+  const U32 swapFree = freeIn(swapStart, tableEnd);
   r.narrowUsedIs(entriesIn(3, narrowLast) - narrowFree);
   r.narrowFreeIs(narrowFree);
   r.wideUsedIs(entriesIn(wideFirst, swapFirst) - wideFree);

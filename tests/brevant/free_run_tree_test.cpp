@@ -88,9 +88,9 @@ class FreeRunTreeTest : public ::testing::Test {
   U32 pick(U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random_); }
 
   void entryIs(U32 index, bool isFree) {
+    tree_.entryChanging(U16(index));
     bitmap_.set(index, isFree);
     free_[index] = isFree;
-    tree_.entryChanged(U16(index));
   }
 
   // Alternating used and free runs of random lengths up to maxRun from
@@ -238,6 +238,92 @@ TEST_F(FreeRunTreeTest, StaysExactAsEntriesChangeBetweenRefreshes) {
   }
 }
 
+// A longest run asked for alone is kept across changes that cannot have
+// changed it (entries taken from shorter runs, entries given back to runs
+// that stay no longer) and joined again after any other: after every step
+// it equals a count entry by entry, for windows that stay, creep and jump.
+TEST_F(FreeRunTreeTest, LongestRunsKeptAcrossChangesStayExact) {
+  runsFrom(0, entries, 30, true);
+  std::vector<std::pair<U32, U32>> windows{{0, 30000}, {30001, 65528}, {100, 700}, {0, entries}};
+  for (U32 step = 0; step < 1500; ++step) {
+    SCOPED_TRACE(::testing::Message() << "step " << step);
+    switch (pick(0, 4)) {
+      case 0:
+      case 1: {  // a block taken or given back, as a churn step does
+        const U32 first = pick(0, entries - 1);
+        const U32 length = pick(0, 9) == 0 ? pick(1, 300) : pick(1, 16);
+        const bool isFree = pick(0, 1) == 0;
+        for (U32 i = first; i < std::min(entries, first + length); ++i) entryIs(i, isFree);
+        break;
+      }
+      case 2: {  // a block given back next to a run, or inside a window's edge
+        const auto& [first, last] = windows[pick(0, 2)];
+        const U32 at = pick(0, 1) == 0 ? first : last;
+        for (U32 i = at >= 8 ? at - 8 : 0; i < std::min(entries, at + 8); ++i) {
+          entryIs(i, pick(0, 3) != 0);
+        }
+        break;
+      }
+      case 3:  // scattered, both ways at once
+        for (U32 n = pick(1, 6); n > 0; --n) entryIs(pick(0, entries - 1), pick(0, 1) == 0);
+        break;
+      default: {  // a window moves
+        auto& [first, last] = windows[pick(0, 2)];
+        first = std::min(first + pick(0, 64), entries - 1);
+        last = std::max(first + 1,
+                        std::min(entries, last + pick(0, 64) - std::min(last, pick(0, 64))));
+        break;
+      }
+    }
+    if (step % 500 == 250) tree_.shortLengthIs(shortLengths[pick(0, std::size(shortLengths) - 1)]);
+    tree_.refresh();
+    for (const auto& [first, last] : windows) {
+      EXPECT_EQ(tree_.longestRunIn(first, last),
+                bruteForceSpan(free_, first, last, tree_.shortLength()).longest)
+          << first << " .. " << last;
+    }
+    if (HasFailure()) return;
+  }
+}
+
+// The counts below a few cuts follow every change, whether the change lies
+// below a cut, above it or around it, and whether the cuts stay, creep as a
+// region's boundary does, jump, meet or pass each other.
+TEST_F(FreeRunTreeTest, CountsBelowCutsStayExactAsEntriesAndCutsMove) {
+  runsFrom(0, entries, 40, true);
+  FreeRunTree::Cuts cuts{3, 30000, 30001, 65528, entries};
+  for (U32 step = 0; step < 3000; ++step) {
+    SCOPED_TRACE(::testing::Message() << "step " << step);
+    const U32 first = pick(0, entries - 1), length = pick(0, 5) == 0 ? pick(1, 300) : pick(1, 16);
+    const bool isFree = pick(0, 1) == 0;
+    for (U32 i = first; i < std::min(entries, first + length); ++i) entryIs(i, isFree);
+    if (pick(0, 2) == 0) entryIs(pick(0, entries - 1), pick(0, 1) == 0);  // a second stretch
+    switch (pick(0, 5)) {
+      case 0:  // a boundary creeps
+        cuts[1 + pick(0, 2)] = pick(0, entries);
+        break;
+      case 1: {
+        U32& cut = cuts[1 + pick(0, 3)];
+        cut = std::min(entries, cut + pick(0, 200) - std::min(cut, pick(0, 200)));
+        break;
+      }
+      case 2:  // they meet
+        cuts[2] = cuts[1];
+        break;
+      default:  // they stay
+        break;
+    }
+    if (step % 700 == 350) tree_.shortLengthIs(shortLengths[pick(0, std::size(shortLengths) - 1)]);
+    tree_.refresh();
+    const FreeRunTree::Cuts got = tree_.freeBelow(cuts);
+    for (U32 i = 0; i < FreeRunTree::cutCount; ++i) {
+      const U32 want = U32(std::count(free_.begin(), free_.begin() + cuts[i], true));
+      EXPECT_EQ(got[i], want) << "cut " << i << " at " << cuts[i];
+    }
+    if (HasFailure()) return;
+  }
+}
+
 TEST_F(FreeRunTreeTest, AShortLengthChangeIsReportedByTheNextRefresh) {
   runsFrom(0, entries, 10, true);
   EXPECT_TRUE(tree_.refresh());
@@ -260,8 +346,8 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeOnRandomChanges) {
   FreeRunTree tree(bitmap);
   NextHopTest::ReferenceFreeRunTree reference(bitmap);
   auto entryIs = [&](U32 index, bool isFree) {
+    tree.entryChanging(U16(index));
     bitmap.set(index, isFree);
-    tree.entryChanged(U16(index));
     reference.entryChanged(U16(index));
   };
   auto expectSame = [&](U32 first, U32 last) {

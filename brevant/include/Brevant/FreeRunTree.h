@@ -1,10 +1,12 @@
 // The free entries of the next-hop table as runs: a tree above the 1,024
 // words of the manager's free index (a TableBitmap) that keeps, for every
-// span of words, how many entries are free, the runs touching its two ends,
-// its longest run, its number of runs and the free entries in its inner runs
-// shorter than a given length. The tree reads the index's words and keeps no
-// copy of them: a word is its own leaf, and the leaf's figures are computed
-// from it when needed. The resource counters read it.
+// span of words, the runs touching its two ends and its longest run, and
+// beside the tree the table's free entries, its number of runs and the free
+// entries in its runs shorter than a given length, moved by each change.
+// The tree reads the index's words and keeps no copy of them (only the
+// words a batch of changes touched, as they were before it): a word is its
+// own leaf, and the leaf's figures are computed from it when needed. The
+// resource counters read it.
 #pragma once
 
 #include <array>
@@ -30,6 +32,12 @@ class FreeRunTree {
     bool operator==(const Span&) const = default;
   };
 
+  // The length, the runs at the two ends and the longest run of a span: what
+  // the tree's nodes keep and the largest blocks need, a part of a Span.
+  struct Ends {
+    U32 length = 0, head = 0, tail = 0, longest = 0;
+  };
+
   static constexpr U32 entries = TableBitmap::indexes;
 
   // Summarises the free entries of bitmap (an index is free while it is in
@@ -37,13 +45,19 @@ class FreeRunTree {
   // The bitmap is first read by refresh(), so it may be built after the tree.
   explicit FreeRunTree(const TableBitmap& bitmap);
 
-  // Hears that the bitmap's entry index changed (the bitmap holds its new
-  // value already, so the tree reads it from there): marks its word, a few
-  // instructions. The tree above the word is brought up to date by the next
-  // refresh().
-  void entryChanged(U16 index) {
+  // Hears that the bitmap's entry index is about to change (the bitmap
+  // still holds its old value): marks its word and, the first time in a
+  // batch, keeps the word as it was, a few instructions. The tree above the
+  // word and the table's figures are brought up to date by the next
+  // refresh(), from the word as it was and as it is then.
+  void entryChanging(U16 index) {
     const U32 w = index >> 6;
-    staleWords_[w >> 6] |= U64(1) << (w & 63);
+    U64& marks = staleWords_[w >> 6];
+    const U64 mark = U64(1) << (w & 63);
+    if (!(marks & mark)) {
+      marks |= mark;
+      wordsBefore_[w] = bitmap_->word(w);
+    }
     stale_ = true;
   }
 
@@ -53,8 +67,11 @@ class FreeRunTree {
   U32 shortLength() const { return shortLength_; }
 
   // Brings the tree up to date with the words marked since the last
-  // refresh: each costs a walk towards the root (at most ten joins) that
-  // stops where a node comes out as it was, and words side by side share
+  // refresh. The table's free entries, runs and short free entries move by
+  // what each stretch of marked words changed (its runs as they were and as
+  // they are, with the free entries running on either side of it); each
+  // word then walks towards the root (at most ten joins of ends and longest
+  // runs) until a node comes out as it was, and words side by side share
   // their walks. Returns whether anything had been marked (or the short
   // length changed).
   bool refresh();
@@ -76,78 +93,106 @@ class FreeRunTree {
   // The free entries in runs shorter than the short length (after refresh()).
   U32 shortFreeEntries() const;
 
-  // The free entries among first .. last - 1 (after refresh()): two counts
-  // of the free entries below an index, each a walk of ten additions the
-  // first time it is asked for; the last few are then kept up to date by
-  // refresh() from the change of each changed pair of words, so asking
-  // again for the same ends costs a comparison each.
-  U32 freeIn(U32 first, U32 last);
+  // The free entries among first .. last - 1, counted a word at a time.
+  U32 freeIn(U32 first, U32 last) const;
+
+  // A few indexes whose free entries below them are kept: an owner's
+  // region boundaries, in any order, each at most `entries`.
+  static constexpr U32 cutCount = 5;
+  using Cuts = std::array<U32, cutCount>;
+  // The free entries among 0 .. cuts[i] - 1 for each i (after refresh()).
+  // The counts are kept up to date by refresh() from each changed stretch
+  // of words, so asking for the same cuts again costs a comparison each; a
+  // cut that moved costs the words it moved over.
+  const Cuts& freeBelow(const Cuts& cuts);
 
   // The entries first .. last - 1 as a span of their own (after refresh()):
   // free entries outside it do not count, so its runs are cut at its ends.
-  // Costs at most two joins per level of the tree (the words cut at the
-  // ends, then whole nodes bottom-up); the last few answers are remembered
-  // until a refresh changes a word under them, so asking again for the
-  // same span costs a comparison.
+  // Joins the span's words one by one (the tree keeps no sums for its
+  // nodes); the last few answers are remembered until a refresh changes a
+  // word under them, so asking again for the same span costs a comparison.
   Span span(U32 first, U32 last);
 
   // The longest run of free entries among first .. last - 1 (after
-  // refresh()): span(first, last).longest, for about half the work (the
-  // other figures are not joined), remembered with the spans.
+  // refresh()): span(first, last).longest, from the tree (at most two joins
+  // per level: the words cut at the ends, then whole nodes bottom-up),
+  // remembered with the spans.
   U32 longestRunIn(U32 first, U32 last);
 
  private:
   static constexpr U32 wordCount = entries / 64;
   // The figures of a node below the root, whose span (at most 32,768
   // entries) bounds every one of them: 16 bits each. Its length follows
-  // from its place in the tree.
+  // from its place in the tree. No sums: those change at every level up to
+  // the root, and a walk stops at the first node that comes out as it was.
   struct Node {
-    U16 free = 0, head = 0, tail = 0, longest = 0, runs = 0, shortInner = 0;
+    U16 head = 0, tail = 0, longest = 0;
     bool operator==(const Node&) const = default;
+  };
+  // Runs and short free entries counted over a stretch of words.
+  struct RunTally {
+    U32 runs = 0, shortFree = 0, longest = 0;
   };
   // A span the tree answered for, kept until a word under it changes.
   struct RememberedSpan {
     U32 first = 0, last = 0;  // last 0: nothing remembered
     bool whole = false;       // false: only the length, ends and longest run
+    bool asked = false;       // asked for since the last refresh that found work
     Span span;
   };
   static constexpr U32 rememberedSpans = 4;
-  // The free entries below an index, kept as the words below it change.
-  struct RememberedCount {
-    U32 index = 0;  // 0: nothing remembered (nothing lies below 0)
-    U32 free = 0;
-  };
-  static constexpr U32 rememberedCounts = 8;
 
   // Node n: 1 is the table; n has children 2n and 2n + 1; word w is node
   // wordCount + w, computed from the bitmap. length is the entries under n.
-  Span nodeSpan(U32 n, U32 length) const;
-  Span wordSpan(U32 w) const;
-  Span storedSpan(U32 n, U32 length) const;  // 1 < n < wordCount
+  Ends nodeEnds(U32 n, U32 length) const;
+  Ends storedEnds(U32 n, U32 length) const;  // 1 < n < wordCount
+  // The entries low .. high - 1 of word w as a span of their own.
+  Span partOfWord(U32 w, U32 low, U32 high) const;
   // Stores s as node n's figures (1 < n < wordCount); returns whether they
   // changed.
-  bool nodeIs(U32 n, const Span& s);
+  bool nodeIs(U32 n, const Ends& s);
   // Joins the children of node n again: two words (n at the lowest level),
   // two stored nodes of childLength entries each, or the root's two halves.
   bool joinWords(U32 n);
   bool joinStored(U32 n, U32 childLength);
   void joinRoot();
+  // Sets the table's short inner runs from its short free entries.
+  void settleTable();
   void rebuild();
-  // The free entries among 0 .. index - 1: remembered, or counted and
-  // remembered.
-  U32 freeBefore(U32 index);
-  U32 countedFreeBefore(U32 index) const;
-  // The free entries of the pair of words under bottom node n went up by
-  // change (a negative change wraps): remembered counts above the pair
-  // follow, those inside it are forgotten.
-  void pairChanged(U32 n, U32 change);
-  void forgetSpansOver(U32 word);
-  // The entries first .. last - 1 (first < last <= entries) as a Span, or
-  // only its ends and longest run.
-  template <typename Figures>
-  Figures spanOf(U32 first, U32 last) const;
-  template <typename Figures>
-  Figures nodeFigures(U32 n, U32 length) const;
+  // Moves the table's figures, the cuts' counts and the remembered spans by what
+  // changed in words first .. last (all marked, none beside them).
+  void stretchChanged(U32 first, U32 last);
+  // The runs of words first .. last (read through wordOf) that lie in them
+  // or touch them, with below free entries running up to the first and
+  // above running on from the last.
+  template <typename WordOf>
+  RunTally runsOf(U32 first, U32 last, U32 below, U32 above, WordOf wordOf) const;
+  // The free entries running down from word w's top and up from word w's
+  // bottom (words read through wordOf), counted to no further than limit:
+  // what lies beyond a run that long does not matter to the question.
+  template <typename WordOf>
+  U32 freeRunDownFrom(S32 w, U32 limit, WordOf wordOf) const;
+  template <typename WordOf>
+  U32 freeRunUpFrom(U32 w, U32 limit, WordOf wordOf) const;
+  // Word w as it was before this batch: kept if marked, else as it is.
+  U64 wordAsBefore(U32 w) const;
+  // Whether remembered span r's longest run is the same after words
+  // first .. last (one stretch) changed: a change that only took entries
+  // and cut no run as long as it, or only gave entries back and made no run
+  // longer than it. Anything else, and a span remembered in full, is
+  // forgotten and joined again when next asked for.
+  bool longestKept(const RememberedSpan& r, U32 first, U32 last) const;
+  // Whether a longest run stays after a stretch took entries, gave entries
+  // back or both, from the longest runs through the stretch before and
+  // after it (each read to at least one entry past the longest, or past a
+  // block's largest length).
+  static bool longestStays(U32 longest, bool taken, bool given, U32 cutLongest, U32 joinedLongest);
+  // The free entries among first .. last - 1 of the words as they were
+  // before this batch (first and last in one stretch of marked words).
+  U32 freeBeforeBetween(U32 first, U32 last) const;
+  // The longest run of the entries first .. last - 1 (first < last <=
+  // entries), from the tree.
+  Ends endsIn(U32 first, U32 last) const;
   const Span& remember(U32 first, U32 last, const Span& s, bool whole);
   // A run search's question and what it carries from span to span.
   struct UpwardSearch;
@@ -157,19 +202,24 @@ class FreeRunTree {
 
   const TableBitmap* bitmap_;
   U32 shortLength_ = 0;
+  U32 shortFree_ = 0;
   bool stale_ = false;
   U64 refreshes_ = 0;
   // Set until the first refresh and after the short length changes.
   bool rebuildPending_ = true;
-  // One bit per word marked since the last refresh.
+  // One bit per word marked since the last refresh, and each marked word
+  // as it was when first marked.
   std::array<U64, wordCount / 64> staleWords_{};
+  std::array<U64, wordCount> wordsBefore_{};
   Span table_;
   // Nodes 2 .. wordCount - 1 (0 and 1 unused: the table is table_).
   std::array<Node, wordCount> nodes_{};
   std::array<RememberedSpan, rememberedSpans> remembered_{};
   U32 nextRemembered_ = 0;
-  std::array<RememberedCount, rememberedCounts> rememberedCounts_{};
-  U32 nextRememberedCount_ = 0;
+  // The cuts last asked for and the free entries below each (all 0 after a
+  // rebuild: counted again from the table's start when next asked for).
+  Cuts cuts_{};
+  Cuts freeBelowCuts_{};
 };
 
 }  // namespace Brevant
