@@ -17,6 +17,7 @@
 
 #include "Kiln/Assert.h"
 #include "Kiln/CollectionMember.h"
+#include "Kiln/OrderedIterator.h"
 #include "Kiln/Ptr.h"
 #include "Kiln/Types.h"
 
@@ -40,42 +41,9 @@ class DirectOrderedMap {
   // Every key of K has a place in the array.
   static constexpr std::size_t keys = std::size_t(1) << (8 * sizeof(K));
 
-  // Ascending bidirectional iterator; --end() is the last member. Unlike a
-  // tree's, it stays valid while other members come and go.
-  class Iterator {
-   public:
-    Iterator() = default;
-    M* operator->() const { return member_; }
-    M& operator*() const { return *member_; }
-    // The member, or nullptr at the end.
-    M* ptr() const { return member_; }
-    Iterator& operator++() {
-      member_ = map_->after(slot(member_->key()));
-      return *this;
-    }
-    Iterator operator++(int) {
-      Iterator before = *this;
-      ++*this;
-      return before;
-    }
-    Iterator& operator--() {
-      member_ = member_ ? map_->before(slot(member_->key())) : map_->last();
-      return *this;
-    }
-    Iterator operator--(int) {
-      Iterator before = *this;
-      --*this;
-      return before;
-    }
-    friend bool operator==(const Iterator& a, const Iterator& b) { return a.member_ == b.member_; }
-
-   private:
-    friend class DirectOrderedMap;
-    Iterator(const DirectOrderedMap* map, M* member) : map_(map), member_(member) {}
-
-    const DirectOrderedMap* map_ = nullptr;
-    M* member_ = nullptr;
-  };
+  // Unlike a tree's, an iterator stays valid while other members come and
+  // go.
+  using Iterator = OrderedIterator<DirectOrderedMap, M>;
 
   DirectOrderedMap() = default;
   DirectOrderedMap(const DirectOrderedMap&) = delete;
@@ -131,9 +99,9 @@ class DirectOrderedMap {
 
   // Removes the member at position and returns the position of the next one.
   Iterator remove(Iterator position) {
-    M* next = after(slot(position->key()));
+    M* following = next(position.ptr());
     unlink(position.ptr());
-    return Iterator(this, next);
+    return Iterator(this, following);
   }
 
   // Removes every member in ascending key order, dropping the map's
@@ -153,6 +121,8 @@ class DirectOrderedMap {
   Iterator end() const { return Iterator(this, nullptr); }
 
  private:
+  friend Iterator;
+
   static constexpr std::size_t words = (keys + 63) / 64;
   static constexpr std::size_t summaries = (words + 63) / 64;
 
@@ -235,8 +205,15 @@ class DirectOrderedMap {
     return slots_->byKey[w * 64 + 63 - std::size_t(std::countl_zero(bits))];
   }
 
-  M* after(std::size_t s) const { return s + 1 < keys ? atOrAfter(s + 1) : nullptr; }
-  M* before(std::size_t s) const { return s > 0 ? atOrBefore(s - 1) : nullptr; }
+  M* next(M* m) const {
+    const std::size_t s = slot(m->key());
+    return s + 1 < keys ? atOrAfter(s + 1) : nullptr;
+  }
+  M* previous(M* m) const {
+    if (!m) return last();
+    const std::size_t s = slot(m->key());
+    return s > 0 ? atOrBefore(s - 1) : nullptr;
+  }
 
   std::unique_ptr<Slots> slots_;  // null while nothing was inserted
   U32 members_ = 0;

@@ -7,6 +7,7 @@
 #include "Kiln/Allocator.h"
 #include "Kiln/Assert.h"
 #include "Kiln/CollectionMember.h"
+#include "Kiln/OrderedIterator.h"
 #include "Kiln/Ptr.h"
 #include "Kiln/Types.h"
 
@@ -51,41 +52,7 @@ class RbTreeMember : public CollectionMember<M, K, V> {
 template <class M, class K, class V>
 class RbTreeMap {
  public:
-  // Ascending bidirectional iterator; --end() is the last member.
-  class Iterator {
-   public:
-    Iterator() = default;
-    M* operator->() const { return member_; }
-    M& operator*() const { return *member_; }
-    // The member, or nullptr at the end.
-    M* ptr() const { return member_; }
-    Iterator& operator++() {
-      member_ = step(member_, 1);
-      return *this;
-    }
-    Iterator operator++(int) {
-      Iterator before = *this;
-      ++*this;
-      return before;
-    }
-    Iterator& operator--() {
-      member_ = member_ ? step(member_, 0) : map_->last();
-      return *this;
-    }
-    Iterator operator--(int) {
-      Iterator before = *this;
-      --*this;
-      return before;
-    }
-    friend bool operator==(const Iterator& a, const Iterator& b) { return a.member_ == b.member_; }
-
-   private:
-    friend class RbTreeMap;
-    Iterator(const RbTreeMap* map, M* member) : map_(map), member_(member) {}
-
-    const RbTreeMap* map_ = nullptr;
-    M* member_ = nullptr;
-  };
+  using Iterator = OrderedIterator<RbTreeMap, M>;
 
   RbTreeMap() = default;
   RbTreeMap(const RbTreeMap&) = delete;
@@ -139,9 +106,9 @@ class RbTreeMap {
 
   // Removes the member at position and returns the position of the next one.
   Iterator remove(Iterator position) {
-    M* next = step(position.member_, 1);
-    unlink(position.member_);
-    return Iterator(this, next);
+    M* following = step(position.ptr(), 1);
+    unlink(position.ptr());
+    return Iterator(this, following);
   }
 
   // Removes every member, dropping the map's references.
@@ -171,6 +138,10 @@ class RbTreeMap {
 
  private:
   friend struct RbTreeAccess;
+  friend Iterator;
+
+  M* next(M* m) const { return step(m, 1); }
+  M* previous(M* m) const { return m ? step(m, 0) : last(); }
 
   // Links m, whose key must not be in the map yet, and takes a reference.
   void linkMember(M* m) {
