@@ -39,7 +39,10 @@ for file in BrevantConfig.cmake BrevantConfigVersion.cmake BrevantTargets.cmake 
   [ -f "$libdir/cmake/Brevant/$file" ] || { echo "not installed: cmake/Brevant/$file"; exit 1; }
 done
 
-"$prefix/bin/brevant-agent" --version | grep -qx "brevant-agent $version" ||
+# Read whole before it is searched (grep -q may stop reading early, which
+# pipefail would count as a failure of the program).
+printed=$("$prefix/bin/brevant-agent" --version)
+grep -qx "brevant-agent $version" <<<"$printed" ||
   { echo "installed brevant-agent --version does not print $version"; exit 1; }
 
 cmake -S "$examples" -B "$work/examples" -DCMAKE_PREFIX_PATH="$prefix" "${options[@]}"

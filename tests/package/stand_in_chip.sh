@@ -37,8 +37,11 @@ rm -rf "$work/prefix"
 cmake --install "$build" --prefix "$work/prefix" >"$work/install.log"
 installed=$(find "$work/prefix" -name libbrevant-brevant.so | head -1)
 [ -n "$installed" ] || { echo "libbrevant-brevant.so not installed"; exit 1; }
-env -u LD_LIBRARY_PATH ldd "$installed" | grep -q "libstand_in_chip.so => $(dirname "$installed")/" ||
-  { echo "the installed library does not find the installed stand-in:"; ldd "$installed"; exit 1; }
+# The output is read whole before it is searched: `ldd | grep -q` under
+# pipefail fails whenever grep stops reading before ldd has written all.
+dependencies=$(env -u LD_LIBRARY_PATH ldd "$installed")
+grep -q "libstand_in_chip.so => $(dirname "$installed")/" <<<"$dependencies" ||
+  { echo "the installed library does not find the installed stand-in:"; echo "$dependencies"; exit 1; }
 check file "the library file $chip" -DSTAND_IN_CHIP_FILE="$chip" \
   -DBREVANT_BUILD_TESTS=ON -DBREVANT_BUILD_APPS=ON -DBREVANT_BUILD_BENCHMARKS=ON
 for skipped in "Brevant: the agent program and the benchmarks are skipped: they drive the chip simulator" \
