@@ -408,9 +408,7 @@ U32 FreeRunTree::freeIn(U32 first, U32 last) const {
 U32 FreeRunTree::freeBeforeBetween(U32 first, U32 last) const {
   U32 n = 0;
   for (U32 w = first / 64; first < last; ++w, first = w * 64) {
-    const U32 low = first % 64, high = std::min(last - w * 64, 64u);
-    const U64 inside = (wordsBefore_[w] >> low) << low;
-    n += onesIn(high == 64 ? inside : inside & ((U64(1) << high) - 1));
+    n += onesIn(wordsBefore_[w] & TableBitmap::bitsIn(w, first, last));
   }
   return n;
 }

@@ -74,8 +74,11 @@ class TableBitmap {
   }
 
   // Word w restricted to [from, to): its indexes outside the range cleared.
-  U64 wordIn(U32 w, U32 from, U32 to) const {
-    U64 bits = words_[w];
+  U64 wordIn(U32 w, U32 from, U32 to) const { return words_[w] & bitsIn(w, from, to); }
+
+  // The bits of word w whose indexes lie in [from, to).
+  static U64 bitsIn(U32 w, U32 from, U32 to) {
+    U64 bits = ~U64(0);
     const U32 base = w * 64;
     if (from > base) bits &= ~U64(0) << (from - base);
     if (to < base + 64) bits &= (U64(1) << (to - base)) - 1;

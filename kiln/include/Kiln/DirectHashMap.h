@@ -33,6 +33,7 @@ class DirectHashMap {
   // insertion (65,536 pointers for a 16-bit key).
   explicit DirectHashMap(U8 log2Buckets = 4) : map_(log2Buckets) {}
   DirectHashMap(const DirectHashMap& other) : map_(other.map_) {
+    if (!map_.empty()) makeArray();
     for (M& m : map_) place(&m);
   }
   DirectHashMap(DirectHashMap&& other) noexcept = default;
@@ -72,6 +73,7 @@ class DirectHashMap {
 
   // Adds member, whose key must not be in the map yet; takes a reference.
   void insert(const Ptr<M>& member) {
+    makeArray();
     map_.insert(member);
     place(member.ptr());
   }
@@ -79,7 +81,7 @@ class DirectHashMap {
   // Builds a member M(key, value), adds it and returns it; key must not be in
   // the map yet.
   M* insertNew(const K& key, const V& value) {
-    if (!byKey_) byKey_.reset(new M*[keys]());
+    makeArray();
     M* m = map_.insertNew(key, value);
     place(m);
     return m;
@@ -120,10 +122,13 @@ class DirectHashMap {
  private:
   static std::size_t slot(K key) { return std::size_t(std::make_unsigned_t<K>(key)); }
 
-  void place(M* m) {
+  // Allocates the array if there is none yet, before a member is added, so
+  // that a failed allocation leaves the map as it was.
+  void makeArray() {
     if (!byKey_) byKey_.reset(new M*[keys]());
-    byKey_[slot(m->key())] = m;
   }
+
+  void place(M* m) { byKey_[slot(m->key())] = m; }
 
   Map map_;
   std::unique_ptr<M*[]> byKey_;  // the member of each key, or null

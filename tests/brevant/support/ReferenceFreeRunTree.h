@@ -7,6 +7,7 @@
 #include <array>
 #include <bit>
 
+#include "Brevant/FreeRunTree.h"
 #include "Brevant/TableBitmap.h"
 #include "Kiln/Support.h"
 
@@ -16,19 +17,9 @@ using Brevant::TableBitmap;
 
 class ReferenceFreeRunTree {
  public:
-  // What the tree knows of a span of entries. A run is a maximal stretch of
-  // consecutive free entries; an inner run touches neither end of the span.
-  struct Span {
-    U32 length = 0;      // entries in the span
-    U32 free = 0;        // free entries
-    U32 head = 0;        // free entries in the run at the low end (0: none)
-    U32 tail = 0;        // free entries in the run at the high end
-    U32 longest = 0;     // entries in the longest run
-    U32 runs = 0;        // runs that lie in the span, wholly or partly
-    U32 shortInner = 0;  // free entries in inner runs shorter than the short length
-    bool allFree() const { return head == length; }
-    bool operator==(const Span&) const = default;
-  };
+  // What the tree knows of a span of entries: the same figures as the
+  // current tree's, so that the two can be compared whole.
+  using Span = Brevant::FreeRunTree::Span;
 
   static constexpr U32 entries = TableBitmap::indexes;
 
