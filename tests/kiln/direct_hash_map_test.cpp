@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -94,6 +95,157 @@ TEST(DirectHashMap, MatchesAPlainHashMapUnderRandomChanges) {
   }
   EXPECT_EQ(iterated(plain), iterated(direct));
   for (const KilnSlot& m : plain) EXPECT_EQ(direct.find(m.key())->value(), m.value());
+}
+
+// Members with their buckets, in iteration order.
+template <class Map>
+auto layout(const Map& map) {
+  std::vector<std::tuple<U32, int, U32>> members;
+  for (auto it = map.begin(); it != map.end(); ++it) {
+    members.emplace_back(it.bucket(), int(it->key()), U32(it->value()));
+  }
+  return members;
+}
+
+// Fills maps of key K beside a plain HashMap until every key has a bucket
+// of its own (the direct map is spread), then churns, empties from the
+// front and refills them: the same members, buckets and order throughout,
+// copies and moves included, and every member released at the end.
+template <class Member, class K>
+void churnPastSpreading(U32 seed, U32 steps) {
+  using Plain = Kiln::HashMap<Member, K, U32>;
+  using Direct = Kiln::DirectHashMap<Member, K, U32>;
+  const U64 liveBefore = Kiln::allocationRecord<Member>().live();
+  {
+    std::mt19937 random(seed);
+    const U32 range = U32(Direct::keys);
+    Plain plain;
+    Direct direct;
+    auto same = [&](U32 step) {
+      ASSERT_EQ(plain.members(), direct.members()) << "step " << step;
+      ASSERT_EQ(plain.buckets(), direct.buckets()) << "step " << step;
+      ASSERT_EQ(plain.log2Buckets(), direct.log2Buckets()) << "step " << step;
+      ASSERT_EQ(layout(plain), layout(direct)) << "step " << step;
+      ASSERT_EQ(plain.end().bucket(), direct.end().bucket());
+    };
+    for (U32 step = 0; step < steps; ++step) {
+      // Fill most of the way for the first half of the run, then keep the
+      // share of keys present where it is.
+      const bool filling = step < steps / 2;
+      const K key = K(random() % range);
+      const U32 pick = random() % 16;
+      if (pick < (filling ? 13u : 7u)) {
+        if (!plain.find(key)) {
+          if (pick % 2 == 0) {
+            plain.insert(new Member(key, step));
+            direct.insert(new Member(key, step));
+          } else {
+            plain.insertNew(key, step);
+            const Member* built = direct.insertNew(key, step);
+            ASSERT_EQ(built, direct.find(key));
+          }
+        }
+      } else if (pick < 14) {
+        const Kiln::Ptr<Member> a = plain.remove(key);
+        const Kiln::Ptr<Member> b = direct.remove(key);
+        ASSERT_EQ(bool(a), bool(b)) << "step " << step;
+        if (a) {
+          ASSERT_EQ(a->value(), b->value());
+        }
+      } else if (pick == 14 && random() % 8 == 0) {
+        if (!plain.empty()) {
+          auto a = plain.remove(plain.begin());
+          auto b = direct.remove(direct.begin());
+          ASSERT_EQ(a == plain.end(), b == direct.end());
+          if (a != plain.end()) {
+            ASSERT_EQ(a->key(), b->key());
+          }
+        }
+      } else if (random() % 8 == 0) {
+        const U32 room = plain.members() + random() % (range / 2);
+        plain.reserve(room);
+        direct.reserve(room);
+      }
+      const Member* a = plain.find(key);
+      const Member* b = direct.find(key);
+      ASSERT_EQ(a != nullptr, b != nullptr) << "step " << step;
+      if (a) {
+        ASSERT_EQ(a->value(), b->value());
+      }
+      if (step % (steps / 16) == 0) same(step);
+      // By the end of the filling every key has a bucket of its own.
+      if (step == steps / 2) {
+        ASSERT_GE(direct.log2Buckets(), Direct::keyBits);
+      }
+    }
+    same(steps);
+    // Copies and moves of the spread map, and equality.
+    Direct copy(direct);
+    EXPECT_TRUE(copy == direct);
+    EXPECT_EQ(layout(copy), layout(direct));
+    Direct moved(std::move(copy));
+    EXPECT_EQ(layout(moved), layout(direct));
+    EXPECT_TRUE(copy.empty());
+    if (!direct.empty()) {
+      const K first = direct.begin()->key();
+      moved.remove(first);
+      EXPECT_FALSE(moved == direct);
+    }
+    // Emptied from the front, member by member, as a generated DelAll does
+    // (a plain map's begin() walks its empty buckets each time, so the
+    // comparison stops after a while), then key by key.
+    for (U32 n = 0; n < 1000 && !plain.empty(); ++n) {
+      ASSERT_EQ(plain.begin()->key(), direct.begin()->key());
+      plain.remove(plain.begin());
+      direct.remove(direct.begin());
+    }
+    same(steps);
+    while (!direct.empty()) direct.remove(direct.begin());
+    for (U32 k = 0; k < range; ++k) plain.remove(K(k));
+    ASSERT_TRUE(plain.empty());
+    EXPECT_TRUE(direct.begin() == direct.end());
+    // Refilled, then cleared: the buckets stay as they were.
+    for (U32 k = 0; k < range; k += 3) {
+      plain.insertNew(K(k), k);
+      direct.insertNew(K(k), k);
+    }
+    same(steps + 1);
+    plain.clear();
+    direct.clear();
+    same(steps + 2);
+    EXPECT_EQ(direct.find(K(3)), nullptr);
+  }
+  EXPECT_EQ(Kiln::allocationRecord<Member>().live(), liveBefore);
+}
+
+class KilnWide : public Kiln::HashMapMember<KilnWide, U16, U32> {
+  using HashMapMember::HashMapMember;
+};
+class KilnNarrow : public Kiln::HashMapMember<KilnNarrow, S8, U32> {
+  using HashMapMember::HashMapMember;
+};
+
+TEST(DirectHashMap, SixteenBitKeysIterateAsAPlainHashMapOnceEachHasABucket) {
+  churnPastSpreading<KilnWide, U16>(5, 120000);
+}
+
+TEST(DirectHashMap, SignedEightBitKeysIterateAsAPlainHashMapOnceEachHasABucket) {
+  for (U32 seed = 1; seed <= 20; ++seed) churnPastSpreading<KilnNarrow, S8>(seed, 4000);
+}
+
+TEST(DirectHashMap, AMapBuiltWithABucketPerKeyNeverChains) {
+  Kiln::DirectHashMap<KilnNarrow, S8, U32> direct(9);
+  Kiln::HashMap<KilnNarrow, S8, U32> plain(9);
+  for (int k : {5, -3, 0, 127, -128, 64}) {
+    direct.insertNew(S8(k), U32(k + 200));
+    plain.insertNew(S8(k), U32(k + 200));
+  }
+  EXPECT_EQ(layout(direct), layout(plain));
+  EXPECT_EQ(direct.buckets(), 512u);
+  // The bucket of a key is its own, whatever the order it came in.
+  for (auto it = direct.begin(); it != direct.end(); ++it) {
+    EXPECT_EQ(it.bucket(), (Kiln::DirectHashMap<KilnNarrow, S8, U32>::bucketOf(it->key(), 9)));
+  }
 }
 
 TEST(DirectHashMap, CopiesFindTheirOwnMembers) {
