@@ -340,12 +340,11 @@ bool FreeRunTree::longestStays(U32 longest, bool taken, bool given, U32 cutLonge
   return taken ? cutLongest < longest && cutLongest <= readUpTo : joinedLongest <= readUpTo;
 }
 
-bool FreeRunTree::refresh() {
+bool FreeRunTree::refreshMarked() {
   if (rebuildPending_) {
     rebuild();
     return true;
   }
-  if (staleGroups_ == 0) return false;
   ++refreshes_;
   // Answers nobody asked for since the last refresh are not kept up to date
   // any longer (a boundary moved away from them).

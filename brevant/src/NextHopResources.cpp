@@ -94,6 +94,12 @@ void NextHopResources::compactionRunIs(double seconds, bool cut) {
 }
 
 void NextHopResources::checkWatermarks() {
+  // Both alarms off and switched off (the default): nothing can rise, and
+  // every publication passes here.
+  if (!usedAlarm_ && !fragmentationAlarm_ && usedHighWatermark_ == 0.0 &&
+      fragmentationHighWatermark_ == 0.0) {
+    return;
+  }
   const bool used = nextAlarm(usedAlarm_, usedPercent_, usedHighWatermark_, usedLowWatermark_);
   if (used != usedAlarm_) {
     if (used) {
