@@ -433,8 +433,7 @@ U32 FreeRunTree::freeBeforeBetween(U32 first, U32 last) const {
   return n;
 }
 
-const FreeRunTree::Cuts& FreeRunTree::freeBelow(const Cuts& cuts) {
-  if (cuts == cuts_) return freeBelowCuts_;
+const FreeRunTree::Cuts& FreeRunTree::freeBelowMoved(const Cuts& cuts) {
   for (U32 i = 0; i < cutCount; ++i) {
     const U32 from = cuts_[i], to = std::min(cuts[i], entries);
     if (to > from) freeBelowCuts_[i] += freeIn(from, to);
@@ -464,15 +463,7 @@ FreeRunTree::Span FreeRunTree::span(U32 first, U32 last) {
   return remember(first, last, s, true);
 }
 
-U32 FreeRunTree::longestRunIn(U32 first, U32 last) {
-  last = std::min(last, entries);
-  if (first >= last) return 0;
-  for (RememberedSpan& r : remembered_) {
-    if (r.first == first && r.last == last) {
-      r.asked = true;
-      return r.span.longest;
-    }
-  }
+U32 FreeRunTree::longestRunJoined(U32 first, U32 last) {
   walkNodes();
   const Ends ends = endsIn(first, last);
   Span s;

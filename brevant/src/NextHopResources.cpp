@@ -94,12 +94,6 @@ void NextHopResources::compactionRunIs(double seconds, bool cut) {
 }
 
 void NextHopResources::checkWatermarks() {
-  // Both alarms off and switched off (the default): nothing can rise, and
-  // every publication passes here.
-  if (!usedAlarm_ && !fragmentationAlarm_ && usedHighWatermark_ == 0.0 &&
-      fragmentationHighWatermark_ == 0.0) {
-    return;
-  }
   const bool used = nextAlarm(usedAlarm_, usedPercent_, usedHighWatermark_, usedLowWatermark_);
   if (used != usedAlarm_) {
     if (used) {
@@ -175,7 +169,12 @@ void NextHopManager::refreshResources() {
   r.freeRunsIs(freeRuns.runCount());
   r.largestGroupSeenIs(U16(freeRuns.shortLength()));
   r.fragmentationPercentIs(percentOf(freeRuns.shortFreeEntries(), free));
-  r.checkWatermarks();
+  // Both alarms off and switched off (the default), no alarm can change:
+  // tested here, inline, as every publication passes here.
+  if (r.usedAlarm() || r.fragmentationAlarm() || r.usedHighWatermark() != 0.0 ||
+      r.fragmentationHighWatermark() != 0.0) {
+    r.checkWatermarks();
+  }
 }
 
 void NextHopManager::recountResources() {

@@ -16,6 +16,7 @@
 // operation before it and its own.
 #pragma once
 
+#include <algorithm>
 #include <array>
 
 #include "Brevant/TableBitmap.h"
@@ -125,7 +126,10 @@ class FreeRunTree {
   // The counts are kept up to date by refresh() from each changed stretch
   // of words, so asking for the same cuts again costs a comparison each; a
   // cut that moved costs the words it moved over.
-  const Cuts& freeBelow(const Cuts& cuts);
+  const Cuts& freeBelow(const Cuts& cuts) {
+    if (cuts == cuts_) return freeBelowCuts_;
+    return freeBelowMoved(cuts);
+  }
 
   // The entries first .. last - 1 as a span of their own (after refresh()):
   // free entries outside it do not count, so its runs are cut at its ends.
@@ -137,8 +141,19 @@ class FreeRunTree {
   // The longest run of free entries among first .. last - 1 (after
   // refresh()): span(first, last).longest, from the tree (at most two joins
   // per level: the words cut at the ends, then whole nodes bottom-up, after
-  // a walk of the nodes if one is due), remembered with the spans.
-  U32 longestRunIn(U32 first, U32 last);
+  // a walk of the nodes if one is due), remembered with the spans. A
+  // remembered answer is found inline: every publication asks for two.
+  U32 longestRunIn(U32 first, U32 last) {
+    last = std::min(last, entries);
+    if (first >= last) return 0;
+    for (RememberedSpan& r : remembered_) {
+      if (r.first == first && r.last == last) {
+        r.asked = true;
+        return r.span.longest;
+      }
+    }
+    return longestRunJoined(first, last);
+  }
 
   // Walks the nodes above every word refreshed since the last walk, all
   // at once, a level at a time: each word walks towards the root (at most
@@ -189,6 +204,10 @@ class FreeRunTree {
   void joinRoot();
   void walkUnwalked();
   bool refreshMarked();
+  // longestRunIn's answer when none is remembered: joined from the tree.
+  U32 longestRunJoined(U32 first, U32 last);
+  // freeBelow's counts when a cut moved.
+  const Cuts& freeBelowMoved(const Cuts& cuts);
   // Sets the table's short inner runs from its short free entries.
   void settleTable();
   void rebuild();
