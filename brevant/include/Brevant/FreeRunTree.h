@@ -155,16 +155,6 @@ class FreeRunTree {
     return longestRunJoined(first, last);
   }
 
-  // Walks the nodes above every word refreshed since the last walk, all
-  // at once, a level at a time: each word walks towards the root (at most
-  // ten joins of ends and longest runs) until a node comes out as it was,
-  // and words side by side share their parents. Settles the table's ends,
-  // longest run and short inner runs. Nothing to do costs a test; the
-  // questions that need the nodes call it themselves.
-  void walkNodes() {
-    if (unwalkedGroups_ != 0) walkUnwalked();
-  }
-
  private:
   static constexpr U32 wordCount = entries / 64;
   // The figures of a node below the root, whose span (at most 32,768
@@ -202,7 +192,17 @@ class FreeRunTree {
   bool joinWords(U32 n);
   bool joinStored(U32 n, U32 childLength);
   void joinRoot();
+  // Walks the nodes above every word refreshed since the last walk, all
+  // at once, a level at a time: each word walks towards the root (at most
+  // ten joins of ends and longest runs) until a node comes out as it was,
+  // and words side by side share their parents. Settles the table's ends,
+  // longest run and short inner runs. Nothing to do costs a test; the
+  // questions that need the nodes call it themselves.
+  void walkNodes() {
+    if (unwalkedGroups_ != 0) walkUnwalked();
+  }
   void walkUnwalked();
+  // refresh() with something marked or the short length changed.
   bool refreshMarked();
   // longestRunIn's answer when none is remembered: joined from the tree.
   U32 longestRunJoined(U32 first, U32 last);
