@@ -231,7 +231,9 @@ void FreeRunTree::rebuild() {
   shortFree_ = tally.shortFree;
   settleTable();
   staleWords_.fill(0);
-  stale_ = false;
+  staleGroups_ = 0;
+  unwalkedWords_.fill(0);
+  unwalkedGroups_ = 0;
   rebuildPending_ = false;
   for (RememberedSpan& r : remembered_) r.last = 0;
   cuts_.fill(0);
@@ -338,12 +340,11 @@ bool FreeRunTree::longestStays(U32 longest, bool taken, bool given, U32 cutLonge
   return taken ? cutLongest < longest && cutLongest <= readUpTo : joinedLongest <= readUpTo;
 }
 
-bool FreeRunTree::refresh() {
+bool FreeRunTree::refreshMarked() {
   if (rebuildPending_) {
     rebuild();
     return true;
   }
-  if (!stale_) return false;
   ++refreshes_;
   // Answers nobody asked for since the last refresh are not kept up to date
   // any longer (a boundary moved away from them).
@@ -351,30 +352,50 @@ bool FreeRunTree::refresh() {
     if (!r.asked) r.last = 0;
     r.asked = false;
   }
-  // The nodes to join again, a level at a time, lowest first and each once:
-  // marked words next to each other share their parents, and a node that
-  // comes out as it was does not pass the walk on to its parent.
-  std::array<U16, wordCount / 2> changed;
-  U32 count = 0;
-  auto add = [&](U32 n) {
-    if (count == 0 || changed[count - 1] != n) changed[count++] = U16(n);
-  };
-  // The table's figures move stretch by stretch of marked words.
+  // The table's figures move stretch by stretch of marked words; the words
+  // wait for the next walk of the nodes.
   U32 stretchFirst = 0, previous = 0;
   bool inStretch = false;
-  for (U32 group = 0; group < staleWords_.size(); ++group) {
-    for (U64 bits = staleWords_[group]; bits != 0; bits &= bits - 1) {
+  for (U32 groups = staleGroups_; groups != 0; groups &= groups - 1) {
+    const U32 group = U32(std::countr_zero(groups));
+    const U64 marked = staleWords_[group];
+    unwalkedWords_[group] |= marked;
+    for (U64 bits = marked; bits != 0; bits &= bits - 1) {
       const U32 w = group * 64 + U32(std::countr_zero(bits));
       if (inStretch && w != previous + 1) stretchChanged(stretchFirst, previous);
       if (!inStretch || w != previous + 1) stretchFirst = w;
       inStretch = true;
       previous = w;
-      add((wordCount + w) / 2);
     }
   }
   if (inStretch) stretchChanged(stretchFirst, previous);
-  staleWords_.fill(0);
-  stale_ = false;
+  // The marks are cleared only now: a stretch reads the words above it as
+  // they were through them.
+  for (U32 groups = staleGroups_; groups != 0; groups &= groups - 1) {
+    staleWords_[std::countr_zero(groups)] = 0;
+  }
+  unwalkedGroups_ |= staleGroups_;
+  staleGroups_ = 0;
+  return true;
+}
+
+void FreeRunTree::walkUnwalked() {
+  // The nodes to join again, a level at a time, lowest first and each once:
+  // words next to each other share their parents, and a node that comes
+  // out as it was does not pass the walk on to its parent.
+  std::array<U16, wordCount / 2> changed;
+  U32 count = 0;
+  auto add = [&](U32 n) {
+    if (count == 0 || changed[count - 1] != n) changed[count++] = U16(n);
+  };
+  for (U32 groups = unwalkedGroups_; groups != 0; groups &= groups - 1) {
+    const U32 group = U32(std::countr_zero(groups));
+    for (U64 bits = unwalkedWords_[group]; bits != 0; bits &= bits - 1) {
+      add((wordCount + group * 64 + U32(std::countr_zero(bits))) / 2);
+    }
+    unwalkedWords_[group] = 0;
+  }
+  unwalkedGroups_ = 0;
   // The pairs of words, then the nodes above, up to the root's children
   // (all of a level alike).
   U32 nodes = count;
@@ -393,7 +414,6 @@ bool FreeRunTree::refresh() {
   }
   if (count != 0) joinRoot();
   settleTable();
-  return true;
 }
 
 U32 FreeRunTree::freeIn(U32 first, U32 last) const {
@@ -413,8 +433,7 @@ U32 FreeRunTree::freeBeforeBetween(U32 first, U32 last) const {
   return n;
 }
 
-const FreeRunTree::Cuts& FreeRunTree::freeBelow(const Cuts& cuts) {
-  if (cuts == cuts_) return freeBelowCuts_;
+const FreeRunTree::Cuts& FreeRunTree::freeBelowMoved(const Cuts& cuts) {
   for (U32 i = 0; i < cutCount; ++i) {
     const U32 from = cuts_[i], to = std::min(cuts[i], entries);
     if (to > from) freeBelowCuts_[i] += freeIn(from, to);
@@ -444,15 +463,8 @@ FreeRunTree::Span FreeRunTree::span(U32 first, U32 last) {
   return remember(first, last, s, true);
 }
 
-U32 FreeRunTree::longestRunIn(U32 first, U32 last) {
-  last = std::min(last, entries);
-  if (first >= last) return 0;
-  for (RememberedSpan& r : remembered_) {
-    if (r.first == first && r.last == last) {
-      r.asked = true;
-      return r.span.longest;
-    }
-  }
+U32 FreeRunTree::longestRunJoined(U32 first, U32 last) {
+  walkNodes();
   const Ends ends = endsIn(first, last);
   Span s;
   s.length = ends.length;
@@ -513,16 +525,18 @@ struct FreeRunTree::DownwardSearch {
   TableBitmap::RunBelow run;
 };
 
-S32 FreeRunTree::firstRun(U32 from, U32 to, U32 length) const {
+S32 FreeRunTree::firstRun(U32 from, U32 to, U32 length) {
   to = std::min(to, entries);
   if (length == 0 || from >= to) return -1;
+  walkNodes();
   UpwardSearch search{from, to, length};
   return firstRunIn(1, 0, entries, search);
 }
 
-S32 FreeRunTree::lastRun(U32 from, U32 to, U32 length) const {
+S32 FreeRunTree::lastRun(U32 from, U32 to, U32 length) {
   to = std::min(to, entries);
   if (length == 0 || from >= to) return -1;
+  walkNodes();
   DownwardSearch search{from, to, length, {}};
   return lastRunIn(1, 0, entries, search);
 }

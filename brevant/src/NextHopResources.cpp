@@ -154,7 +154,7 @@ void NextHopManager::refreshResources() {
   r.wideFreeIs(wideFree);
   r.swapUsedIs(entriesIn(swapFirst, bound) - swapFree);
   r.swapFreeIs(swapFree);
-  const U32 free = freeRuns.table().free;
+  const U32 free = freeRuns.freeEntries();
   r.totalFreeIs(free);
   r.usedPercentIs(percentOf(bound > free ? bound - free : 0, bound));
   // What the searches would find: a narrow one from the lowest free entry up
@@ -166,10 +166,15 @@ void NextHopManager::refreshResources() {
                               : 0;
   r.largestNarrowBlockIs(U16(std::min(narrowLongest, maxBlockEntries)));
   r.largestWideBlockIs(U16(std::min(wideLongest, maxBlockEntries)));
-  r.freeRunsIs(freeRuns.table().runs);
+  r.freeRunsIs(freeRuns.runCount());
   r.largestGroupSeenIs(U16(freeRuns.shortLength()));
   r.fragmentationPercentIs(percentOf(freeRuns.shortFreeEntries(), free));
-  r.checkWatermarks();
+  // Both alarms off and switched off (the default), no alarm can change:
+  // tested here, inline, as every publication passes here.
+  if (r.usedAlarm() || r.fragmentationAlarm() || r.usedHighWatermark() != 0.0 ||
+      r.fragmentationHighWatermark() != 0.0) {
+    r.checkWatermarks();
+  }
 }
 
 void NextHopManager::recountResources() {

@@ -403,6 +403,118 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeOnRandomChanges) {
   }
 }
 
+// The walk of the nodes is put off until a question needs them: several
+// refreshes pass with only the sums asked for (free entries, runs, short
+// free entries, counts below cuts, as the published counters read them),
+// then the searches, longest runs, spans and the table's ends come in a
+// random order, each of which may be the one that walks the words of all
+// those refreshes at once. Every answer equals the previous tree's (or,
+// for the searches, a search entry by entry), and so does every refresh's
+// report of work.
+TEST(FreeRunTree, AnswersAsThePreviousTreeWithTheWalkPutOff) {
+  std::mt19937 random(1515);
+  auto pick = [&](U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random); };
+  TableBitmap bitmap;
+  FreeRunTree tree(bitmap);
+  NextHopTest::ReferenceFreeRunTree reference(bitmap);
+  auto entryIs = [&](U32 index, bool isFree) {
+    tree.entryChanging(U16(index));
+    bitmap.set(index, isFree);
+    reference.entryChanged(U16(index));
+  };
+  auto searched = [&](U32 from, U32 to, U32 length, bool downward) {
+    std::vector<bool> free(entries);
+    for (U32 i = from; i < std::min(to, entries); ++i) free[i] = bitmap.test(i);
+    return searchedEntryByEntry(free, from, std::min(to, entries), length, downward);
+  };
+  auto randomRange = [&]() {
+    const U32 a = pick(0, entries), b = pick(0, 3) == 0 ? pick(0, entries) : a + pick(0, 700);
+    return std::pair{std::min(a, b), std::min(entries, std::max(a, b))};
+  };
+  // Mostly used, in runs, as the churn's table is.
+  for (U32 i = 0; i < entries; ++i) entryIs(i, pick(0, 9) == 0);
+  U32 narrowEnd = 30000, wideStart = 30001;
+  U32 walksAsked = 0, refreshesBetweenWalks = 0, mostRefreshesBetweenWalks = 0;
+  for (U32 step = 0; step < 12000; ++step) {
+    SCOPED_TRACE(::testing::Message() << "step " << step);
+    switch (pick(0, 5)) {
+      case 0:
+      case 1:
+      case 2: {  // a group's block taken or given back, now and then a long one
+        const U32 first = pick(0, entries - 1);
+        const U32 length = pick(0, 9) == 0 ? pick(1, 300) : pick(1, 16);
+        const bool isFree = pick(0, 1) == 0;
+        for (U32 i = first; i < std::min(entries, first + length); ++i) entryIs(i, isFree);
+        break;
+      }
+      case 3:  // scattered entries, both ways
+        for (U32 n = pick(1, 8); n > 0; --n) entryIs(pick(0, entries - 1), pick(0, 1) == 0);
+        break;
+      case 4:  // the boundaries move
+        narrowEnd = pick(0, entries);
+        wideStart = pick(0, entries);
+        break;
+      default:  // nothing changed
+        break;
+    }
+    if (step % 1499 == 700) {
+      const U32 length = shortLengths[pick(0, std::size(shortLengths) - 1)];
+      tree.shortLengthIs(length);
+      reference.shortLengthIs(length);
+    }
+    ASSERT_EQ(tree.refresh(), reference.refresh());
+    // The sums, the counts below cuts and the remembered longest runs, as a
+    // publication reads them: none of them needs the nodes unless its
+    // remembered answer went.
+    EXPECT_EQ(tree.freeEntries(), reference.table().free);
+    EXPECT_EQ(tree.runCount(), reference.table().runs);
+    EXPECT_EQ(tree.shortFreeEntries(), reference.shortFreeEntries());
+    const FreeRunTree::Cuts cuts{3, narrowEnd, std::max(narrowEnd, wideStart), 65528, entries};
+    const FreeRunTree::Cuts below = tree.freeBelow(cuts);
+    for (U32 i = 0; i < FreeRunTree::cutCount; ++i) {
+      EXPECT_EQ(below[i], reference.freeIn(0, cuts[i])) << "cut " << i << " at " << cuts[i];
+    }
+    if (pick(0, 1) == 0) {
+      EXPECT_EQ(tree.longestRunIn(0, narrowEnd), reference.span(0, narrowEnd).longest);
+      EXPECT_EQ(tree.longestRunIn(wideStart, 65528), reference.span(wideStart, 65528).longest);
+    }
+    ++refreshesBetweenWalks;
+    // Now and then, after one to several refreshes, the questions that need
+    // the nodes, a few of them in a random order.
+    if (pick(0, 3) != 0) continue;
+    ++walksAsked;
+    mostRefreshesBetweenWalks = std::max(mostRefreshesBetweenWalks, refreshesBetweenWalks);
+    refreshesBetweenWalks = 0;
+    for (U32 n = pick(1, 4); n > 0; --n) {
+      const auto [first, last] = randomRange();
+      switch (pick(0, 4)) {
+        case 0: {
+          const U32 length = pick(0, 3) == 0 ? pick(0, 300) : pick(1, 16);
+          EXPECT_EQ(tree.firstRun(first, last, length), searched(first, last, length, false))
+              << "[" << first << ", " << last << ") length " << length;
+          break;
+        }
+        case 1: {
+          const U32 length = pick(0, 3) == 0 ? pick(0, 300) : pick(1, 16);
+          EXPECT_EQ(tree.lastRun(first, last, length), searched(first, last, length, true))
+              << "[" << first << ", " << last << ") length " << length;
+          break;
+        }
+        case 2:
+          EXPECT_EQ(tree.longestRunIn(first, last), reference.span(first, last).longest)
+              << first << " .. " << last;
+          break;
+        case 3: expectSpan(tree.span(first, last), reference.span(first, last), first, last); break;
+        default: expectSpan(tree.table(), reference.table(), 0, entries); break;
+      }
+    }
+    if (::testing::Test::HasFailure()) return;
+  }
+  // The walk was put off across several refreshes, and asked for often.
+  EXPECT_GT(walksAsked, 2000u);
+  EXPECT_GE(mostRefreshesBetweenWalks, 10u);
+}
+
 // The free index (8,320 bytes) and its summary stay within 32 KiB per manager.
 TEST(FreeRunTree, TakesWithTheFreeIndexUnder32KiB) {
   EXPECT_LT(sizeof(FreeRunTree) + sizeof(TableBitmap), 32u * 1024);

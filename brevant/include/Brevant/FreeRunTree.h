@@ -7,8 +7,16 @@
 // words a batch of changes touched, as they were before it): a word is its
 // own leaf, and the leaf's figures are computed from it when needed. The
 // resource counters read it.
+//
+// A refresh moves only the sums, the kept cuts and the remembered answers;
+// the nodes above the changed words are walked when something first needs
+// them (a run search, a longest run not remembered, the table's ends), once
+// for every refresh since the last walk: the counters, published after
+// every operation, mostly read sums, and a search walks once for both the
+// operation before it and its own.
 #pragma once
 
+#include <algorithm>
 #include <array>
 
 #include "Brevant/TableBitmap.h"
@@ -47,9 +55,9 @@ class FreeRunTree {
 
   // Hears that the bitmap's entry index is about to change (the bitmap
   // still holds its old value): marks its word and, the first time in a
-  // batch, keeps the word as it was, a few instructions. The tree above the
-  // word and the table's figures are brought up to date by the next
-  // refresh(), from the word as it was and as it is then.
+  // batch, keeps the word as it was, a few instructions. The table's sums
+  // are brought up to date by the next refresh(), from the word as it was
+  // and as it is then, and the tree above the word when next needed.
   void entryChanging(U16 index) {
     const U32 w = index >> 6;
     U64& marks = staleWords_[w >> 6];
@@ -57,8 +65,8 @@ class FreeRunTree {
     if (!(marks & mark)) {
       marks |= mark;
       wordsBefore_[w] = bitmap_->word(w);
+      staleGroups_ = U16(staleGroups_ | 1u << (w >> 6));
     }
-    stale_ = true;
   }
 
   // Runs shorter than length count as short from now on; the next
@@ -66,15 +74,19 @@ class FreeRunTree {
   void shortLengthIs(U32 length);
   U32 shortLength() const { return shortLength_; }
 
-  // Brings the tree up to date with the words marked since the last
-  // refresh. The table's free entries, runs and short free entries move by
-  // what each stretch of marked words changed (its runs as they were and as
-  // they are, with the free entries running on either side of it); each
-  // word then walks towards the root (at most ten joins of ends and longest
-  // runs) until a node comes out as it was, and words side by side share
-  // their walks. Returns whether anything had been marked (or the short
-  // length changed).
-  bool refresh();
+  // Brings the sums up to date with the words marked since the last
+  // refresh: the table's free entries, runs and short free entries, the
+  // kept cuts' counts and the remembered answers move by what each stretch
+  // of marked words changed (its runs as they were and as they are, with
+  // the free entries running on either side of it). The words are left for
+  // the next walk of the nodes (see walkNodes). Returns whether anything
+  // had been marked (or the short length changed). Nothing to do costs two
+  // tests, inline: a publication that follows another, or a search that
+  // follows a publication, finds nothing marked.
+  bool refresh() {
+    if (staleGroups_ == 0 && !rebuildPending_) return false;
+    return refreshMarked();
+  }
 
   // Counts the refreshes that found something marked: equal counts, equal
   // tree, so whoever publishes from the tree can tell whether to.
@@ -83,13 +95,23 @@ class FreeRunTree {
   // The lowest start of `length` consecutive free entries, all in
   // [from, to), or -1; a length of 0 finds nothing (after refresh()). A
   // descent that passes over every span whose longest run is too short at
-  // once, and looks into a word with TableBitmap::firstRunInWord.
-  S32 firstRun(U32 from, U32 to, U32 length) const;
+  // once, and looks into a word with TableBitmap::firstRunInWord. Walks the
+  // nodes first if a refresh left words to walk.
+  S32 firstRun(U32 from, U32 to, U32 length);
   // The highest such start, or -1 (TableBitmap::lastRunInWord in a word).
-  S32 lastRun(U32 from, U32 to, U32 length) const;
+  S32 lastRun(U32 from, U32 to, U32 length);
 
   // The whole table (after refresh()): its free entries, runs, longest run.
-  const Span& table() const { return table_; }
+  // Its ends and longest run are the root's, so this walks the nodes first
+  // if a refresh left words to walk; the sums alone do not.
+  const Span& table() {
+    walkNodes();
+    return table_;
+  }
+  // The table's free entries and runs (after refresh()), kept beside the
+  // tree: no walk.
+  U32 freeEntries() const { return table_.free; }
+  U32 runCount() const { return table_.runs; }
   // The free entries in runs shorter than the short length (after refresh()).
   U32 shortFreeEntries() const;
 
@@ -104,7 +126,10 @@ class FreeRunTree {
   // The counts are kept up to date by refresh() from each changed stretch
   // of words, so asking for the same cuts again costs a comparison each; a
   // cut that moved costs the words it moved over.
-  const Cuts& freeBelow(const Cuts& cuts);
+  const Cuts& freeBelow(const Cuts& cuts) {
+    if (cuts == cuts_) return freeBelowCuts_;
+    return freeBelowMoved(cuts);
+  }
 
   // The entries first .. last - 1 as a span of their own (after refresh()):
   // free entries outside it do not count, so its runs are cut at its ends.
@@ -115,9 +140,20 @@ class FreeRunTree {
 
   // The longest run of free entries among first .. last - 1 (after
   // refresh()): span(first, last).longest, from the tree (at most two joins
-  // per level: the words cut at the ends, then whole nodes bottom-up),
-  // remembered with the spans.
-  U32 longestRunIn(U32 first, U32 last);
+  // per level: the words cut at the ends, then whole nodes bottom-up, after
+  // a walk of the nodes if one is due), remembered with the spans. A
+  // remembered answer is found inline: every publication asks for two.
+  U32 longestRunIn(U32 first, U32 last) {
+    last = std::min(last, entries);
+    if (first >= last) return 0;
+    for (RememberedSpan& r : remembered_) {
+      if (r.first == first && r.last == last) {
+        r.asked = true;
+        return r.span.longest;
+      }
+    }
+    return longestRunJoined(first, last);
+  }
 
  private:
   static constexpr U32 wordCount = entries / 64;
@@ -156,6 +192,22 @@ class FreeRunTree {
   bool joinWords(U32 n);
   bool joinStored(U32 n, U32 childLength);
   void joinRoot();
+  // Walks the nodes above every word refreshed since the last walk, all
+  // at once, a level at a time: each word walks towards the root (at most
+  // ten joins of ends and longest runs) until a node comes out as it was,
+  // and words side by side share their parents. Settles the table's ends,
+  // longest run and short inner runs. Nothing to do costs a test; the
+  // questions that need the nodes call it themselves.
+  void walkNodes() {
+    if (unwalkedGroups_ != 0) walkUnwalked();
+  }
+  void walkUnwalked();
+  // refresh() with something marked or the short length changed.
+  bool refreshMarked();
+  // longestRunIn's answer when none is remembered: joined from the tree.
+  U32 longestRunJoined(U32 first, U32 last);
+  // freeBelow's counts when a cut moved.
+  const Cuts& freeBelowMoved(const Cuts& cuts);
   // Sets the table's short inner runs from its short free entries.
   void settleTable();
   void rebuild();
@@ -203,14 +255,23 @@ class FreeRunTree {
   const TableBitmap* bitmap_;
   U32 shortLength_ = 0;
   U32 shortFree_ = 0;
-  bool stale_ = false;
   U64 refreshes_ = 0;
   // Set until the first refresh and after the short length changes.
   bool rebuildPending_ = true;
   // One bit per word marked since the last refresh, and each marked word
-  // as it was when first marked.
-  std::array<U64, wordCount / 64> staleWords_{};
+  // as it was when first marked. A word of marks covers 64 words of the
+  // index, a group; one bit per group that holds a mark, so that a refresh
+  // looks at those groups alone.
+  static constexpr U32 groupCount = wordCount / 64;
+  static_assert(groupCount <= 16, "a group's bit must fit in a U16");
+  std::array<U64, groupCount> staleWords_{};
   std::array<U64, wordCount> wordsBefore_{};
+  U16 staleGroups_ = 0;
+  // One bit per word refreshed since the nodes were last walked (and per
+  // group holding one): the nodes above them, the table's ends, longest run
+  // and short inner runs are out of date until the next walk.
+  std::array<U64, groupCount> unwalkedWords_{};
+  U16 unwalkedGroups_ = 0;
   Span table_;
   // Nodes 2 .. wordCount - 1 (0 and 1 unused: the table is table_).
   std::array<Node, wordCount> nodes_{};
