@@ -336,20 +336,50 @@ TEST_F(FreeRunTreeTest, AShortLengthChangeIsReportedByTheNextRefresh) {
   expectSpanMatches(5, 5000);
 }
 
+// A free index with the tree and the tree as it was over it, both told of
+// every change, and the random changes the side-by-side tests below make.
+struct TreeBesideReference {
+  explicit TreeBesideReference(U32 seed) : random(seed) {}
+  U32 pick(U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random); }
+  void entryIs(U32 index, bool isFree) {
+    tree.entryChanging(U16(index));
+    bitmap.set(index, isFree);
+    reference.entryChanged(U16(index));
+  }
+  // A block, mostly small, sometimes long and across words, taken or given
+  // back.
+  void blockChanges() {
+    const U32 first = pick(0, entries - 1);
+    const bool isFree = pick(0, 1) == 0;
+    const U32 length = pick(0, 9) == 0 ? pick(1, 300) : pick(1, 16);
+    for (U32 i = first; i < std::min(entries, first + length); ++i) entryIs(i, isFree);
+  }
+  // A few entries scattered over the table, each taken or given back.
+  void scatteredEntriesChange() {
+    for (U32 n = pick(1, 8); n > 0; --n) entryIs(pick(0, entries - 1), pick(0, 1) == 0);
+  }
+  // Both count runs shorter than one of shortLengths as short from now on.
+  void shortLengthChanges() {
+    const U32 length = shortLengths[pick(0, std::size(shortLengths) - 1)];
+    tree.shortLengthIs(length);
+    reference.shortLengthIs(length);
+  }
+
+  std::mt19937 random;
+  TableBitmap bitmap;
+  FreeRunTree tree{bitmap};
+  NextHopTest::ReferenceFreeRunTree reference{bitmap};
+};
+
 // The tree against the tree as it was (its walks through calls, its range
 // queries top-down): both hear the same changes and must give the same
 // answer to every question, including whether a refresh had work to do.
 TEST(FreeRunTree, AnswersAsThePreviousTreeOnRandomChanges) {
-  std::mt19937 random(4242);
-  auto pick = [&](U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random); };
-  TableBitmap bitmap;
-  FreeRunTree tree(bitmap);
-  NextHopTest::ReferenceFreeRunTree reference(bitmap);
-  auto entryIs = [&](U32 index, bool isFree) {
-    tree.entryChanging(U16(index));
-    bitmap.set(index, isFree);
-    reference.entryChanged(U16(index));
-  };
+  TreeBesideReference trees(4242);
+  auto pick = [&](U32 lo, U32 hi) { return trees.pick(lo, hi); };
+  const TableBitmap& bitmap = trees.bitmap;
+  FreeRunTree& tree = trees.tree;
+  NextHopTest::ReferenceFreeRunTree& reference = trees.reference;
   auto expectSame = [&](U32 first, U32 last) {
     const Span want = reference.span(first, last);
     EXPECT_EQ(tree.longestRunIn(first, last), want.longest) << first << " .. " << last;
@@ -362,19 +392,11 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeOnRandomChanges) {
     SCOPED_TRACE(::testing::Message() << "step " << step);
     switch (pick(0, 5)) {
       case 0:
-      case 1: {  // a block, mostly small, sometimes across words
-        const U32 first = pick(0, entries - 1);
-        const bool isFree = pick(0, 1) == 0;
-        const U32 length = pick(0, 9) == 0 ? pick(1, 300) : pick(1, 16);
-        for (U32 i = first; i < std::min(entries, first + length); ++i) entryIs(i, isFree);
-        break;
-      }
-      case 2:  // scattered entries
-        for (U32 n = pick(1, 8); n > 0; --n) entryIs(pick(0, entries - 1), pick(0, 1) == 0);
-        break;
+      case 1: trees.blockChanges(); break;
+      case 2: trees.scatteredEntriesChange(); break;
       case 3: {  // an entry written with the value it holds
         const U32 index = pick(0, entries - 1);
-        entryIs(index, bitmap.test(index));
+        trees.entryIs(index, bitmap.test(index));
         break;
       }
       case 4:  // the boundaries move
@@ -384,11 +406,7 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeOnRandomChanges) {
       default:  // nothing changed
         break;
     }
-    if (step % 997 == 0) {
-      const U32 length = shortLengths[pick(0, std::size(shortLengths) - 1)];
-      tree.shortLengthIs(length);
-      reference.shortLengthIs(length);
-    }
+    if (step % 997 == 0) trees.shortLengthChanges();
     EXPECT_EQ(tree.refresh(), reference.refresh());
     expectSpan(tree.table(), reference.table(), 0, entries);
     EXPECT_EQ(tree.shortFreeEntries(), reference.shortFreeEntries());
@@ -412,16 +430,11 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeOnRandomChanges) {
 // for the searches, a search entry by entry), and so does every refresh's
 // report of work.
 TEST(FreeRunTree, AnswersAsThePreviousTreeWithTheWalkPutOff) {
-  std::mt19937 random(1515);
-  auto pick = [&](U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random); };
-  TableBitmap bitmap;
-  FreeRunTree tree(bitmap);
-  NextHopTest::ReferenceFreeRunTree reference(bitmap);
-  auto entryIs = [&](U32 index, bool isFree) {
-    tree.entryChanging(U16(index));
-    bitmap.set(index, isFree);
-    reference.entryChanged(U16(index));
-  };
+  TreeBesideReference trees(1515);
+  auto pick = [&](U32 lo, U32 hi) { return trees.pick(lo, hi); };
+  const TableBitmap& bitmap = trees.bitmap;
+  FreeRunTree& tree = trees.tree;
+  NextHopTest::ReferenceFreeRunTree& reference = trees.reference;
   auto searched = [&](U32 from, U32 to, U32 length, bool downward) {
     std::vector<bool> free(entries);
     for (U32 i = from; i < std::min(to, entries); ++i) free[i] = bitmap.test(i);
@@ -432,7 +445,7 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeWithTheWalkPutOff) {
     return std::pair{std::min(a, b), std::min(entries, std::max(a, b))};
   };
   // Mostly used, in runs, as the churn's table is.
-  for (U32 i = 0; i < entries; ++i) entryIs(i, pick(0, 9) == 0);
+  for (U32 i = 0; i < entries; ++i) trees.entryIs(i, pick(0, 9) == 0);
   U32 narrowEnd = 30000, wideStart = 30001;
   U32 walksAsked = 0, refreshesBetweenWalks = 0, mostRefreshesBetweenWalks = 0;
   for (U32 step = 0; step < 12000; ++step) {
@@ -440,16 +453,8 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeWithTheWalkPutOff) {
     switch (pick(0, 5)) {
       case 0:
       case 1:
-      case 2: {  // a group's block taken or given back, now and then a long one
-        const U32 first = pick(0, entries - 1);
-        const U32 length = pick(0, 9) == 0 ? pick(1, 300) : pick(1, 16);
-        const bool isFree = pick(0, 1) == 0;
-        for (U32 i = first; i < std::min(entries, first + length); ++i) entryIs(i, isFree);
-        break;
-      }
-      case 3:  // scattered entries, both ways
-        for (U32 n = pick(1, 8); n > 0; --n) entryIs(pick(0, entries - 1), pick(0, 1) == 0);
-        break;
+      case 2: trees.blockChanges(); break;  // a group's block, now and then a long one
+      case 3: trees.scatteredEntriesChange(); break;
       case 4:  // the boundaries move
         narrowEnd = pick(0, entries);
         wideStart = pick(0, entries);
@@ -457,11 +462,7 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeWithTheWalkPutOff) {
       default:  // nothing changed
         break;
     }
-    if (step % 1499 == 700) {
-      const U32 length = shortLengths[pick(0, std::size(shortLengths) - 1)];
-      tree.shortLengthIs(length);
-      reference.shortLengthIs(length);
-    }
+    if (step % 1499 == 700) trees.shortLengthChanges();
     ASSERT_EQ(tree.refresh(), reference.refresh());
     // The sums, the counts below cuts and the remembered longest runs, as a
     // publication reads them: none of them needs the nodes unless its
