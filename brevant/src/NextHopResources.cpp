@@ -169,12 +169,7 @@ void NextHopManager::refreshResources() {
   r.freeRunsIs(freeRuns.runCount());
   r.largestGroupSeenIs(U16(freeRuns.shortLength()));
   r.fragmentationPercentIs(percentOf(freeRuns.shortFreeEntries(), free));
-  // Both alarms off and switched off (the default), no alarm can change:
-  // tested here, inline, as every publication passes here.
-  if (r.usedAlarm() || r.fragmentationAlarm() || r.usedHighWatermark() != 0.0 ||
-      r.fragmentationHighWatermark() != 0.0) {
-    r.checkWatermarks();
-  }
+  if (!r.alarmsIdle()) r.checkWatermarks();
 }
 
 void NextHopManager::recountResources() {
