@@ -52,6 +52,25 @@ void repointNextHops(ECMPGroup& group, U16 to) {
   }
 }
 
+// Starts loading the records a leg will change, before its chip calls, so
+// that their cache misses overlap with the copy instead of stalling the
+// bookkeeping after it: each entry's members of both blocks (allocated
+// entries at both, free entries at the destination, which are taken), the
+// old start's member in hwStartToGroupId, and the group's next hops. The
+// members lie scattered in memory, one or two cache lines each. Inlined by
+// force: the compiler takes a function that only prefetches for one without
+// effects and drops the call.
+[[gnu::always_inline]] inline void startLoadingRecords(const NextHopManager& manager, const ECMPGroup& group, U16 from, U16 to,
+                         U16 numEntries) {
+  for (U32 i = 0; i < numEntries; ++i) {
+    manager.allocatedEntries().prefetch(U16(to + i));
+    manager.freeEntries().prefetch(U16(to + i));
+    manager.allocatedEntries().prefetch(U16(from + i));
+  }
+  manager.hwStartToGroupId().prefetch(from);
+  for (const auto& hop : group.nextHops()) __builtin_prefetch(&hop, 1);
+}
+
 // One leg of a move: copies the group's numEntries entries to `to`,
 // repoints the group's records, tells its owners `announced`, and only then
 // releases the old block. The chip's old entries are left as they are: the
@@ -59,6 +78,7 @@ void repointNextHops(ECMPGroup& group, U16 to) {
 void moveLeg(NextHopManager& manager, ECMPGroup& group, U16 to, U16 numEntries, U16 announced,
              CopyBuffer& buffer) {
   const U16 from = group.hwStartIndex();
+  startLoadingRecords(manager, group, from, to, numEntries);
   readNextHopInternal(from, numEntries, buffer.words());
   manager.allocateBlock(to, numEntries);
   writeNextHopInternal(to, numEntries, buffer.words());
