@@ -53,22 +53,26 @@ void repointNextHops(ECMPGroup& group, U16 to) {
 }
 
 // Starts loading the records a leg will change, before its chip calls, so
-// that their cache misses overlap with the copy instead of stalling the
-// bookkeeping after it: each entry's members of both blocks (allocated
-// entries at both, free entries at the destination, which are taken), the
-// old start's member in hwStartToGroupId, and the group's next hops. The
-// members lie scattered in memory, one or two cache lines each. Inlined by
-// force: the compiler takes a function that only prefetches for one without
-// effects and drops the call.
-[[gnu::always_inline]] inline void startLoadingRecords(const NextHopManager& manager, const ECMPGroup& group, U16 from, U16 to,
-                         U16 numEntries) {
+// that their cache misses overlap with each other and with the copy instead
+// of stalling the bookkeeping one by one after it: each entry's members in
+// allocatedEntries and freeEntries at both blocks (at the old block the
+// free entries are absent, but their places in the array are written when
+// they come), both starts in hwStartToGroupId, and the group's next hops.
+// The members lie scattered in memory. Inlined by force: the compiler takes
+// a function that only prefetches for one without effects and drops the
+// call.
+[[gnu::always_inline]] inline void startLoadingRecords(const NextHopManager& manager,
+                                                       const ECMPGroup& group, U16 from, U16 to,
+                                                       U16 numEntries) {
   for (U32 i = 0; i < numEntries; ++i) {
     manager.allocatedEntries().prefetch(U16(to + i));
     manager.freeEntries().prefetch(U16(to + i));
     manager.allocatedEntries().prefetch(U16(from + i));
+    manager.freeEntries().prefetch(U16(from + i));
   }
   manager.hwStartToGroupId().prefetch(from);
-  for (const auto& hop : group.nextHops()) __builtin_prefetch(&hop, 1);
+  manager.hwStartToGroupId().prefetch(to);
+  for (U16 p = 0; p < group.size(); ++p) group.nextHops().prefetch(p);
 }
 
 // One leg of a move: copies the group's numEntries entries to `to`,

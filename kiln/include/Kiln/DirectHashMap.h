@@ -127,9 +127,13 @@ class DirectHashMap {
 
   // Starts loading the member with this key, if any, for a caller that
   // will reach it soon (the entries of a block are visited one after the
-  // other, and their members lie scattered in memory).
-  void prefetch(const K& key) const {
-    if (byKey_) __builtin_prefetch(byKey_[slot(key)], 1);
+  // other, and their members lie scattered in memory). Not spread, it
+  // also starts loading the head of key's chain, which removing key walks.
+  // Inlined by force (see HashMap::prefetch).
+  [[gnu::always_inline]] void prefetch(const K& key) const {
+    if (!byKey_) return;
+    __builtin_prefetch(byKey_[slot(key)], 1);
+    if (!spread()) map_.prefetch(key);
   }
 
   // Adds member, whose key must not be in the map yet; takes a reference.
