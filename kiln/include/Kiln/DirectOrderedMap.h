@@ -62,9 +62,11 @@ class DirectOrderedMap {
   // Starts loading the member with this key, if any, for a caller that
   // will reach it soon (the entries of a block are visited one after the
   // other, and their members lie scattered in memory). Inlined by force
-  // (see HashMap::prefetch).
+  // (see HashMap::prefetch); an absent key's null is not prefetched (see
+  // DirectHashMap::prefetch).
   [[gnu::always_inline]] void prefetch(const K& key) const {
-    if (slots_) __builtin_prefetch(slots_->byKey[slot(key)], 1);
+    if (!slots_) return;
+    if (const M* m = slots_->byKey[slot(key)]) __builtin_prefetch(m, 1);
   }
 
   // The member with the smallest key, or nullptr when empty.
