@@ -132,6 +132,13 @@ class DirectHashMap {
     if (byKey_) __builtin_prefetch(byKey_[slot(key)], 1);
   }
 
+  // Starts loading the array's place of key, which prefetch(key) reads: a
+  // caller visiting keys in order asks for places further ahead than for
+  // members, so that prefetching a member need not wait for its place.
+  void prefetchPlace(const K& key) const {
+    if (byKey_) __builtin_prefetch(&byKey_[slot(key)], 0);
+  }
+
   // Adds member, whose key must not be in the map yet; takes a reference.
   void insert(const Ptr<M>& member) {
     M* m = member.ptr();
@@ -183,9 +190,7 @@ class DirectHashMap {
     if (!spread()) return map_.remove(key);
     --spreadMembers_;
     if (positionOf(key) == firstPosition_) firstPosition_ = nextPosition(firstPosition_ + 1);
-    Ptr<M> removed(m);
-    m->deleteRef();
-    return removed;
+    return Ptr<M>::adopt(m);  // the collection's reference passes to the caller
   }
 
   // Removes the member at position and returns the position of the next one.

@@ -312,9 +312,7 @@ class HashMap {
     *link = m->next_;
     m->next_ = nullptr;
     --members_;
-    Ptr<M> removed(m);
-    m->deleteRef();
-    return removed;
+    return Ptr<M>::adopt(m);  // the collection's reference passes to the caller
   }
 
   // Enlarges the bucket array to 2^log2 buckets. Bucket i splits into the
