@@ -187,14 +187,15 @@ class Capture : public Sink {
 // line is built in a function of its own, kept out of line and apart from
 // the hot code: a traced operation's own instructions stay together in the
 // instruction cache instead of around the stream code of every trace site.
-#define TRACE_LINE(handle, level, expr)                                        \
-  do {                                                                         \
-    ::Trace::Handle& traceHandle_ = (handle);                                  \
-    if (traceHandle_.enabled(level)) [[unlikely]] {                            \
-      [&]() __attribute__((cold, noinline)) {                                  \
-        std::ostringstream traceStream_;                                       \
-        traceStream_ << expr;                                                  \
-        ::Trace::emit(traceHandle_, (level), traceStream_.view());             \
-      }();                                                                     \
-    }                                                                          \
+#define TRACE_LINE(handle, level, expr)                               \
+  do {                                                                \
+    ::Trace::Handle& traceHandle_ = (handle);                         \
+    if (traceHandle_.enabled(level)) [[unlikely]] {                   \
+      const auto traceLine_ = [&]() __attribute__((cold, noinline)) { \
+        std::ostringstream traceStream_;                              \
+        traceStream_ << expr;                                         \
+        ::Trace::emit(traceHandle_, (level), traceStream_.view());    \
+      };                                                              \
+      traceLine_();                                                   \
+    }                                                                 \
   } while (0)
