@@ -226,7 +226,16 @@ U16 NextHopManager::narrowBoundaryAfterRemoving(U16 start) {
 
 S32 NextHopManager::deleteECMPGroup(U32, U16 groupId) {
   if (!initialized_) return -7;
-  if (!ecmpGroups(groupId)) return -1;
+  {
+    const Kiln::Ptr<ECMPGroup> group = ecmpGroups(groupId);
+    if (!group) return -1;
+    // The group's record is released at the end, member by member: its
+    // members start loading now, while the table's entries are freed, and
+    // so does its start's member, which goes first.
+    group->nextHops().prefetchMembers();
+    group->featuresSupported().prefetchMembers();
+    hwStartToGroupId().prefetch(group->hwStartIndex());
+  }
   NH_TRACE(3, "Deleting ECMP group " << groupId);
   // The reserved groups 0 and 1 are not protected: their ids go back into
   // the pool like any other.
