@@ -247,6 +247,31 @@ void FreeRunTree::shortLengthIs(U32 length) {
   rebuildPending_ = true;
 }
 
+[[gnu::always_inline]] inline void FreeRunTree::knownFreeTaken(U32 first, U32 last) {
+  const U32 firstEntry = first * 64, endEntry = (last + 1) * 64;
+  for (KnownFree& known : knownFree_) {
+    if (known.first >= endEntry || known.last <= firstEntry) continue;  // none known: last 0
+    // The lowest and highest entries of the stretch that were taken.
+    U32 lowTaken = entries, highTaken = 0;
+    const U32 lastWord = std::min(last, (known.last - 1) / 64);
+    for (U32 w = std::max(first, known.first / 64); w <= lastWord; ++w) {
+      const U64 takenHere =
+          wordsBefore_[w] & ~bitmap_->word(w) & TableBitmap::bitsIn(w, known.first, known.last);
+      if (takenHere == 0) continue;
+      lowTaken = std::min(lowTaken, w * 64 + U32(std::countr_zero(takenHere)));
+      highTaken = w * 64 + 63 - U32(std::countl_zero(takenHere));
+    }
+    if (lowTaken == entries) continue;
+    // The longer of the parts below and above them is still all free.
+    if (lowTaken - known.first >= known.last - highTaken - 1) {
+      known.last = lowTaken;
+    } else {
+      known.first = highTaken + 1;
+    }
+    if (known.first >= known.last) known = {};
+  }
+}
+
 void FreeRunTree::stretchChanged(U32 first, U32 last) {
   // Negative changes wrap, and wrap back when added.
   U32 freeChange = 0;
@@ -484,12 +509,6 @@ U32 FreeRunTree::rememberLongest(U32 first, U32 last, const Ends& ends) {
 
 U32 FreeRunTree::longestRunCappedJoined(U32 first, U32 last, U32 cap) {
   if (cap == 0) return 0;
-  for (RememberedSpan& r : remembered_) {
-    if (r.first == first && r.last == last) {
-      r.asked = true;
-      return std::min(r.span.longest, cap);
-    }
-  }
   walkNodes();
   const Ends ends = endsIn(first, last);
   // An answer under the cap is exact, and kept as the uncapped one is.
@@ -505,31 +524,6 @@ void FreeRunTree::knownFreeIs(U32 first, U32 last, U32 widen) {
   KnownFree& slot = knownFree_[nextKnownFree_];
   nextKnownFree_ = (nextKnownFree_ + 1) % knownFreeStretches;
   slot = {first - freeEntriesDownFrom(first, widen), last + freeEntriesUpFrom(last, widen)};
-}
-
-void FreeRunTree::knownFreeTaken(U32 first, U32 last) {
-  const U32 firstEntry = first * 64, endEntry = (last + 1) * 64;
-  for (KnownFree& known : knownFree_) {
-    if (known.first >= endEntry || known.last <= firstEntry) continue;  // none known: last 0
-    // The lowest and highest entries of the stretch that were taken.
-    U32 lowTaken = entries, highTaken = 0;
-    const U32 lastWord = std::min(last, (known.last - 1) / 64);
-    for (U32 w = std::max(first, known.first / 64); w <= lastWord; ++w) {
-      const U64 takenHere =
-          wordsBefore_[w] & ~bitmap_->word(w) & TableBitmap::bitsIn(w, known.first, known.last);
-      if (takenHere == 0) continue;
-      lowTaken = std::min(lowTaken, w * 64 + U32(std::countr_zero(takenHere)));
-      highTaken = w * 64 + 63 - U32(std::countl_zero(takenHere));
-    }
-    if (lowTaken == entries) continue;
-    // The longer of the parts below and above them is still all free.
-    if (lowTaken - known.first >= known.last - highTaken - 1) {
-      known.last = lowTaken;
-    } else {
-      known.first = highTaken + 1;
-    }
-    if (known.first >= known.last) known = {};
-  }
 }
 
 U32 FreeRunTree::freeEntriesUpFrom(U32 index, U32 limit) const {

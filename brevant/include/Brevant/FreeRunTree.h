@@ -171,6 +171,12 @@ class FreeRunTree {
     for (const KnownFree& known : knownFree_) {
       if (std::min(known.last, last) >= std::max(known.first, first) + cap) return cap;
     }
+    for (RememberedSpan& r : remembered_) {
+      if (r.first == first && r.last == last) {
+        r.asked = true;
+        return std::min(r.span.longest, cap);
+      }
+    }
     return longestRunCappedJoined(first, last, cap);
   }
 
@@ -230,7 +236,8 @@ class FreeRunTree {
   bool refreshMarked();
   // longestRunIn's answer when none is remembered: joined from the tree.
   U32 longestRunJoined(U32 first, U32 last);
-  // The capped longestRunIn's answer when no stretch known free answers it.
+  // The capped longestRunIn's answer when no stretch known free and no
+  // remembered answer gives it.
   U32 longestRunCappedJoined(U32 first, U32 last, U32 cap);
   // Keeps first .. last - 1, all free, widened by up to `widen` free
   // entries each side, as a stretch known free (replacing the oldest).
