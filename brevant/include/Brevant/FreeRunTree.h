@@ -142,7 +142,7 @@ class FreeRunTree {
   // refresh()): span(first, last).longest, from the tree (at most two joins
   // per level: the words cut at the ends, then whole nodes bottom-up, after
   // a walk of the nodes if one is due), remembered with the spans. A
-  // remembered answer is found inline: every publication asks for two.
+  // remembered answer is found inline.
   U32 longestRunIn(U32 first, U32 last) {
     last = std::min(last, entries);
     if (first >= last) return 0;
