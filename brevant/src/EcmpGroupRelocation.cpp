@@ -56,11 +56,11 @@ void repointNextHops(ECMPGroup& group, U16 to) {
 // that their cache misses overlap with each other and with the copy instead
 // of stalling the bookkeeping one by one after it: each entry's members in
 // allocatedEntries and freeEntries at both blocks (at the old block the
-// free entries are absent, but their places in the array are written when
-// they come), both starts in hwStartToGroupId, and the group's next hops.
-// The members lie scattered in memory. Inlined by force: the compiler takes
-// a function that only prefetches for one without effects and drops the
-// call.
+// free entries are absent: only their places in the array, written when
+// they come), both starts in hwStartToGroupId (with their buckets while it
+// is chained) and the group's next hops. The members lie scattered in
+// memory. Inlined by force: the compiler takes a function that only
+// prefetches for one without effects and drops its calls.
 [[gnu::always_inline]] inline void startLoadingRecords(const NextHopManager& manager,
                                                        const ECMPGroup& group, U16 from, U16 to,
                                                        U16 numEntries) {
@@ -68,11 +68,11 @@ void repointNextHops(ECMPGroup& group, U16 to) {
     manager.allocatedEntries().prefetch(U16(to + i));
     manager.freeEntries().prefetch(U16(to + i));
     manager.allocatedEntries().prefetch(U16(from + i));
-    manager.freeEntries().prefetch(U16(from + i));
+    manager.freeEntries().prefetchPlace(U16(from + i));
   }
   manager.hwStartToGroupId().prefetch(from);
   manager.hwStartToGroupId().prefetch(to);
-  for (U16 p = 0; p < group.size(); ++p) group.nextHops().prefetch(p);
+  group.nextHops().prefetchMembers();
 }
 
 // One leg of a move: copies the group's numEntries entries to `to`,

@@ -1,7 +1,6 @@
 // ECMP groups: issuing ids, creating, placing, removing, deleting and
 // looking up groups.
-#include <vector>
-
+#include "BlockWords.h"
 #include "Brevant/NextHopAccess.h"
 #include "Brevant/NextHopManager.h"
 #include "Brevant/NextHopTrace.h"
@@ -137,7 +136,8 @@ S32 NextHopManager::addECMPGroupToTable(U16 groupId) {
   // tells nobody (were nextHops ever observed, valueIs would be private to
   // the group and this would not compile). A missing position reads as an
   // all-zero entry and is stored.
-  std::vector<U64> words(length);
+  // Every word of the block is set below, so the buffer needs no clearing.
+  BlockWords words(length);
   for (U32 p = group->size(); p-- > 0;) {
     const U16 index = U16(start + stride * p);
     NextHopEntry entry;
@@ -152,7 +152,7 @@ S32 NextHopManager::addECMPGroupToTable(U16 groupId) {
     words[stride * p] = entry.data();
     if (group->wide()) words[stride * p + 1] = entry.wideData();
   }
-  writeNextHopInternal(U16(start), length, words.data());
+  writeNextHopInternal(U16(start), length, words.words());
   NH_TRACE(3, "ECMP group " << groupId << " of length " << length << " written to " << start);
   return 0;
 }
@@ -226,7 +226,16 @@ U16 NextHopManager::narrowBoundaryAfterRemoving(U16 start) {
 
 S32 NextHopManager::deleteECMPGroup(U32, U16 groupId) {
   if (!initialized_) return -7;
-  if (!ecmpGroups(groupId)) return -1;
+  {
+    const Kiln::Ptr<ECMPGroup> group = ecmpGroups(groupId);
+    if (!group) return -1;
+    // The group's record is released at the end, member by member: its
+    // members start loading now, while the table's entries are freed, and
+    // so does its start's member, which goes first.
+    group->nextHops().prefetchMembers();
+    group->featuresSupported().prefetchMembers();
+    hwStartToGroupId().prefetch(group->hwStartIndex());
+  }
   NH_TRACE(3, "Deleting ECMP group " << groupId);
   // The reserved groups 0 and 1 are not protected: their ids go back into
   // the pool like any other.

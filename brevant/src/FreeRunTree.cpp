@@ -236,6 +236,7 @@ void FreeRunTree::rebuild() {
   unwalkedGroups_ = 0;
   rebuildPending_ = false;
   for (RememberedSpan& r : remembered_) r.last = 0;
+  knownFree_.fill({});  // words may have changed unmarked before the rebuild
   cuts_.fill(0);
   freeBelowCuts_.fill(0);
 }
@@ -244,6 +245,31 @@ void FreeRunTree::shortLengthIs(U32 length) {
   if (length == shortLength_) return;
   shortLength_ = length;
   rebuildPending_ = true;
+}
+
+[[gnu::always_inline]] inline void FreeRunTree::knownFreeTaken(U32 first, U32 last) {
+  const U32 firstEntry = first * 64, endEntry = (last + 1) * 64;
+  for (KnownFree& known : knownFree_) {
+    if (known.first >= endEntry || known.last <= firstEntry) continue;  // none known: last 0
+    // The lowest and highest entries of the stretch that were taken.
+    U32 lowTaken = entries, highTaken = 0;
+    const U32 lastWord = std::min(last, (known.last - 1) / 64);
+    for (U32 w = std::max(first, known.first / 64); w <= lastWord; ++w) {
+      const U64 takenHere =
+          wordsBefore_[w] & ~bitmap_->word(w) & TableBitmap::bitsIn(w, known.first, known.last);
+      if (takenHere == 0) continue;
+      lowTaken = std::min(lowTaken, w * 64 + U32(std::countr_zero(takenHere)));
+      highTaken = w * 64 + 63 - U32(std::countl_zero(takenHere));
+    }
+    if (lowTaken == entries) continue;
+    // The longer of the parts below and above them is still all free.
+    if (lowTaken - known.first >= known.last - highTaken - 1) {
+      known.last = lowTaken;
+    } else {
+      known.first = highTaken + 1;
+    }
+    if (known.first >= known.last) known = {};
+  }
 }
 
 void FreeRunTree::stretchChanged(U32 first, U32 last) {
@@ -257,14 +283,18 @@ void FreeRunTree::stretchChanged(U32 first, U32 last) {
     freeChange += onesIn(now) - onesIn(before);
   }
   if (!taken && !given) return;
+  if (taken) knownFreeTaken(first, last);
   // The runs that lie in the stretch or touch it, as they were and as they
   // are: the rest of the table is the same in both. Stretches are taken from
   // the lowest, so the words below are read as they are now and the marked
   // words above as they were.
   const auto now = [&](U32 w) { return bitmap_->word(w); };
   const auto asBefore = [&](U32 w) { return wordAsBefore(w); };
-  // Read far enough for the short runs and for the remembered longest runs.
-  const U32 limit = std::max(shortLength_, keptRunsReadUpTo + 1);
+  // Read far enough for the short runs and for the remembered longest runs
+  // (with none remembered, a run's first entry tells that it is there).
+  const bool anyRemembered = std::any_of(remembered_.begin(), remembered_.end(),
+                                         [](const RememberedSpan& r) { return r.last != 0; });
+  const U32 limit = std::max(shortLength_, anyRemembered ? keptRunsReadUpTo + 1 : 1);
   const U32 below = freeRunDownFrom(S32(first) - 1, limit, now);
   const U32 above = freeRunUpFrom(last + 1, limit, asBefore);
   const RunTally was = runsOf(first, last, below, above, [&](U32 w) { return wordsBefore_[w]; });
@@ -465,13 +495,63 @@ FreeRunTree::Span FreeRunTree::span(U32 first, U32 last) {
 
 U32 FreeRunTree::longestRunJoined(U32 first, U32 last) {
   walkNodes();
-  const Ends ends = endsIn(first, last);
+  return rememberLongest(first, last, endsIn(first, last));
+}
+
+U32 FreeRunTree::rememberLongest(U32 first, U32 last, const Ends& ends) {
   Span s;
   s.length = ends.length;
   s.head = ends.head;
   s.tail = ends.tail;
   s.longest = ends.longest;
   return remember(first, last, s, false).longest;
+}
+
+U32 FreeRunTree::longestRunCappedJoined(U32 first, U32 last, U32 cap) {
+  if (cap == 0) return 0;
+  walkNodes();
+  const Ends ends = endsIn(first, last);
+  // An answer under the cap is exact, and kept as the uncapped one is.
+  if (ends.longest < cap) return rememberLongest(first, last, ends);
+  // One at the cap is kept as the lowest run of cap entries, which lasts
+  // until entries in it are taken.
+  const U32 start = U32(firstRun(first, last, cap));
+  knownFreeIs(start, start + cap, cap);
+  return cap;
+}
+
+void FreeRunTree::knownFreeIs(U32 first, U32 last, U32 widen) {
+  KnownFree& slot = knownFree_[nextKnownFree_];
+  nextKnownFree_ = (nextKnownFree_ + 1) % knownFreeStretches;
+  slot = {first - freeEntriesDownFrom(first, widen), last + freeEntriesUpFrom(last, widen)};
+}
+
+U32 FreeRunTree::freeEntriesUpFrom(U32 index, U32 limit) const {
+  U32 run = 0;
+  while (run < limit && index < entries) {
+    // The bits shifted in above the word's top are clear, so the count
+    // stops there at the latest.
+    const U32 offset = index % 64;
+    const U32 ones = U32(std::countr_one(bitmap_->word(index / 64) >> offset));
+    run += ones;
+    index += ones;
+    if (ones < 64 - offset) break;
+  }
+  return run;
+}
+
+U32 FreeRunTree::freeEntriesDownFrom(U32 index, U32 limit) const {
+  U32 run = 0;
+  while (run < limit && index > 0) {
+    // Entry index - 1 moved to the word's top bit; the bits shifted in below
+    // are clear.
+    const U32 top = (index - 1) % 64;
+    const U32 ones = U32(std::countl_one(bitmap_->word((index - 1) / 64) << (63 - top)));
+    run += ones;
+    index -= ones;
+    if (ones < top + 1) break;
+  }
+  return run;
 }
 
 const FreeRunTree::Span& FreeRunTree::remember(U32 first, U32 last, const Span& s, bool whole) {

@@ -159,13 +159,15 @@ void NextHopManager::refreshResources() {
   r.usedPercentIs(percentOf(bound > free ? bound - free : 0, bound));
   // What the searches would find: a narrow one from the lowest free entry up
   // to lastWideIndex, a wide one from below the swap index down to just
-  // above lastNarrowIndex.
-  const U32 narrowLongest = freeRuns.longestRunIn(0, lastWideIndex_);
-  const U32 wideLongest = swapIndex > U32(lastNarrowIndex_) + 1
-                              ? freeRuns.longestRunIn(lastNarrowIndex_ + 1, swapIndex)
-                              : 0;
-  r.largestNarrowBlockIs(U16(std::min(narrowLongest, maxBlockEntries)));
-  r.largestWideBlockIs(U16(std::min(wideLongest, maxBlockEntries)));
+  // above lastNarrowIndex. Capped at the largest block a search hands out,
+  // which the tree answers from any run that long it knows to be free.
+  const U32 narrowLongest = freeRuns.longestRunIn(0, lastWideIndex_, maxBlockEntries);
+  const U32 wideLongest =
+      swapIndex > U32(lastNarrowIndex_) + 1
+          ? freeRuns.longestRunIn(lastNarrowIndex_ + 1, swapIndex, maxBlockEntries)
+          : 0;
+  r.largestNarrowBlockIs(U16(narrowLongest));
+  r.largestWideBlockIs(U16(wideLongest));
   r.freeRunsIs(freeRuns.runCount());
   r.largestGroupSeenIs(U16(freeRuns.shortLength()));
   r.fragmentationPercentIs(percentOf(freeRuns.shortFreeEntries(), free));

@@ -358,6 +358,13 @@ struct TreeBesideReference {
   void scatteredEntriesChange() {
     for (U32 n = pick(1, 8); n > 0; --n) entryIs(pick(0, entries - 1), pick(0, 1) == 0);
   }
+  // A cap for a longest run of entries first .. last - 1: none, one, within
+  // a word, a search's largest block, the span's length, beyond it.
+  U32 randomCap(U32 first, U32 last) {
+    const U32 length = last > first ? last - first : 0;
+    const U32 caps[] = {0, 1, 2, 63, 64, 65, 256, 256, 256, length, length + 1, pick(0, 300)};
+    return caps[pick(0, std::size(caps) - 1)];
+  }
   // Both count runs shorter than one of shortLengths as short from now on.
   void shortLengthChanges() {
     const U32 length = shortLengths[pick(0, std::size(shortLengths) - 1)];
@@ -382,6 +389,9 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeOnRandomChanges) {
   NextHopTest::ReferenceFreeRunTree& reference = trees.reference;
   auto expectSame = [&](U32 first, U32 last) {
     const Span want = reference.span(first, last);
+    const U32 cap = trees.randomCap(first, last);
+    EXPECT_EQ(tree.longestRunIn(first, last, cap), std::min(want.longest, cap))
+        << first << " .. " << last << " capped at " << cap;
     EXPECT_EQ(tree.longestRunIn(first, last), want.longest) << first << " .. " << last;
     expectSpan(tree.span(first, last), want, first, last);
     EXPECT_EQ(tree.freeIn(first, last), reference.freeIn(first, last)) << first << " .. " << last;
@@ -475,9 +485,18 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeWithTheWalkPutOff) {
     for (U32 i = 0; i < FreeRunTree::cutCount; ++i) {
       EXPECT_EQ(below[i], reference.freeIn(0, cuts[i])) << "cut " << i << " at " << cuts[i];
     }
-    if (pick(0, 1) == 0) {
-      EXPECT_EQ(tree.longestRunIn(0, narrowEnd), reference.span(0, narrowEnd).longest);
-      EXPECT_EQ(tree.longestRunIn(wideStart, 65528), reference.span(wideStart, 65528).longest);
+    switch (pick(0, 2)) {
+      case 0:
+        EXPECT_EQ(tree.longestRunIn(0, narrowEnd), reference.span(0, narrowEnd).longest);
+        EXPECT_EQ(tree.longestRunIn(wideStart, 65528), reference.span(wideStart, 65528).longest);
+        break;
+      case 1:  // capped at a search's largest block, as published
+        EXPECT_EQ(tree.longestRunIn(0, narrowEnd, 256),
+                  std::min(reference.span(0, narrowEnd).longest, 256u));
+        EXPECT_EQ(tree.longestRunIn(wideStart, 65528, 256),
+                  std::min(reference.span(wideStart, 65528).longest, 256u));
+        break;
+      default: break;
     }
     ++refreshesBetweenWalks;
     // Now and then, after one to several refreshes, the questions that need
@@ -488,7 +507,7 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeWithTheWalkPutOff) {
     refreshesBetweenWalks = 0;
     for (U32 n = pick(1, 4); n > 0; --n) {
       const auto [first, last] = randomRange();
-      switch (pick(0, 4)) {
+      switch (pick(0, 5)) {
         case 0: {
           const U32 length = pick(0, 3) == 0 ? pick(0, 300) : pick(1, 16);
           EXPECT_EQ(tree.firstRun(first, last, length), searched(first, last, length, false))
@@ -506,6 +525,13 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeWithTheWalkPutOff) {
               << first << " .. " << last;
           break;
         case 3: expectSpan(tree.span(first, last), reference.span(first, last), first, last); break;
+        case 4: {
+          const U32 cap = trees.randomCap(first, last);
+          EXPECT_EQ(tree.longestRunIn(first, last, cap),
+                    std::min(reference.span(first, last).longest, cap))
+              << first << " .. " << last << " capped at " << cap;
+          break;
+        }
         default: expectSpan(tree.table(), reference.table(), 0, entries); break;
       }
     }
@@ -514,6 +540,131 @@ TEST(FreeRunTree, AnswersAsThePreviousTreeWithTheWalkPutOff) {
   // The walk was put off across several refreshes, and asked for often.
   EXPECT_GT(walksAsked, 2000u);
   EXPECT_GE(mostRefreshesBetweenWalks, 10u);
+}
+
+// A longest run capped: on a table mostly free, in long runs (so that most
+// answers reach the cap and come from stretches the tree knows to be free),
+// blocks are taken and given back, now and then inside those stretches, and
+// random spans are asked with random caps, beside the exact questions, the
+// searches and the table's figures. Every capped answer is the previous
+// tree's exact one, capped.
+TEST(FreeRunTree, CappedLongestRunsAnswerAsThePreviousTreeCapped) {
+  TreeBesideReference trees(777);
+  auto pick = [&](U32 lo, U32 hi) { return trees.pick(lo, hi); };
+  FreeRunTree& tree = trees.tree;
+  NextHopTest::ReferenceFreeRunTree& reference = trees.reference;
+  for (U32 i = 0; i < entries;) {
+    const U32 freeEnd = std::min(entries, i + pick(1, 3000));
+    for (; i < freeEnd; ++i) trees.entryIs(i, true);
+    for (const U32 usedEnd = std::min(entries, i + pick(1, 40)); i < usedEnd; ++i) {
+      trees.entryIs(i, false);
+    }
+  }
+  auto randomSpan = [&]() -> std::pair<U32, U32> {
+    const U32 first = pick(0, entries);
+    switch (pick(0, 4)) {
+      case 0: return {first, first};                         // empty
+      case 1: return {first, std::min(entries, first + 1)};  // one entry
+      case 2: return {first, std::min(entries, first + pick(2, 600))};
+      case 3: return {0, first};  // a narrow region's
+      default: return {first, std::min(entries, first + pick(0, entries))};
+    }
+  };
+  // Spans asked again and again, as a manager's regions are, whose ends
+  // now and then move.
+  std::array<std::pair<U32, U32>, 3> regions{{{0, 30000}, {30001, 65528}, {3, 260}}};
+  U32 capped = 0, atTheCap = 0;
+  for (U32 step = 0; step < 8000; ++step) {
+    SCOPED_TRACE(::testing::Message() << "step " << step);
+    switch (pick(0, 6)) {
+      case 0:
+      case 1: trees.blockChanges(); break;
+      case 2: {  // a group's block taken at a region's start, as a first fit does
+        const U32 at = regions[pick(0, 2)].first + pick(0, 300);
+        const bool isFree = pick(0, 2) == 0;
+        for (U32 i = at; i < std::min(entries, at + pick(1, 16)); ++i) trees.entryIs(i, isFree);
+        break;
+      }
+      case 3: trees.scatteredEntriesChange(); break;
+      case 4: {  // a region's end moves
+        auto& [first, last] = regions[pick(0, 2)];
+        first = std::min(entries, first + pick(0, 8) - std::min(first, pick(0, 8)));
+        last = std::min(entries, last + pick(0, 8) - std::min(last, pick(0, 8)));
+        break;
+      }
+      default: break;  // nothing changed
+    }
+    if (step % 1999 == 1000) trees.shortLengthChanges();
+    ASSERT_EQ(tree.refresh(), reference.refresh());
+    const auto expectCapped = [&](U32 first, U32 last, U32 cap) {
+      const U32 want = std::min(reference.span(first, last).longest, cap);
+      EXPECT_EQ(tree.longestRunIn(first, last, cap), want)
+          << first << " .. " << last << " capped at " << cap;
+      ++capped;
+      atTheCap += U32(want == cap && cap != 0);
+    };
+    for (const auto& [first, last] : regions) expectCapped(first, last, 256);
+    for (U32 n = pick(0, 3); n > 0; --n) {
+      const auto [first, last] = randomSpan();
+      switch (pick(0, 4)) {
+        case 0:
+        case 1: expectCapped(first, last, trees.randomCap(first, last)); break;
+        case 2:
+          EXPECT_EQ(tree.longestRunIn(first, last), reference.span(first, last).longest)
+              << first << " .. " << last;
+          break;
+        case 3: {
+          const U32 length = pick(1, 300);
+          EXPECT_EQ(tree.firstRun(first, last, length) >= 0,
+                    reference.span(first, last).longest >= length)
+              << "[" << first << ", " << last << ") length " << length;
+          break;
+        }
+        default: expectSpan(tree.table(), reference.table(), 0, entries); break;
+      }
+    }
+    if (::testing::Test::HasFailure()) return;
+  }
+  // Both kinds of answer were given often: at the cap and under it.
+  EXPECT_GT(atTheCap, capped / 4);
+  EXPECT_GT(capped - atTheCap, capped / 10);
+}
+
+// A run of the cap's length the tree knows to be free answers until entries
+// in it are taken; then its longer free part does, if it is still that long,
+// and the answer is sought again if not.
+TEST_F(FreeRunTreeTest, ACappedAnswerFollowsEntriesTakenFromTheRunThatGaveIt) {
+  for (U32 i = 1000; i < 1600; ++i) entryIs(i, true);  // one run of 600
+  tree_.refresh();
+  EXPECT_EQ(tree_.longestRunIn(0, entries, 256), 256u);
+  EXPECT_EQ(tree_.longestRunIn(1100, 1300, 256), 200u);  // the span is shorter
+  EXPECT_EQ(tree_.longestRunIn(0, 1255, 256), 255u);
+  entryIs(1000, false);  // the run's lowest entry
+  tree_.refresh();
+  EXPECT_EQ(tree_.longestRunIn(0, 1256, 256), 255u);
+  EXPECT_EQ(tree_.longestRunIn(0, 1257, 256), 256u);
+  entryIs(1300, false);  // 299 below, 299 above
+  tree_.refresh();
+  EXPECT_EQ(tree_.longestRunIn(0, entries, 256), 256u);
+  // Up to the entry taken, and one past it: that entry does not count.
+  EXPECT_EQ(tree_.longestRunIn(0, 1300, 300), 299u);
+  EXPECT_EQ(tree_.longestRunIn(0, 1301, 300), 299u);
+  EXPECT_EQ(tree_.longestRunIn(1300, entries, 300), 299u);
+  EXPECT_EQ(tree_.longestRunIn(1301, entries, 299), 299u);
+  entryIs(1200, false);  // runs of 199, 99, 199 and 99: nothing of 256 is left
+  entryIs(1500, false);
+  tree_.refresh();
+  EXPECT_EQ(tree_.longestRunIn(0, entries, 256), 199u);
+  EXPECT_EQ(tree_.longestRunIn(0, entries, 199), 199u);
+  EXPECT_EQ(tree_.longestRunIn(0, entries, 100), 100u);
+  entryIs(1200, true);  // given back: a run of 299 again
+  tree_.refresh();
+  EXPECT_EQ(tree_.longestRunIn(0, entries, 256), 256u);
+  EXPECT_EQ(tree_.longestRunIn(0, entries, 300), 299u);
+  EXPECT_EQ(tree_.longestRunIn(5, 5, 256), 0u);
+  EXPECT_EQ(tree_.longestRunIn(1400, 1401, 256), 1u);
+  EXPECT_EQ(tree_.longestRunIn(1400, 1401, 0), 0u);
+  EXPECT_EQ(tree_.longestRunIn(1300, 1301, 1), 0u);
 }
 
 // The free index (8,320 bytes) and its summary stay within 32 KiB per manager.

@@ -300,13 +300,21 @@ TEST(DirectHashMap, SignedKeysHaveTheirOwnPlaces) {
   }
 }
 
-TEST(DirectHashMap, PrefetchingAMemberChangesNothing) {
-  DirectMap map;
-  map.prefetch(4);  // no array yet
-  map.insertNew(4, 40);
-  map.prefetch(4);
-  map.prefetch(5);  // absent
-  EXPECT_EQ(iterated(map), (std::vector<std::pair<U16, U32>>{{4, 40}}));
+TEST(DirectHashMap, PrefetchingAMemberOrAPlaceChangesNothing) {
+  DirectMap chained, spread;
+  spread.reserve(65536);  // a bucket per key from the start
+  for (DirectMap* map : {&chained, &spread}) {
+    map->prefetch(4);  // no array yet
+    map->prefetchPlace(4);
+    map->insertNew(4, 40);
+    for (U16 k : {4, 5}) {  // present and absent
+      map->prefetch(k);
+      map->prefetchPlace(k);
+    }
+    EXPECT_EQ(iterated(*map), (std::vector<std::pair<U16, U32>>{{4, 40}}));
+  }
+  EXPECT_EQ(chained.buckets(), 16u);
+  EXPECT_EQ(spread.buckets(), 65536u);
 }
 
 }  // namespace

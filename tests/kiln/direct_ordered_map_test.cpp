@@ -183,12 +183,15 @@ TEST(DirectOrderedMap, HoldsOneReferenceAndReleasesEveryMemberOnClear) {
   EXPECT_EQ(Kiln::allocationRecord<Member>().live(), 0u);
 }
 
-TEST(DirectOrderedMap, PrefetchingAMemberChangesNothing) {
+TEST(DirectOrderedMap, PrefetchingAMemberOrAPlaceChangesNothing) {
   DirectMap<U16> map;
   map.prefetch(4);  // no array yet
+  map.prefetchPlace(4);
   map.insertNew(4, 40);
-  map.prefetch(4);
-  map.prefetch(5);  // absent
+  for (U16 k : {4, 5}) {  // present and absent
+    map.prefetch(k);
+    map.prefetchPlace(k);
+  }
   EXPECT_EQ(forwards(map), (std::vector<std::pair<S32, U32>>{{4, 40}}));
 }
 

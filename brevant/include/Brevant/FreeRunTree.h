@@ -142,7 +142,7 @@ class FreeRunTree {
   // refresh()): span(first, last).longest, from the tree (at most two joins
   // per level: the words cut at the ends, then whole nodes bottom-up, after
   // a walk of the nodes if one is due), remembered with the spans. A
-  // remembered answer is found inline: every publication asks for two.
+  // remembered answer is found inline.
   U32 longestRunIn(U32 first, U32 last) {
     last = std::min(last, entries);
     if (first >= last) return 0;
@@ -153,6 +153,31 @@ class FreeRunTree {
       }
     }
     return longestRunJoined(first, last);
+  }
+
+  // min(longestRunIn(first, last), cap) (after refresh()): what a largest
+  // block capped at the largest length a search hands out needs. Any run of
+  // cap free entries in the span answers it, so the tree keeps a few
+  // stretches it has seen all free, each about two caps long, and only
+  // shortens them as entries in them are taken: one that still holds cap
+  // entries of the span answers at once, through changes elsewhere and
+  // entries given back, where the exact answer would be joined again. Other
+  // spans get the exact answer, remembered as longestRunIn's, or a new
+  // stretch from the lowest run of cap entries in them.
+  U32 longestRunIn(U32 first, U32 last, U32 cap) {
+    last = std::min(last, entries);
+    if (first >= last) return 0;
+    cap = std::min(cap, last - first);  // the longest run is no longer than the span
+    for (const KnownFree& known : knownFree_) {
+      if (std::min(known.last, last) >= std::max(known.first, first) + cap) return cap;
+    }
+    for (RememberedSpan& r : remembered_) {
+      if (r.first == first && r.last == last) {
+        r.asked = true;
+        return std::min(r.span.longest, cap);
+      }
+    }
+    return longestRunCappedJoined(first, last, cap);
   }
 
  private:
@@ -177,6 +202,11 @@ class FreeRunTree {
     Span span;
   };
   static constexpr U32 rememberedSpans = 4;
+  // Entries first .. last - 1, all free (last 0: none known).
+  struct KnownFree {
+    U32 first = 0, last = 0;
+  };
+  static constexpr U32 knownFreeStretches = 4;
 
   // Node n: 1 is the table; n has children 2n and 2n + 1; word w is node
   // wordCount + w, computed from the bitmap. length is the entries under n.
@@ -206,6 +236,19 @@ class FreeRunTree {
   bool refreshMarked();
   // longestRunIn's answer when none is remembered: joined from the tree.
   U32 longestRunJoined(U32 first, U32 last);
+  // The capped longestRunIn's answer when no stretch known free and no
+  // remembered answer gives it.
+  U32 longestRunCappedJoined(U32 first, U32 last, U32 cap);
+  // Keeps first .. last - 1, all free, widened by up to `widen` free
+  // entries each side, as a stretch known free (replacing the oldest).
+  void knownFreeIs(U32 first, U32 last, U32 widen);
+  // Shortens the stretches known free that lost entries in words
+  // first .. last (one stretch of marked words) to their longer free part.
+  void knownFreeTaken(U32 first, U32 last);
+  // The free entries from index up (index, index + 1, ...) and from just
+  // below index down, counted until one is not free or at least limit are.
+  U32 freeEntriesUpFrom(U32 index, U32 limit) const;
+  U32 freeEntriesDownFrom(U32 index, U32 limit) const;
   // freeBelow's counts when a cut moved.
   const Cuts& freeBelowMoved(const Cuts& cuts);
   // Sets the table's short inner runs from its short free entries.
@@ -246,6 +289,8 @@ class FreeRunTree {
   // entries), from the tree.
   Ends endsIn(U32 first, U32 last) const;
   const Span& remember(U32 first, U32 last, const Span& s, bool whole);
+  // Remembers a span's length, ends and longest run; returns the longest.
+  U32 rememberLongest(U32 first, U32 last, const Ends& ends);
   // A run search's question and what it carries from span to span.
   struct UpwardSearch;
   struct DownwardSearch;
@@ -277,6 +322,8 @@ class FreeRunTree {
   std::array<Node, wordCount> nodes_{};
   std::array<RememberedSpan, rememberedSpans> remembered_{};
   U32 nextRemembered_ = 0;
+  std::array<KnownFree, knownFreeStretches> knownFree_{};
+  U32 nextKnownFree_ = 0;
   // The cuts last asked for and the free entries below each (all 0 after a
   // rebuild: counted again from the table's start when next asked for).
   Cuts cuts_{};

@@ -125,16 +125,22 @@ class DirectHashMap {
   // The member with this key, or nullptr.
   M* find(const K& key) const { return byKey_ ? byKey_[slot(key)] : nullptr; }
 
-  // Starts loading the member with this key, if any, for a caller that
-  // will reach it soon (the entries of a block are visited one after the
-  // other, and their members lie scattered in memory). Not spread, it
-  // also starts loading the head of key's chain, which removing key walks.
-  // Inlined by force (see HashMap::prefetch). An absent key's null is not
-  // prefetched: the empty page behind it costs a page walk every time.
+  // Starts loading the member with this key, if any, and while the map is
+  // chained the bucket that removing it walks, for a caller that will reach
+  // it soon (the entries of a block are visited one after the other, and
+  // their members lie scattered in memory). Inlined by force, as
+  // HashMap::prefetchMembers is.
   [[gnu::always_inline]] void prefetch(const K& key) const {
     if (!byKey_) return;
-    if (const M* m = byKey_[slot(key)]) __builtin_prefetch(m, 1);
-    if (!spread()) map_.prefetch(key);
+    __builtin_prefetch(byKey_[slot(key)], 1);
+    if (!spread()) map_.prefetchBucket(key);
+  }
+
+  // Starts loading the array's place of key, which prefetch(key) reads: a
+  // caller visiting keys in order asks for places further ahead than for
+  // members, so that prefetching a member need not wait for its place.
+  [[gnu::always_inline]] void prefetchPlace(const K& key) const {
+    if (byKey_) __builtin_prefetch(&byKey_[slot(key)], 0);
   }
 
   // Adds member, whose key must not be in the map yet; takes a reference.
@@ -188,9 +194,7 @@ class DirectHashMap {
     if (!spread()) return map_.remove(key);
     --spreadMembers_;
     if (positionOf(key) == firstPosition_) firstPosition_ = nextPosition(firstPosition_ + 1);
-    Ptr<M> removed(m);
-    m->deleteRef();
-    return removed;
+    return Ptr<M>::adopt(m);  // the collection's reference passes to the caller
   }
 
   // Removes the member at position and returns the position of the next one.

@@ -61,12 +61,17 @@ class DirectOrderedMap {
 
   // Starts loading the member with this key, if any, for a caller that
   // will reach it soon (the entries of a block are visited one after the
-  // other, and their members lie scattered in memory). Inlined by force
-  // (see HashMap::prefetch); an absent key's null is not prefetched (see
-  // DirectHashMap::prefetch).
+  // other, and their members lie scattered in memory). Inlined by force, as
+  // HashMap::prefetchMembers is.
   [[gnu::always_inline]] void prefetch(const K& key) const {
-    if (!slots_) return;
-    if (const M* m = slots_->byKey[slot(key)]) __builtin_prefetch(m, 1);
+    if (slots_) __builtin_prefetch(slots_->byKey[slot(key)], 1);
+  }
+
+  // Starts loading the array's place of key, which prefetch(key) reads: a
+  // caller visiting keys in order asks for places further ahead than for
+  // members, so that prefetching a member need not wait for its place.
+  [[gnu::always_inline]] void prefetchPlace(const K& key) const {
+    if (slots_) __builtin_prefetch(&slots_->byKey[slot(key)], 0);
   }
 
   // The member with the smallest key, or nullptr when empty.
@@ -161,9 +166,7 @@ class DirectOrderedMap {
     slots_->present[w] &= ~(U64(1) << (s % 64));
     if (slots_->present[w] == 0) slots_->summary[w / 64] &= ~(U64(1) << (w % 64));
     --members_;
-    Ptr<M> removed(m);
-    m->deleteRef();
-    return removed;
+    return Ptr<M>::adopt(m);  // the collection's reference passes to the caller
   }
 
   // The member at the lowest place at or above s (s < keys), or nullptr.

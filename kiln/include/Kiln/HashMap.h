@@ -174,15 +174,22 @@ class HashMap {
     return nullptr;
   }
 
-  // Starts loading the first member of key's bucket (with buckets about as
-  // many as members, usually key's own), for a caller that will find,
-  // change or remove key soon. Reading the bucket is an ordinary load.
-  // Inlined by force, as every function here that only prefetches: the
-  // compiler takes such a function for one without effects and drops its
-  // calls.
-  [[gnu::always_inline]] void prefetch(const K& key) const {
+  // Starts loading the first member of every bucket, for a caller that
+  // will visit or release the members soon and has other work to do
+  // meanwhile (the members lie scattered in memory). Inlined by force: the
+  // compiler takes a function that only prefetches for one without effects
+  // and drops its calls.
+  [[gnu::always_inline]] void prefetchMembers() const {
     if (!buckets_) return;
-    if (const M* head = buckets_[bucketOf(key, log2Buckets_)]) prefetchMember(head);
+    for (U32 b = 0, n = buckets(); b < n; ++b) {
+      if (buckets_[b]) prefetchMember(buckets_[b]);
+    }
+  }
+
+  // Starts loading the bucket of key, which finding, adding or removing key
+  // reads first.
+  [[gnu::always_inline]] void prefetchBucket(const K& key) const {
+    if (buckets_) __builtin_prefetch(&buckets_[bucketOf(key, log2Buckets_)], 1);
   }
 
   // Adds member, whose key must not be in the map yet; takes a reference.
@@ -281,7 +288,7 @@ class HashMap {
 
   // Starts loading both ends of m (a member may straddle two cache lines)
   // for writing.
-  [[gnu::always_inline]] static void prefetchMember(const M* m) {
+  static void prefetchMember(const M* m) {
     __builtin_prefetch(m, 1);
     __builtin_prefetch(reinterpret_cast<const char*>(m) + sizeof(M) - 1, 1);
   }
@@ -323,9 +330,7 @@ class HashMap {
     *link = m->next_;
     m->next_ = nullptr;
     --members_;
-    Ptr<M> removed(m);
-    m->deleteRef();
-    return removed;
+    return Ptr<M>::adopt(m);  // the collection's reference passes to the caller
   }
 
   // Enlarges the bucket array to 2^log2 buckets. Bucket i splits into the

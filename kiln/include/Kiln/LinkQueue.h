@@ -256,9 +256,7 @@ class LinkQueue {
     m->next_ = nullptr;
     --members_;
     ++changeCount_;
-    Ptr<M> removed(m);
-    m->deleteRef();
-    return removed;
+    return Ptr<M>::adopt(m);  // the collection's reference passes to the caller
   }
 
   M* head_ = nullptr;

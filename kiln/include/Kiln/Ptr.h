@@ -103,6 +103,14 @@ class Ptr {
   Ptr() = default;
   Ptr(std::nullptr_t) {}
   Ptr(T* object) : object_(object) { acquire(); }
+  // A pointer that takes over a reference object already holds (a
+  // collection handing its member's reference to the caller) rather than
+  // taking one of its own.
+  static Ptr adopt(T* object) {
+    Ptr p;
+    p.object_ = object;
+    return p;
+  }
   Ptr(const Ptr& other) : object_(other.object_) { acquire(); }
   Ptr(Ptr&& other) noexcept : object_(other.object_) { other.object_ = nullptr; }
   template <class U>

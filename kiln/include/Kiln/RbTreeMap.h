@@ -328,9 +328,7 @@ class RbTreeMap {
     if (blackGone) rebalanceAfterRemove(child, parent);
     m->child_[0] = m->child_[1] = m->parent_ = nullptr;
     --members_;
-    Ptr<M> removed(m);
-    m->deleteRef();
-    return removed;
+    return Ptr<M>::adopt(m);  // the collection's reference passes to the caller
   }
 
   // The path through m (child of parent, maybe null) is one black short.
