@@ -2,8 +2,7 @@
 // in which its traffic points at entries that are not programmed: copy
 // first, repoint, then free. A move whose destination overlaps the group's
 // current block goes through the swap area, each leg by the same steps.
-#include <memory>
-
+#include "BlockWords.h"
 #include "Brevant/NextHopAccess.h"
 #include "Brevant/NextHopManager.h"
 #include "Brevant/NextHopTrace.h"
@@ -13,26 +12,6 @@
 
 namespace Brevant {
 namespace {
-
-// The most entries one move copies: a wide group of 256 next hops. A move's
-// copy buffer of that size lives on the stack; only a group grown past it
-// (by a write by name) needs one from the heap.
-constexpr U16 stackBufferEntries = 512;
-
-// The buffer one move's legs copy through, numEntries words, never null (the
-// chip API refuses a null one, even for 0 entries).
-class CopyBuffer {
- public:
-  explicit CopyBuffer(U16 numEntries)
-      : words_(numEntries <= stackBufferEntries ? onStack_ : new U64[numEntries]),
-        onHeap_(words_ == onStack_ ? nullptr : words_) {}
-  U64* words() { return words_; }
-
- private:
-  U64 onStack_[stackBufferEntries];
-  U64* const words_;
-  const std::unique_ptr<U64[]> onHeap_;
-};
 
 // Points the group's next hops 0 to size - 1 at `to` + step x position. A
 // position the group does not hold becomes an all-zero entry at its index.
@@ -80,7 +59,7 @@ void repointNextHops(ECMPGroup& group, U16 to) {
 // releases the old block. The chip's old entries are left as they are: the
 // owners may still be reading them until they hear of the move.
 void moveLeg(NextHopManager& manager, ECMPGroup& group, U16 to, U16 numEntries, U16 announced,
-             CopyBuffer& buffer) {
+             BlockWords& buffer) {
   const U16 from = group.hwStartIndex();
   startLoadingRecords(manager, group, from, to, numEntries);
   readNextHopInternal(from, numEntries, buffer.words());
@@ -126,7 +105,7 @@ S32 moveGroup(NextHopManager& manager, U16 groupId, const Kiln::Ptr<ECMPGroup>& 
     return -1;
   }
   ResourcesHold hold(manager);
-  CopyBuffer buffer(numEntries);
+  BlockWords buffer(numEntries);
   if (overlap) {
     // The assertion text names the manager's operation and keeps its blanks
     // inside the parentheses.

@@ -132,7 +132,8 @@ class DirectHashMap {
   // HashMap::prefetchMembers is.
   [[gnu::always_inline]] void prefetch(const K& key) const {
     if (!byKey_) return;
-    __builtin_prefetch(byKey_[slot(key)], 1);
+    // An absent key's null would cost a page walk for nothing.
+    if (const M* m = byKey_[slot(key)]) __builtin_prefetch(m, 1);
     if (!spread()) map_.prefetchBucket(key);
   }
 

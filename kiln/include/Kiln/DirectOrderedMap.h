@@ -64,7 +64,9 @@ class DirectOrderedMap {
   // other, and their members lie scattered in memory). Inlined by force, as
   // HashMap::prefetchMembers is.
   [[gnu::always_inline]] void prefetch(const K& key) const {
-    if (slots_) __builtin_prefetch(slots_->byKey[slot(key)], 1);
+    if (!slots_) return;
+    // An absent key's null would cost a page walk for nothing.
+    if (const M* m = slots_->byKey[slot(key)]) __builtin_prefetch(m, 1);
   }
 
   // Starts loading the array's place of key, which prefetch(key) reads: a
