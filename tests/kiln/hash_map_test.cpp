@@ -114,6 +114,22 @@ TEST(HashMap, MembersSitInTheirKeysBuckets) {
   EXPECT_EQ(map.end().bucket(), 16u);
 }
 
+TEST(HashMap, PrefetchingMembersOrABucketChangesNothing) {
+  CountMap map(1), untouched(1);
+  map.prefetchMembers();  // no buckets yet
+  map.prefetchBucket(4);
+  for (U32 k : {4u, 6u, 5u}) {
+    map.insert(new KilnCount(k, k * 10));
+    untouched.insert(new KilnCount(k, k * 10));
+  }
+  map.prefetchMembers();
+  for (U32 k : {4u, 5u, 6u, 7u}) map.prefetchBucket(k);  // present and absent keys
+  EXPECT_EQ(iteratedKeys(map), iteratedKeys(untouched));
+  EXPECT_EQ(map.buckets(), untouched.buckets());
+  EXPECT_EQ(map.find(5)->value(), 50u);
+  EXPECT_EQ(map.members(), 3u);
+}
+
 TEST(HashMap, IteratesInBucketOrderNotKeyOrder) {
   CountMap map;
   for (U32 k : {3u, 1u, 0u, 2u}) map.insert(new KilnCount(k, 0));

@@ -288,7 +288,7 @@ class HashMap {
 
   // Starts loading both ends of m (a member may straddle two cache lines)
   // for writing.
-  static void prefetchMember(const M* m) {
+  [[gnu::always_inline]] static void prefetchMember(const M* m) {
     __builtin_prefetch(m, 1);
     __builtin_prefetch(reinterpret_cast<const char*>(m) + sizeof(M) - 1, 1);
   }
