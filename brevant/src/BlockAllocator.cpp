@@ -20,8 +20,7 @@ constexpr U32 fetchAhead = 8;
 constexpr U32 placesAhead = 2 * fetchAhead;
 
 // Starts loading where the records of one entry lie. The fetches are
-// inlined by force, here and below: the compiler takes a function that only
-// prefetches for one without effects and drops its calls.
+// inlined by force, here and below (HashMap::prefetchMembers says why).
 [[gnu::always_inline]] inline void fetchPlaces(const NextHopManager& manager, U16 index) {
   manager.allocatedEntries().prefetchPlace(index);
   manager.freeEntries().prefetchPlace(index);

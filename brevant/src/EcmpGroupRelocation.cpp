@@ -38,8 +38,7 @@ void repointNextHops(ECMPGroup& group, U16 to) {
 // free entries are absent: only their places in the array, written when
 // they come), both starts in hwStartToGroupId (with their buckets while it
 // is chained) and the group's next hops. The members lie scattered in
-// memory. Inlined by force: the compiler takes a function that only
-// prefetches for one without effects and drops its calls.
+// memory. Inlined by force (HashMap::prefetchMembers says why).
 [[gnu::always_inline]] inline void startLoadingRecords(const NextHopManager& manager,
                                                        const ECMPGroup& group, U16 from, U16 to,
                                                        U16 numEntries) {

@@ -346,4 +346,22 @@ TEST_F(RelocationDeathTest, ASwapAreaTooSmallForTheGroupIsAProgramFault) {
       HasSubstr("Assertion `( swapIndex + numEntries ) <= getNextHopTableBound()' failed."));
 }
 
+// A group grown by name past the largest size a create accepts moves
+// through words taken from the heap: 600 entries, more than a block's words
+// on the stack hold (a full-size table, no swap area in the way).
+TEST_F(NextHopTableTest, AGroupGrownPastTheLargestSizeMovesWhole) {
+  ASSERT_EQ(create(2, false, 0x500), 3);
+  Kiln::Ptr<ECMPGroup> g = m().ecmpGroups(3);
+  g->sizeIs(600);                 // positions 2 .. 599 are missing: all-zero entries
+  FmSim::tableWordIs(602, 0x77);  // the old block's last word, copied as it is
+  EXPECT_EQ(m().moveECMPGroup(3, 2000, false), 0);
+  EXPECT_EQ(g->hwStartIndex(), 2000);
+  EXPECT_EQ(FmSim::tableWord(2000), 0x500u);
+  EXPECT_EQ(FmSim::tableWord(2001), 0x501u);
+  EXPECT_EQ(FmSim::tableWord(2599), 0x77u);
+  EXPECT_EQ(g->nextHops(599).hwIndex(), 2599);
+  EXPECT_TRUE(m().allocatedEntries(2599));
+  EXPECT_TRUE(m().freeEntries(602));
+}
+
 }  // namespace

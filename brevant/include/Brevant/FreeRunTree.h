@@ -146,12 +146,7 @@ class FreeRunTree {
   U32 longestRunIn(U32 first, U32 last) {
     last = std::min(last, entries);
     if (first >= last) return 0;
-    for (RememberedSpan& r : remembered_) {
-      if (r.first == first && r.last == last) {
-        r.asked = true;
-        return r.span.longest;
-      }
-    }
+    if (const Span* s = rememberedSpan(first, last)) return s->longest;
     return longestRunJoined(first, last);
   }
 
@@ -171,12 +166,7 @@ class FreeRunTree {
     for (const KnownFree& known : knownFree_) {
       if (std::min(known.last, last) >= std::max(known.first, first) + cap) return cap;
     }
-    for (RememberedSpan& r : remembered_) {
-      if (r.first == first && r.last == last) {
-        r.asked = true;
-        return std::min(r.span.longest, cap);
-      }
-    }
+    if (const Span* s = rememberedSpan(first, last)) return std::min(s->longest, cap);
     return longestRunCappedJoined(first, last, cap);
   }
 
@@ -236,6 +226,16 @@ class FreeRunTree {
   bool refreshMarked();
   // longestRunIn's answer when none is remembered: joined from the tree.
   U32 longestRunJoined(U32 first, U32 last);
+  // The remembered answer for first .. last - 1 (marked as asked), or null.
+  const Span* rememberedSpan(U32 first, U32 last) {
+    for (RememberedSpan& r : remembered_) {
+      if (r.first == first && r.last == last) {
+        r.asked = true;
+        return &r.span;
+      }
+    }
+    return nullptr;
+  }
   // The capped longestRunIn's answer when no stretch known free and no
   // remembered answer gives it.
   U32 longestRunCappedJoined(U32 first, U32 last, U32 cap);
