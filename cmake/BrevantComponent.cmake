@@ -51,7 +51,11 @@ function(brevant_component)
   # library replacing them at load time (a chip library is replaced whole,
   # as a component of its own), so the compiler may inline them and call
   # them directly rather than through the procedure linkage table.
-  target_compile_options(${target} PRIVATE -fno-semantic-interposition)
+  # For the same reason its copies of inline member functions (the
+  # collections' and slot pools' operations) are its own: called directly,
+  # not through the table, and not bound at load time to another library's
+  # or the program's copy. Their static variables stay shared.
+  target_compile_options(${target} PRIVATE -fno-semantic-interposition -fvisibility-inlines-hidden)
   if(ARG_DEPENDS)
     target_link_libraries(${target} PUBLIC ${ARG_DEPENDS})
   endif()

@@ -50,6 +50,20 @@ struct Shared : Kiln::Allocated<Shared> {
   U64 payload = 0;
 };
 
+// Counts how its objects end: the last reference signals zeroReferencesIs,
+// then the object is destroyed and its slot released. Final, as every
+// generated collection member is (a Ptr then ends it by direct calls), and
+// open, as entities are (through the virtual ones).
+template <class Self>
+struct Ending : Kiln::PtrInterface, Kiln::Allocated<Self> {
+  static inline int signals = 0;
+  static inline int destructions = 0;
+  void zeroReferencesIs(bool) override { ++signals; }
+  ~Ending() override { ++destructions; }
+};
+struct FinalEnding final : Ending<FinalEnding> {};
+struct OpenEnding : Ending<OpenEnding> {};
+
 }  // namespace KilnAllocatorTest
 
 namespace {
@@ -164,6 +178,32 @@ TEST(Allocator, AFullyReleasedPoolCarvesFromItsStartAgain) {
   for (Pooled* p : objects) delete p;
 }
 
+TEST(Allocator, LockedAndUnlockedTakesShareOneFreeList) {
+  // Without the lock a take or give is the short inlined path; with it, the
+  // guarded one. Both work on the same list and count the same slots.
+  const Kiln::SlotPool& pool = Kiln::slotPoolOf<Pooled>;
+  ASSERT_EQ(pool.slotsInUse(), 0u);
+  Pooled* a = new Pooled;
+  Pooled* b = new Pooled;
+  Pooled* c = new Pooled;
+  delete b;  // unlocked give
+  Kiln::enableThreadSafePointers = true;
+  Pooled* d = new Pooled;  // locked take
+  EXPECT_EQ(d, b);
+  delete a;  // locked give
+  Kiln::enableThreadSafePointers = false;
+  Pooled* e = new Pooled;  // unlocked take
+  EXPECT_EQ(e, a);
+  EXPECT_EQ(pool.slotsInUse(), 3u);
+  delete c;
+  delete d;
+  delete e;  // the last slot: the pool carves from its start again
+  EXPECT_EQ(pool.slotsInUse(), 0u);
+  Pooled* f = new Pooled;
+  EXPECT_EQ(f, a);
+  delete f;
+}
+
 TEST(Allocator, PoolStartsSmallAndGrowsGeometrically) {
   const Kiln::SlotPool& pool = Kiln::slotPoolOf<Pooled>;
   std::vector<Pooled*> objects{new Pooled};
@@ -246,6 +286,36 @@ TEST(Allocator, ObjectsMayBeReleasedOnAnotherThread) {
   Kiln::enableThreadSafePointers = false;
   EXPECT_EQ(Kiln::allocationRecord<Shared>().live(), 0u);
   EXPECT_EQ(Kiln::allocationRecord<Shared>().allocations(), 4u * perThread);
+}
+
+template <class T>
+void expectEndedOnceByTheLastReference() {
+  const Kiln::AllocationRecord& record = Kiln::allocationRecord<T>();
+  const U64 live = record.live();
+  T::signals = T::destructions = 0;
+  Kiln::Ptr<T> first(new T);
+  Kiln::Ptr<T> second = first;
+  Kiln::Ptr<Kiln::PtrInterface> generic(second);
+  first = nullptr;
+  second = Kiln::Ptr<T>();
+  EXPECT_EQ(T::signals, 0);
+  EXPECT_EQ(record.live(), live + 1);
+  generic = nullptr;  // the last one, through the base
+  EXPECT_EQ(T::signals, 1);
+  EXPECT_EQ(T::destructions, 1);
+  EXPECT_EQ(record.live(), live);
+  { const Kiln::Ptr<T> only(new T); }  // the last one, through the type itself
+  EXPECT_EQ(T::signals, 2);
+  EXPECT_EQ(T::destructions, 2);
+  EXPECT_EQ(record.live(), live);
+}
+
+TEST(Allocator, TheLastReferenceEndsAFinalTypeOnce) {
+  expectEndedOnceByTheLastReference<FinalEnding>();
+}
+
+TEST(Allocator, TheLastReferenceEndsAnOpenTypeOnce) {
+  expectEndedOnceByTheLastReference<OpenEnding>();
 }
 
 }  // namespace

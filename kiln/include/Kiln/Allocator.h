@@ -103,38 +103,26 @@ class SlotPool {
   // A slot of size bytes aligned to align; size and align must be the same
   // at every call. Throws std::bad_alloc when the system has no memory.
   void* take(std::size_t size, std::size_t align) {
-    Guard guard(*this);
-    void* slot;
-    if (free_) {
-      slot = free_;
-      memoryDefinedIs(free_, sizeof(FreeSlot));
-      free_ = free_->next;
-      // The list runs through slots released long ago, scattered in memory:
-      // loading the next one starts now, so that the next take() (a group's
-      // members are taken one after another) need not wait for it.
-      if (free_) __builtin_prefetch(free_, 1);
-    } else {
-      if (std::size_t(carveEnd_ - carve_) < size) nextChunk(size, align);
-      slot = carve_;
-      carve_ += size;
-    }
-    memoryUndefinedIs(slot, size);
+    // The common case takes a few instructions, inlined where members are
+    // built: one thread, a released slot to reuse, no memory checker.
+    // Anything else goes the whole way, out of line.
+    if (!unguarded() || !free_) return takeGuarded(size, align);
+    FreeSlot* slot = free_;
+    popFree();
     ++inUse_;
     return slot;
   }
 
   // Returns a slot that take() handed out.
   void give(void* memory) noexcept {
-    Guard guard(*this);
-    if (--inUse_ == 0) {
-      memoryNoAccessIs(memory, slotSize_);
-      rewind();
+    // As in take(): the common case here, the last slot and the guarded
+    // cases out of line.
+    if (!unguarded() || inUse_ <= 1) {
+      giveGuarded(memory);
       return;
     }
-    FreeSlot* slot = static_cast<FreeSlot*>(memory);
-    slot->next = free_;
-    free_ = slot;
-    memoryNoAccessIs(memory, slotSize_);
+    pushFree(memory);
+    --inUse_;
   }
 
   // Bytes obtained from the system so far.
@@ -171,6 +159,54 @@ class SlotPool {
     static void acquire(std::atomic<bool>& lock) noexcept;
     std::atomic<bool>* lock_;
   };
+
+  // Whether take() and give() may skip the lock and the memory marks.
+  static bool unguarded() noexcept {
+    return !enableThreadSafePointers.load(std::memory_order_relaxed) && !memoryChecked();
+  }
+
+  // Takes the first released slot off the list.
+  void popFree() noexcept {
+    free_ = free_->next;
+    // The list runs through slots released long ago, scattered in memory:
+    // loading the next one starts now, so that the next take() (a group's
+    // members are taken one after another) need not wait for it.
+    if (free_) __builtin_prefetch(free_, 1);
+  }
+  // Puts a released slot at the front of the list.
+  void pushFree(void* memory) noexcept {
+    FreeSlot* slot = static_cast<FreeSlot*>(memory);
+    slot->next = free_;
+    free_ = slot;
+  }
+
+  [[gnu::noinline]] void* takeGuarded(std::size_t size, std::size_t align) {
+    Guard guard(*this);
+    void* slot;
+    if (free_) {
+      slot = free_;
+      memoryDefinedIs(free_, sizeof(FreeSlot));
+      popFree();
+    } else {
+      if (std::size_t(carveEnd_ - carve_) < size) nextChunk(size, align);
+      slot = carve_;
+      carve_ += size;
+    }
+    memoryUndefinedIs(slot, size);
+    ++inUse_;
+    return slot;
+  }
+
+  [[gnu::noinline]] void giveGuarded(void* memory) noexcept {
+    Guard guard(*this);
+    if (--inUse_ == 0) {
+      memoryNoAccessIs(memory, slotSize_);
+      rewind();
+      return;
+    }
+    pushFree(memory);
+    memoryNoAccessIs(memory, slotSize_);
+  }
 
   // Carves on from the next chunk, obtaining one when there is none.
   void nextChunk(std::size_t size, std::size_t align);

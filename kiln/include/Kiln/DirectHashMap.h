@@ -221,7 +221,7 @@ class DirectHashMap {
           if (byKey_[s]) __builtin_prefetch(byKey_[s], 1);
         }
         for (std::size_t s = first; s < first + releaseBatch; ++s) {
-          if (M* m = std::exchange(byKey_[s], nullptr)) m->deleteRef();
+          if (M* m = std::exchange(byKey_[s], nullptr)) dropReference(m);
         }
       }
     }

@@ -24,7 +24,7 @@
 namespace Kiln {
 
 // Members of a DirectOrderedMap<M, K, V> need no links: derive as
-//   class KilnX : public Kiln::DirectOrderedMember<KilnX, K, V> {
+//   class KilnX final : public Kiln::DirectOrderedMember<KilnX, K, V> {
 //     using DirectOrderedMember::DirectOrderedMember; };
 template <class M, class K, class V>
 class DirectOrderedMember : public CollectionMember<M, K, V> {
@@ -122,7 +122,7 @@ class DirectOrderedMap {
     members_ = 0;
     for (std::size_t w = 0; w < words; ++w) {
       for (U64 bits = slots->present[w]; bits; bits &= bits - 1) {
-        slots->byKey[w * 64 + std::size_t(std::countr_zero(bits))]->deleteRef();
+        dropReference(slots->byKey[w * 64 + std::size_t(std::countr_zero(bits))]);
       }
     }
   }

@@ -54,7 +54,7 @@ class HashMap;
 
 // Base of the members of a HashMap<M, K, V>: the key, the value and the link
 // to the next member of the bucket. Derive as
-//   class KilnX : public Kiln::HashMapMember<KilnX, K, V> {
+//   class KilnX final : public Kiln::HashMapMember<KilnX, K, V> {
 //     using HashMapMember::HashMapMember; };
 template <class M, class K, class V>
 class HashMapMember : public CollectionMember<M, K, V> {
@@ -261,7 +261,7 @@ class HashMap {
         while (m) {
           M* next = m->next_;
           m->next_ = nullptr;
-          m->deleteRef();
+          dropReference(m);
           m = next;
         }
       }

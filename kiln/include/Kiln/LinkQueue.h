@@ -32,7 +32,7 @@ class LinkQueue;
 // Base of the members of a LinkQueue<M, V>: the index (the key), the value and
 // the link to the next member. enq() chooses the index of a new member;
 // place() takes the one it was constructed with. Derive as
-//   class KilnX : public Kiln::LinkQueueMember<KilnX, V> {
+//   class KilnX final : public Kiln::LinkQueueMember<KilnX, V> {
 //     using LinkQueueMember::LinkQueueMember; };
 template <class M, class V>
 class LinkQueueMember : public CollectionMember<M, U32, V> {
@@ -191,7 +191,7 @@ class LinkQueue {
     at->next_ = nullptr;
     ++changeCount_;
     Ptr<M> replaced(at);
-    at->deleteRef();
+    dropReference(at);
     return replaced;
   }
 

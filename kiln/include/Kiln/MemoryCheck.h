@@ -52,6 +52,15 @@ inline constexpr bool addressSanitizerBuild = true;
 inline constexpr bool addressSanitizerBuild = false;
 #endif
 
+// Whether the marks below are seen by anyone: a build with AddressSanitizer,
+// or a process under valgrind. When not, a caller may skip them.
+inline bool memoryChecked() noexcept {
+#if defined(KILN_VALGRIND_REQUESTS)
+  if (runningOnValgrind()) return true;
+#endif
+  return addressSanitizerBuild;
+}
+
 // The bytes may not be read or written until marked again.
 inline void memoryNoAccessIs(void* memory, std::size_t bytes) noexcept {
 #if defined(KILN_ADDRESS_SANITIZER)

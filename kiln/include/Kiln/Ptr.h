@@ -78,22 +78,43 @@ class PtrInterface {
   // Drops one reference; the last one signals zeroReferencesIs(true) and
   // destroys the object.
   void deleteRef() const {
-    U32 left;
-    if (enableThreadSafePointers.load(std::memory_order_relaxed)) {
-      left = std::atomic_ref<U32>(references_).fetch_sub(1, std::memory_order_acq_rel) - 1;
-    } else {
-      left = --references_;
-    }
-    if (left == 0) {
+    if (referenceDropped()) {
       PtrInterface* self = const_cast<PtrInterface*>(this);
       self->zeroReferencesIs(true);
       delete self;
     }
   }
 
+  // Drops one reference and tells whether it was the last; the caller then
+  // destroys the object as deleteRef() does (see dropReference()).
+  bool referenceDropped() const {
+    if (enableThreadSafePointers.load(std::memory_order_relaxed)) {
+      return std::atomic_ref<U32>(references_).fetch_sub(1, std::memory_order_acq_rel) == 1;
+    }
+    return --references_ == 0;
+  }
+
  private:
   mutable U32 references_ = 0;
 };
+
+// Drops one reference to object, as object->deleteRef() does. For a final
+// type (every generated collection member is one) the type is known here, so
+// the calls that end an object (zeroReferencesIs, the destructor, the slot
+// pool's release) are direct and may be inlined instead of two virtual calls:
+// members are released by the thousand as a table changes.
+template <class T>
+void dropReference(const T* object) {
+  if constexpr (std::is_final_v<T>) {
+    if (object->referenceDropped()) {
+      T* self = const_cast<T*>(object);
+      self->zeroReferencesIs(true);
+      delete self;
+    }
+  } else {
+    object->deleteRef();
+  }
+}
 
 // Strong pointer. May be null; copying adds a reference, destruction or
 // reassignment drops one.
@@ -124,7 +145,7 @@ class Ptr {
     T* previous = object_;
     object_ = other.object_;
     acquire();
-    if (previous) previous->deleteRef();
+    if (previous) dropReference(previous);
     return *this;
   }
   Ptr& operator=(Ptr&& other) noexcept {
@@ -132,7 +153,7 @@ class Ptr {
       T* previous = object_;
       object_ = other.object_;
       other.object_ = nullptr;
-      if (previous) previous->deleteRef();
+      if (previous) dropReference(previous);
     }
     return *this;
   }
@@ -150,7 +171,7 @@ class Ptr {
     if (object_) object_->newRef();
   }
   void release() {
-    if (object_) object_->deleteRef();
+    if (object_) dropReference(object_);
     object_ = nullptr;
   }
 

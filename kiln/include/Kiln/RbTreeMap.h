@@ -21,7 +21,7 @@ struct RbTreeAccess;
 
 // Base of the members of an RbTreeMap<M, K, V>: key, value, colour and the
 // tree links. Derive as
-//   class KilnX : public Kiln::RbTreeMember<KilnX, K, V> {
+//   class KilnX final : public Kiln::RbTreeMember<KilnX, K, V> {
 //     using RbTreeMember::RbTreeMember; };
 // The key, the value and the colour fill the tail of the reference count's
 // word (a U16 key and a bool value make a 40-byte member).
@@ -127,7 +127,7 @@ class RbTreeMap {
         m = std::exchange(m->child_[1], nullptr);
       } else {
         M* parent = std::exchange(m->parent_, nullptr);
-        m->deleteRef();
+        dropReference(m);
         m = parent;
       }
     }

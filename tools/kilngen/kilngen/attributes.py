@@ -253,7 +253,7 @@ class Collection(Emitter):
                      f"  friend class {self.owner.name};",
                      f"  using {base}::valueIs;"]
         return [f"// A member of {self.x}: key {K}, value {V}.",
-                f"class {M} : public Kiln::{self.member_base}<{M}, {K}, {V}> {{",
+                f"class {M} final : public Kiln::{self.member_base}<{M}, {K}, {V}> {{",
                 " public:",
                 f"  using {self.member_base}::{self.member_base};",
                 *guard,
@@ -531,7 +531,7 @@ class Queue(Collection):
     def member_types(self):
         M, V, X = self.M, self.V, self.X
         return [f"// A member of {self.x}: index U32, value {V}.",
-                f"class {M} : public Kiln::LinkQueueMember<{M}, {V}> {{",
+                f"class {M} final : public Kiln::LinkQueueMember<{M}, {V}> {{",
                 " public:",
                 "  using LinkQueueMember::LinkQueueMember;",
                 "};",

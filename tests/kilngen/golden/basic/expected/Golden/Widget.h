@@ -37,7 +37,7 @@ class Widget : public Kiln::Entity, public Kiln::Allocated<Widget> {
   class NotifieeConst;
 
   // A member of tags: key U32, value Point.
-  class KilnTags : public Kiln::HashMapMember<KilnTags, U32, Point> {
+  class KilnTags final : public Kiln::HashMapMember<KilnTags, U32, Point> {
    public:
     using HashMapMember::HashMapMember;
   };
@@ -45,7 +45,7 @@ class Widget : public Kiln::Entity, public Kiln::Allocated<Widget> {
   typedef TagsMap::Iterator TagsIterator;
 
   // A member of jobs: index U32, value U32.
-  class KilnJobs : public Kiln::LinkQueueMember<KilnJobs, U32> {
+  class KilnJobs final : public Kiln::LinkQueueMember<KilnJobs, U32> {
    public:
     using LinkQueueMember::LinkQueueMember;
   };

@@ -22,7 +22,7 @@ class Bins {
   static constexpr U32 kilnBinIndex = kilnAttributeStart + 0;  // 2
 
   // A member of bin: key S16, value U64.
-  class KilnBin : public Kiln::HashMapMember<KilnBin, S16, U64> {
+  class KilnBin final : public Kiln::HashMapMember<KilnBin, S16, U64> {
    public:
     using HashMapMember::HashMapMember;
   };

@@ -34,7 +34,7 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
   class NotifieeConst;
 
   // A member of slots: key U16, value bool.
-  class KilnSlots : public Kiln::HashMapMember<KilnSlots, U16, bool> {
+  class KilnSlots final : public Kiln::HashMapMember<KilnSlots, U16, bool> {
    public:
     using HashMapMember::HashMapMember;
     const bool& value() const { return Kiln::CollectionMember<KilnSlots, U16, bool>::value(); }
@@ -47,7 +47,7 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
   typedef SlotsMap::Iterator SlotsIterator;
 
   // A member of owners: key U8, value U32.
-  class KilnOwners : public Kiln::HashMapMember<KilnOwners, U8, U32> {
+  class KilnOwners final : public Kiln::HashMapMember<KilnOwners, U8, U32> {
    public:
     using HashMapMember::HashMapMember;
   };
@@ -55,7 +55,7 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
   typedef OwnersMap::Iterator OwnersIterator;
 
   // A member of names: key U16, value Kiln::Name.
-  class KilnNames : public Kiln::HashMapMember<KilnNames, U16, Kiln::Name> {
+  class KilnNames final : public Kiln::HashMapMember<KilnNames, U16, Kiln::Name> {
    public:
     using HashMapMember::HashMapMember;
   };
@@ -63,7 +63,7 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
   typedef NamesMap::Iterator NamesIterator;
 
   // A member of spare: key U16, value bool.
-  class KilnSpare : public Kiln::DirectOrderedMember<KilnSpare, U16, bool> {
+  class KilnSpare final : public Kiln::DirectOrderedMember<KilnSpare, U16, bool> {
    public:
     using DirectOrderedMember::DirectOrderedMember;
     const bool& value() const { return Kiln::CollectionMember<KilnSpare, U16, bool>::value(); }
@@ -76,7 +76,7 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
   typedef SpareMap::Iterator SpareIterator;
 
   // A member of marks: key S8, value U32.
-  class KilnMarks : public Kiln::DirectOrderedMember<KilnMarks, S8, U32> {
+  class KilnMarks final : public Kiln::DirectOrderedMember<KilnMarks, S8, U32> {
    public:
     using DirectOrderedMember::DirectOrderedMember;
   };

@@ -26,7 +26,7 @@ class Pool : public Kiln::PtrInterface, public Kiln::Allocated<Pool> {
   static constexpr U32 kilnUsedIndex = kilnAttributeStart + 1;  // 131
 
   // A member of free: key U16, value bool.
-  class KilnFree : public Kiln::RbTreeMember<KilnFree, U16, bool> {
+  class KilnFree final : public Kiln::RbTreeMember<KilnFree, U16, bool> {
    public:
     using RbTreeMember::RbTreeMember;
     const bool& value() const { return Kiln::CollectionMember<KilnFree, U16, bool>::value(); }
@@ -39,7 +39,7 @@ class Pool : public Kiln::PtrInterface, public Kiln::Allocated<Pool> {
   typedef FreeMap::Iterator FreeIterator;
 
   // A member of used: key U16, value bool.
-  class KilnUsed : public Kiln::HashMapMember<KilnUsed, U16, bool> {
+  class KilnUsed final : public Kiln::HashMapMember<KilnUsed, U16, bool> {
    public:
     using HashMapMember::HashMapMember;
     const bool& value() const { return Kiln::CollectionMember<KilnUsed, U16, bool>::value(); }

@@ -41,7 +41,7 @@ class Owner : public Kiln::PtrInterface, public Kiln::Allocated<Owner> {
   static constexpr U32 kilnBoundIndex = kilnAttributeStart + 5;  // 135
 
   // A member of slots: key U16, value Kiln::Ptr<Slot>.
-  class KilnSlots : public Kiln::RbTreeMember<KilnSlots, U16, Kiln::Ptr<Slot>> {
+  class KilnSlots final : public Kiln::RbTreeMember<KilnSlots, U16, Kiln::Ptr<Slot>> {
    public:
     using RbTreeMember::RbTreeMember;
   };
@@ -49,7 +49,7 @@ class Owner : public Kiln::PtrInterface, public Kiln::Allocated<Owner> {
   typedef SlotsMap::Iterator SlotsIterator;
 
   // A member of names: key Kiln::Name, value Kiln::Ptr<Named>.
-  class KilnNames : public Kiln::HashMapMember<KilnNames, Kiln::Name, Kiln::Ptr<Named>> {
+  class KilnNames final : public Kiln::HashMapMember<KilnNames, Kiln::Name, Kiln::Ptr<Named>> {
    public:
     using HashMapMember::HashMapMember;
   };
