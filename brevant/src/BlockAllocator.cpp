@@ -33,6 +33,23 @@ constexpr U32 placesAhead = 2 * fetchAhead;
   manager.freeEntries().prefetch(index);
 }
 
+// The line updateNextHopHWIndex traces for every entry it marks.
+[[gnu::always_inline]] inline void traceEntryMarking(U16 index, bool value) {
+  NH_TRACE(8, "updateNextHopHWIndex"
+                  << "NextHop at " << index << "allocate: " << value);
+}
+
+// updateNextHopHWIndex once the table is known to be initialised: one
+// entry allocated or freed. Inlined where a block is marked entry by entry.
+[[gnu::always_inline]] inline void markEntry(NextHopManager& manager, U16 index, bool value) {
+  manager.allocatedEntriesIs(index, value);
+  if (value) {
+    manager.freeEntriesDel(index);
+  } else {
+    manager.freeEntriesIs(index, true);
+  }
+}
+
 // allocateBlock and freeBlock: record entries index to index + length - 1
 // as allocated or free. operation names the caller in the messages.
 S32 markBlock(NextHopManager& manager, const char* operation, U16 index, U16 length,
@@ -49,12 +66,13 @@ S32 markBlock(NextHopManager& manager, const char* operation, U16 index, U16 len
     return -1;
   }
   const U32 end = U32(index) + length;
-  for (U32 i = index; i < std::min(end, index + placesAhead); ++i) fetchPlaces(manager, U16(i));
+  manager.prefetchBlockPlaces(index, length);
   for (U32 i = index; i < std::min(end, index + fetchAhead); ++i) fetchEntry(manager, U16(i));
   for (U32 i = index; i < end; ++i) {
     if (i + placesAhead < end) fetchPlaces(manager, U16(i + placesAhead));
     if (i + fetchAhead < end) fetchEntry(manager, U16(i + fetchAhead));
-    manager.updateNextHopHWIndex(U16(i), allocate);
+    traceEntryMarking(U16(i), allocate);
+    markEntry(manager, U16(i), allocate);
   }
   manager.refreshResources();
   return 0;
@@ -72,6 +90,8 @@ S32 NextHopManager::findAvailableBlock(U16 length, bool wide) {
   // The longest block asked for sets what counts as a short free run.
   if (length > freeRuns.shortLength()) freeRuns.shortLengthIs(length);
   const S32 found = wide ? findAvailableWideBlock(length) : findAvailableNarrowBlock(length);
+  // A block found is allocated next, after the counters are refreshed.
+  if (found > 0) prefetchBlockPlaces(U16(found), length);
   refreshResources();
   if (found > 0) {
     NH_TRACE(2, "Found a block at index " << found);
@@ -147,19 +167,18 @@ S32 NextHopManager::freeBlock(U16 startIndex, U16 size) {
 }
 
 S32 NextHopManager::updateNextHopHWIndex(U16 index, bool value) {
-  NH_TRACE(8, "updateNextHopHWIndex"
-                  << "NextHop at " << index << "allocate: " << value);
+  traceEntryMarking(index, value);
   if (!initialized_) {
     NH_TRACE(1, "NexthopTable is not initialized");
     return -7;
   }
-  allocatedEntriesIs(index, value);
-  if (value) {
-    freeEntriesDel(index);
-  } else {
-    freeEntriesIs(index, true);
-  }
+  markEntry(*this, index, value);
   return 0;
+}
+
+void NextHopManager::prefetchBlockPlaces(U16 start, U16 length) const {
+  const U32 end = std::min(U32(start) + length, U32(start) + placesAhead);
+  for (U32 i = start; i < end; ++i) fetchPlaces(*this, U16(i));
 }
 
 // The observers keep the table index (and the free runs the resource
