@@ -179,6 +179,7 @@ S32 NextHopManager::updateNextHopHWIndex(U16 index, bool value) {
 void NextHopManager::prefetchBlockPlaces(U16 start, U16 length) const {
   const U32 end = std::min(U32(start) + length, U32(start) + placesAhead);
   for (U32 i = start; i < end; ++i) fetchPlaces(*this, U16(i));
+  hwStartToGroupId_.prefetchPlace(start);
 }
 
 // The observers keep the table index (and the free runs the resource

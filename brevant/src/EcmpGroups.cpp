@@ -232,10 +232,10 @@ S32 NextHopManager::deleteECMPGroup(U32, U16 groupId) {
     // The group's record is released at the end, member by member: its
     // members start loading now, while the table's entries are freed, and
     // so do its start's member, which goes first, and the block's records.
+    prefetchBlockPlaces(group->hwStartIndex(), U16(strideOf(*group) * group->size()));
     group->nextHops().prefetchMembers();
     group->featuresSupported().prefetchMembers();
     hwStartToGroupId().prefetch(group->hwStartIndex());
-    prefetchBlockPlaces(group->hwStartIndex(), U16(strideOf(*group) * group->size()));
   }
   NH_TRACE(3, "Deleting ECMP group " << groupId);
   // The reserved groups 0 and 1 are not protected: their ids go back into
