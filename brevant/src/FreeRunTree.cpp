@@ -613,7 +613,8 @@ S32 FreeRunTree::firstRun(U32 from, U32 to, U32 length) {
   U32 carry = 0;  // free entries running up to the span being looked at
   U32 n = wordCount + from / 64, nodeFirst = from / 64 * 64, nodeLength = 64;
   const U64 firstBits = bitmap_->wordIn(from / 64, from, to);
-  if (const S32 found = TableBitmap::firstRunInWord(firstBits, nodeFirst, length, carry); found >= 0) {
+  if (const S32 found = TableBitmap::firstRunInWord(firstBits, nodeFirst, length, carry);
+      found >= 0) {
     return found;
   }
   walkNodes();  // only now: the first word reads the bitmap alone
