@@ -604,9 +604,10 @@ FreeRunTree::Ends FreeRunTree::endsIn(U32 first, U32 last) const {
 // ten levels down to the range's start. A span whose runs are all too short
 // is passed over with its figures alone (the run it ends with is all it
 // carries on); the first that holds the answer is looked into, half by
-// half. Neither the table's first half (node 2) nor its second (node 3) is
-// ever climbed out of: the range's first word (last, going down) lies
-// outside the spans visited after it.
+// half. The climbs never reach the root (which has no stored figures):
+// going up, only a span starting at entry 0 could climb to it, and going
+// down only one ending at the table's end, and those entries lie in the
+// range's first (last) word, looked at before any node.
 S32 FreeRunTree::firstRun(U32 from, U32 to, U32 length) {
   to = std::min(to, entries);
   if (length == 0 || from >= to) return -1;
