@@ -595,82 +595,113 @@ FreeRunTree::Ends FreeRunTree::endsIn(U32 first, U32 last) const {
   return joined(low, high);
 }
 
-struct FreeRunTree::UpwardSearch {
-  U32 from, to, length;
-  U32 carry = 0;  // free entries running up to the span being looked at
-};
-
-struct FreeRunTree::DownwardSearch {
-  U32 from, to, length;
-  TableBitmap::RunBelow run;
-};
-
+// The searches visit spans from the range's first word on (or last, going
+// down), each the largest node that starts where the last one ended and
+// lies wholly inside the range: they climb while a node is the first half
+// of a parent that still fits, and split a node that reaches past the
+// range's end. A short request in a fragmented table mostly ends in the
+// first words, a few steps, where a descent from the root would first walk
+// ten levels down to the range's start. A span whose runs are all too short
+// is passed over with its figures alone (the run it ends with is all it
+// carries on); the first that holds the answer is looked into, half by
+// half. The climbs never reach the root (which has no stored figures):
+// going up, only a span starting at entry 0 could climb to it, and going
+// down only one ending at the table's end, and those entries lie in the
+// range's first (last) word, looked at before any node.
 S32 FreeRunTree::firstRun(U32 from, U32 to, U32 length) {
   to = std::min(to, entries);
   if (length == 0 || from >= to) return -1;
-  walkNodes();
-  UpwardSearch search{from, to, length};
-  return firstRunIn(1, 0, entries, search);
+  U32 carry = 0;  // free entries running up to the span being looked at
+  U32 n = wordCount + from / 64, nodeFirst = from / 64 * 64, nodeLength = 64;
+  const U64 firstBits = bitmap_->wordIn(from / 64, from, to);
+  if (const S32 found = TableBitmap::firstRunInWord(firstBits, nodeFirst, length, carry);
+      found >= 0) {
+    return found;
+  }
+  walkNodes();  // only now: the first word reads the bitmap alone
+  for (;;) {
+    // The next span.
+    ++n;
+    nodeFirst += nodeLength;
+    if (nodeFirst >= to) return -1;
+    while (n % 2 == 0 && nodeFirst + 2 * nodeLength <= to) {
+      n /= 2;
+      nodeLength *= 2;
+    }
+    while (nodeFirst + nodeLength > to && nodeLength > 64) {
+      n *= 2;
+      nodeLength /= 2;
+    }
+    // Looked into, down its first halves, while it holds the answer; a half
+    // passed over leaves the second half as the next span.
+    for (;;) {
+      if (nodeLength == 64) {
+        const U64 bits = bitmap_->wordIn(n - wordCount, from, to);
+        const S32 found = TableBitmap::firstRunInWord(bits, nodeFirst, length, carry);
+        if (found >= 0) return found;
+        break;
+      }
+      const Node& node = nodes_[n];
+      if (carry + node.head >= length) return S32(nodeFirst - carry);
+      if (node.longest < length) {
+        carry = node.head == nodeLength ? carry + nodeLength : node.tail;
+        break;
+      }
+      n *= 2;
+      nodeLength /= 2;
+    }
+  }
 }
 
+// The mirror of firstRun: spans from high to low.
 S32 FreeRunTree::lastRun(U32 from, U32 to, U32 length) {
   to = std::min(to, entries);
   if (length == 0 || from >= to) return -1;
+  TableBitmap::RunBelow run;
+  U32 n = wordCount + (to - 1) / 64, nodeFirst = (to - 1) / 64 * 64, nodeLength = 64;
+  const U64 lastBits = bitmap_->wordIn((to - 1) / 64, from, to);
+  if (const S32 found = TableBitmap::lastRunInWord(lastBits, nodeFirst, length, run); found >= 0) {
+    return found;
+  }
   walkNodes();
-  DownwardSearch search{from, to, length, {}};
-  return lastRunIn(1, 0, entries, search);
-}
-
-// Spans are visited from low to high, and a span wholly inside the range
-// whose runs are all too short is passed over with its figures alone: the
-// run it ends with is all it carries on. Only spans that hold the answer,
-// and the two cut by the range's ends, are looked into.
-S32 FreeRunTree::firstRunIn(U32 node, U32 nodeFirst, U32 nodeLength, UpwardSearch& search) const {
-  const U32 nodeLast = nodeFirst + nodeLength;
-  if (nodeLast <= search.from || nodeFirst >= search.to) return -1;
-  if (nodeLength == 64) {
-    const U64 bits = bitmap_->wordIn(nodeFirst / 64, search.from, search.to);
-    return TableBitmap::firstRunInWord(bits, nodeFirst, search.length, search.carry);
-  }
-  if (search.from <= nodeFirst && nodeLast <= search.to) {
-    const Ends s = nodeEnds(node, nodeLength);
-    if (search.carry + s.head >= search.length) return S32(nodeFirst - search.carry);
-    if (s.longest < search.length) {
-      search.carry = s.head == nodeLength ? search.carry + nodeLength : s.tail;
-      return -1;
+  for (;;) {
+    if (nodeFirst <= from) return -1;
+    --n;
+    nodeFirst -= nodeLength;
+    while (n % 2 == 1 && nodeFirst >= from + nodeLength) {
+      n /= 2;
+      nodeFirst -= nodeLength;
+      nodeLength *= 2;
     }
-  }
-  const U32 half = nodeLength / 2;
-  const S32 found = firstRunIn(2 * node, nodeFirst, half, search);
-  return found >= 0 ? found : firstRunIn(2 * node + 1, nodeFirst + half, half, search);
-}
-
-// The mirror of firstRunIn: spans from high to low.
-S32 FreeRunTree::lastRunIn(U32 node, U32 nodeFirst, U32 nodeLength, DownwardSearch& search) const {
-  const U32 nodeLast = nodeFirst + nodeLength;
-  if (nodeLast <= search.from || nodeFirst >= search.to) return -1;
-  if (nodeLength == 64) {
-    const U64 bits = bitmap_->wordIn(nodeFirst / 64, search.from, search.to);
-    return TableBitmap::lastRunInWord(bits, nodeFirst, search.length, search.run);
-  }
-  if (search.from <= nodeFirst && nodeLast <= search.to) {
-    const Ends s = nodeEnds(node, nodeLength);
-    TableBitmap::RunBelow& run = search.run;
-    if (run.carry == 0) run.end = nodeLast;
-    if (run.carry + s.tail >= search.length) return S32(run.end - search.length);
-    if (s.longest < search.length) {
-      if (s.head == nodeLength) {
-        run.carry += nodeLength;
-      } else {
-        run.carry = s.head;
-        run.end = nodeFirst + s.head;
+    while (nodeFirst < from && nodeLength > 64) {
+      n = 2 * n + 1;
+      nodeLength /= 2;
+      nodeFirst += nodeLength;
+    }
+    for (;;) {
+      if (nodeLength == 64) {
+        const U64 bits = bitmap_->wordIn(n - wordCount, from, to);
+        const S32 found = TableBitmap::lastRunInWord(bits, nodeFirst, length, run);
+        if (found >= 0) return found;
+        break;
       }
-      return -1;
+      const Node& node = nodes_[n];
+      if (run.carry == 0) run.end = nodeFirst + nodeLength;
+      if (run.carry + node.tail >= length) return S32(run.end - length);
+      if (node.longest < length) {
+        if (node.head == nodeLength) {
+          run.carry += nodeLength;
+        } else {
+          run.carry = node.head;
+          run.end = nodeFirst + node.head;
+        }
+        break;
+      }
+      n = 2 * n + 1;
+      nodeLength /= 2;
+      nodeFirst += nodeLength;
     }
   }
-  const U32 half = nodeLength / 2;
-  const S32 found = lastRunIn(2 * node + 1, nodeFirst + half, half, search);
-  return found >= 0 ? found : lastRunIn(2 * node, nodeFirst, half, search);
 }
 
 }  // namespace Brevant

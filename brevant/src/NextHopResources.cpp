@@ -123,16 +123,18 @@ void NextHopResources::checkWatermarks() {
 
 void NextHopManager::refreshResources() {
   if (resourcesHeld > 0) return;
-  NextHopResources& r = *resources_;
-  const U32 bound = getNextHopTableBound();
-  const U32 swapIndex = getNextHopTableSwapIndex();
   // The searches refresh the tree too, so what tells a change is its count
-  // of refreshes, not what this refresh did.
+  // of refreshes, not what this refresh did. The table's bound and swap
+  // index follow from the simulation settings, which are compared instead:
+  // a call that finds nothing changed asks for neither.
   freeRuns.refresh();
-  const std::array<U64, 5> inputs{lastNarrowIndex_, lastWideIndex_, swapIndex, bound,
+  const std::array<U64, 5> inputs{lastNarrowIndex_, lastWideIndex_, simMode_, simNextHopTableBound_,
                                   freeRuns.refreshes()};
   if (inputs == resourcesPublishedFor) return;
   resourcesPublishedFor = inputs;
+  NextHopResources& r = *resources_;
+  const U32 bound = getNextHopTableBound();
+  const U32 swapIndex = getNextHopTableSwapIndex();
   // The regions as the boundaries stand; a swap index that wrapped round
   // (a simulated bound below 8) leaves no swap area.
   const U32 swapFirst = std::min(swapIndex, bound);

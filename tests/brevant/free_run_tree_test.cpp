@@ -717,6 +717,30 @@ TEST_F(FreeRunTreeTest, SearchesFindRunsAcrossSpanEnds) {
   }
 }
 
+TEST_F(FreeRunTreeTest, SearchesMatchWithRangeEndsOnEveryNodeEdge) {
+  // The searches start at the range's first (or last) word and climb
+  // through the nodes that follow, splitting the one that reaches past the
+  // other end: ends on, just inside and just outside a node of every size,
+  // with runs that cross those edges.
+  for (U32 round = 0; round < 6; ++round) {
+    SCOPED_TRACE(::testing::Message() << "round " << round);
+    runsFrom(0, entries, std::array<U32, 3>{6, 70, 700}[round % 3], round % 2 == 0);
+    tree_.refresh();
+    for (U32 nodeLength = 64; nodeLength <= entries / 2; nodeLength *= 2) {
+      const U32 edge = pick(1, entries / nodeLength - 1) * nodeLength;
+      for (const U32 from : {edge - 1, edge, edge + 1}) {
+        for (const U32 to : {edge + nodeLength - 1, edge + nodeLength, edge + nodeLength + 1,
+                             edge + 2 * nodeLength + 3, entries}) {
+          expectSearchesMatch(from, std::min(to, entries), randomLength());
+        }
+        expectSearchesMatch(pick(0, from), from + 1, randomLength());
+        expectSearchesMatch(pick(0, edge - 1), edge, randomLength());
+      }
+    }
+    if (HasFailure()) return;
+  }
+}
+
 TEST_F(FreeRunTreeTest, SearchesStayExactAsEntriesChangeBetweenRefreshes) {
   runsFrom(0, entries, 40, true);
   for (U32 step = 0; step < 1500; ++step) {

@@ -286,6 +286,27 @@ TEST_F(NextHopTableTest, FragmentationWatermarkFollowsShortRuns) {
   EXPECT_TRUE(res.fragmentationAlarm());
 }
 
+TEST_F(NextHopTableTest, ABoundMovedWhileSimulatingIsPublishedByTheNextOperation) {
+  m().setSimulationMode(true, 100);  // swap area 92..99, free
+  ASSERT_EQ(create(4), 3);           // 3..6
+  ASSERT_EQ(create(4), 4);           // 7..10
+  ASSERT_EQ(m().deleteECMPGroup(0, 3), 0);
+  NextHopResources& res = *m().resources();
+  EXPECT_EQ(res.swapFree(), 8u);
+  EXPECT_EQ(res.swapUsed(), 0u);
+  // Already simulating: the bound moves and nothing is published, the
+  // pools stay trimmed at 100.
+  m().setSimulationMode(true, 200);
+  EXPECT_EQ(res.swapFree(), 8u);
+  // A search that changes no entry and no boundary (it finds the hole at
+  // 3) still publishes for the new bound, whose swap area 192..199 holds
+  // no free entry.
+  ASSERT_EQ(m().findAvailableBlock(4, false), 3);
+  EXPECT_EQ(res.swapFree(), 0u);
+  EXPECT_EQ(res.swapUsed(), 8u);
+  EXPECT_EQ(res.totalFree(), 100u - 3 - 4);
+}
+
 TEST_F(NextHopTableTest, WatermarksOutsideZeroToHundredAreRefused) {
   NextHopResources& res = *m().resources();
   EXPECT_THROW(res.usedHighWatermarkIs(101), Kiln::RangeException);

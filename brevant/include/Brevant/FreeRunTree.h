@@ -93,10 +93,12 @@ class FreeRunTree {
   U64 refreshes() const { return refreshes_; }
 
   // The lowest start of `length` consecutive free entries, all in
-  // [from, to), or -1; a length of 0 finds nothing (after refresh()). A
-  // descent that passes over every span whose longest run is too short at
-  // once, and looks into a word with TableBitmap::firstRunInWord. Walks the
-  // nodes first if a refresh left words to walk.
+  // [from, to), or -1; a length of 0 finds nothing (after refresh()). Looks
+  // at from's word first (TableBitmap::firstRunInWord), then at the largest
+  // nodes that follow it inside the range, passing over each whose longest
+  // run is too short at once and looking into the first that is not. Walks
+  // the nodes first, if a refresh left words to walk, once past the first
+  // word: an answer in it needs no node.
   S32 firstRun(U32 from, U32 to, U32 length);
   // The highest such start, or -1 (TableBitmap::lastRunInWord in a word).
   S32 lastRun(U32 from, U32 to, U32 length);
@@ -291,11 +293,6 @@ class FreeRunTree {
   const Span& remember(U32 first, U32 last, const Span& s, bool whole);
   // Remembers a span's length, ends and longest run; returns the longest.
   U32 rememberLongest(U32 first, U32 last, const Ends& ends);
-  // A run search's question and what it carries from span to span.
-  struct UpwardSearch;
-  struct DownwardSearch;
-  S32 firstRunIn(U32 node, U32 nodeFirst, U32 nodeLength, UpwardSearch& search) const;
-  S32 lastRunIn(U32 node, U32 nodeFirst, U32 nodeLength, DownwardSearch& search) const;
 
   const TableBitmap* bitmap_;
   U32 shortLength_ = 0;
