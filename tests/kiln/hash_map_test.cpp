@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -621,6 +622,42 @@ TEST(HashMap, InlineBucketsMatchAPlainMapUnderRandomChanges) {
     }
   }
   EXPECT_EQ(record.live(), live);
+}
+
+// A value whose copies fail once a countdown runs out.
+struct Fragile {
+  static inline int copiesLeft = -1;  // negative: never fails
+  U32 n = 0;
+  explicit Fragile(U32 value) : n(value) {}
+  Fragile(const Fragile& other) : n(other.n) {
+    if (copiesLeft == 0) throw std::runtime_error("copy failed");
+    if (copiesLeft > 0) --copiesLeft;
+  }
+  Fragile& operator=(const Fragile&) = default;
+};
+
+class KilnFragile : public Kiln::HashMapMember<KilnFragile, U32, Fragile> {
+  using HashMapMember::HashMapMember;
+};
+
+template <class Map>
+void expectAFailedCopyToLeaveNothingBehind(U32 count) {
+  const Kiln::AllocationRecord& record = Kiln::allocationRecord<KilnFragile>();
+  Map map;
+  for (U32 k = 0; k < count; ++k) map.insertNew(k, Fragile(k));
+  const U64 live = record.live();
+  Fragile::copiesLeft = int(count / 2);
+  EXPECT_THROW(Map copy(map), std::runtime_error);
+  Fragile::copiesLeft = -1;
+  EXPECT_EQ(record.live(), live) << count;
+  EXPECT_EQ(map.members(), count);
+}
+
+TEST(HashMap, ACopyThatFailsMidwayReleasesWhatItCopied) {
+  expectAFailedCopyToLeaveNothingBehind<Kiln::HashMap<KilnFragile, U32, Fragile>>(10);
+  expectAFailedCopyToLeaveNothingBehind<Kiln::HashMap<KilnFragile, U32, Fragile>>(100);
+  expectAFailedCopyToLeaveNothingBehind<Kiln::HashMap<KilnFragile, U32, Fragile, 16>>(10);
+  expectAFailedCopyToLeaveNothingBehind<Kiln::HashMap<KilnFragile, U32, Fragile, 16>>(100);
 }
 
 TEST(HashMapDeathTest, RefusesANullMember) {

@@ -134,7 +134,17 @@ class HashMap {
   // An empty map of 2^log2Buckets buckets.
   explicit HashMap(U8 log2Buckets = 4)
       : log2Buckets_(log2Buckets < maxLog2Buckets ? log2Buckets : maxLog2Buckets) {}
-  HashMap(const HashMap& other) : log2Buckets_(other.log2Buckets_) { copyFrom(other); }
+  HashMap(const HashMap& other) : log2Buckets_(other.log2Buckets_) {
+    try {
+      copyFrom(other);
+    } catch (...) {
+      // No destructor runs for a constructor that throws: the members
+      // copied so far and a heap array go back here.
+      clear();
+      releaseBuckets();
+      throw;
+    }
+  }
   HashMap(HashMap&& other) noexcept : log2Buckets_(other.log2Buckets_) { adopt(other); }
   HashMap& operator=(const HashMap& other) {
     if (this != &other) {
