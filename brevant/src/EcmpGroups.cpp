@@ -42,6 +42,42 @@ Kiln::Ptr<ECMPGroup> groupToPlaceOrRemove(const NextHopManager& manager, U16 gro
   return group;
 }
 
+// Gives the next hop at position p of group, placed at start, its table
+// index where it is (all nextHopsIs does for a type that tells nobody: were
+// nextHops ever observed, valueIs would be private to the group and this
+// would not compile), and puts its words at p in words.
+void placeNextHop(const ECMPGroup& group, ECMPGroup::KilnNextHops& member, U32 p, U16 start,
+                  U64* words) {
+  const U16 stride = strideOf(group);
+  NextHopEntry entry = member.value();
+  entry.hwIndexIs(U16(start + stride * p));
+  member.valueIs(entry);
+  words[stride * p] = entry.data();
+  if (group.wide()) words[stride * p + 1] = entry.wideData();
+}
+
+// Gives positions 0 to size - 1 of group, placed at start, their table
+// indexes, and their words to words. A missing position reads as an all-zero
+// entry and is stored. A group holding exactly its positions (as one just
+// created does) is placed in one walk over its members, in the map's order:
+// no position is looked up. Any other group goes position by position from
+// the last, each looked up once, storing the missing ones in that order;
+// the positions the walk placed are placed again alike.
+void placeNextHops(ECMPGroup& group, U16 start, U64* words) {
+  const U32 size = group.size();
+  U32 placed = 0;
+  for (ECMPGroup::KilnNextHops& member : group.nextHops()) {
+    if (member.key() >= size) continue;
+    placeNextHop(group, member, member.key(), start, words);
+    ++placed;
+  }
+  if (placed == size) return;  // keys are distinct: every position was met
+  for (U32 p = size; p-- > 0;) {
+    if (!group.nextHops().find(U16(p))) group.nextHopsIs(U16(p), NextHopEntry());
+    placeNextHop(group, *group.nextHops().find(U16(p)), p, start, words);
+  }
+}
+
 }  // namespace
 
 U16 NextHopManager::genECMPGroupId() {
@@ -131,27 +167,10 @@ S32 NextHopManager::addECMPGroupToTable(U16 groupId) {
   hwStartToGroupIdIs(U16(start), groupId);
   resources_->groupPlacedIs(group->wide(), true);
   // Every position gets its table index, and the whole block is written to
-  // the chip in one call. One look-up per position: the member found takes
-  // its new index where it is, which is all nextHopsIs does for a type that
-  // tells nobody (were nextHops ever observed, valueIs would be private to
-  // the group and this would not compile). A missing position reads as an
-  // all-zero entry and is stored.
-  // Every word of the block is set below, so the buffer needs no clearing.
+  // the chip in one call. Every word of the block is set below, so the
+  // buffer needs no clearing.
   BlockWords words(length);
-  for (U32 p = group->size(); p-- > 0;) {
-    const U16 index = U16(start + stride * p);
-    NextHopEntry entry;
-    if (ECMPGroup::KilnNextHops* member = group->nextHops().find(U16(p))) {
-      entry = member->value();
-      entry.hwIndexIs(index);
-      member->valueIs(entry);
-    } else {
-      entry.hwIndexIs(index);
-      group->nextHopsIs(U16(p), entry);
-    }
-    words[stride * p] = entry.data();
-    if (group->wide()) words[stride * p + 1] = entry.wideData();
-  }
+  placeNextHops(*group, U16(start), words.words());
   writeNextHopInternal(U16(start), length, words.words());
   NH_TRACE(3, "ECMP group " << groupId << " of length " << length << " written to " << start);
   return 0;

@@ -1,6 +1,6 @@
-// One suite run for every keyed collection kind: the behaviour that HashMap,
-// RbTreeMap and LinkQueue share (find, insert, remove, clear, iteration,
-// references and allocation counts).
+// One suite run for every keyed collection kind: the behaviour that HashMap
+// (with and without inline buckets), RbTreeMap and LinkQueue share (find, insert, remove, clear,
+// iteration, references and allocation counts).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,6 +20,16 @@ struct HashMapKind {
     using HashMapMember::HashMapMember;
   };
   using Collection = Kiln::HashMap<Member, U32, U32>;
+  static void insert(Collection& c, const Kiln::Ptr<Member>& m) { c.insert(m); }
+};
+
+// Its buckets inside the map while they are few (the suite's collections
+// grow past them too).
+struct InlineHashMapKind {
+  class Member : public Kiln::HashMapMember<Member, U32, U32> {
+    using HashMapMember::HashMapMember;
+  };
+  using Collection = Kiln::HashMap<Member, U32, U32, 16>;
   static void insert(Collection& c, const Kiln::Ptr<Member>& m) { c.insert(m); }
 };
 
@@ -65,7 +75,7 @@ class KeyedCollection : public ::testing::Test {
   }
 };
 
-using Kinds = ::testing::Types<HashMapKind, RbTreeMapKind, LinkQueueKind>;
+using Kinds = ::testing::Types<HashMapKind, InlineHashMapKind, RbTreeMapKind, LinkQueueKind>;
 TYPED_TEST_SUITE(KeyedCollection, Kinds);
 
 TYPED_TEST(KeyedCollection, StartsEmpty) {

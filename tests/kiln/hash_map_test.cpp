@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -460,6 +461,203 @@ TEST(HashMap, MatchesStdUnorderedMapUnderRandomReservesInsertsAndRemoves) {
     EXPECT_LE(map.members(), map.buckets());
   }
   EXPECT_EQ(record.live(), live);
+}
+
+using InlineCountMap = Kiln::HashMap<KilnCount, U32, U32, 16>;
+
+std::vector<std::pair<U32, U32>> layout(const InlineCountMap& map) {
+  std::vector<std::pair<U32, U32>> members;
+  for (auto it = map.begin(); it != map.end(); ++it) members.emplace_back(it.bucket(), it->key());
+  return members;
+}
+
+// The members themselves, in iteration order: a move hands them over.
+template <class Map>
+std::vector<const KilnCount*> memberAddresses(const Map& map) {
+  std::vector<const KilnCount*> members;
+  for (const KilnCount& m : map) members.push_back(&m);
+  return members;
+}
+
+TEST(HashMap, InlineBucketsServeSmallMapsAndGiveWayToTheHeap) {
+  InlineCountMap map(2);
+  EXPECT_FALSE(map.bucketsInline());  // no array before the first member
+  map.insertNew(5, 50);
+  EXPECT_TRUE(map.bucketsInline());
+  for (U32 k = 0; k < 16; ++k) {
+    if (k != 5) map.insertNew(k, k * 10);
+  }
+  EXPECT_EQ(map.buckets(), 16u);
+  EXPECT_TRUE(map.bucketsInline());
+  map.insertNew(16, 160);
+  EXPECT_EQ(map.buckets(), 32u);
+  EXPECT_FALSE(map.bucketsInline());
+  map.clear();
+  EXPECT_FALSE(map.bucketsInline());  // the heap array stays, as buckets do
+  EXPECT_FALSE(CountMap(1).bucketsInline());
+}
+
+TEST(HashMap, MovingOrSwappingInlineBucketsHandsOverTheSameMembers) {
+  InlineCountMap small(4), large(4);
+  for (U32 k = 0; k < 10; ++k) small.insertNew(k * 7, k);
+  for (U32 k = 0; k < 40; ++k) large.insertNew(k * 5, k);
+  const auto smallMembers = memberAddresses(small);
+  const auto largeMembers = memberAddresses(large);
+  const auto smallLayout = layout(small);
+  small.swap(large);
+  EXPECT_EQ(memberAddresses(large), smallMembers);
+  EXPECT_EQ(memberAddresses(small), largeMembers);
+  EXPECT_TRUE(large.bucketsInline());
+  EXPECT_FALSE(small.bucketsInline());
+  InlineCountMap moved(std::move(large));
+  EXPECT_TRUE(moved.bucketsInline());
+  EXPECT_EQ(memberAddresses(moved), smallMembers);
+  EXPECT_EQ(layout(moved), smallLayout);
+  EXPECT_TRUE(large.empty());
+  EXPECT_TRUE(large.begin() == large.end());
+  EXPECT_EQ(large.find(7), nullptr);
+  large.insertNew(3, 3);  // a moved-from map is usable again
+  EXPECT_EQ(large.find(3)->value(), 3u);
+}
+
+// An inline map and a plain one go through the same random changes, copies,
+// moves and swaps: after every step they hold the same members in the same
+// buckets and order, and the members allocated are the same count.
+TEST(HashMap, InlineBucketsMatchAPlainMapUnderRandomChanges) {
+  const Kiln::AllocationRecord& record = Kiln::allocationRecord<KilnCount>();
+  const U64 live = record.live();
+  for (U32 seed = 1; seed <= 30; ++seed) {
+    std::mt19937 random(seed);
+    auto pick = [&](U32 lo, U32 hi) { return std::uniform_int_distribution<U32>(lo, hi)(random); };
+    const U8 log2 = U8(pick(0, 5));
+    // Two of each, so that copies, moves and swaps have a partner.
+    CountMap plain[2] = {CountMap(log2), CountMap(U8(pick(0, 5)))};
+    InlineCountMap inlined[2] = {InlineCountMap(log2), InlineCountMap(plain[1].log2Buckets())};
+    // Mostly small maps (inline), now and then one that grows past 16.
+    const U32 range = pick(0, 2) == 0 ? 200 : 24;
+    auto key = [&] { return pick(0, 5) == 0 ? pick(0, 20) << 24 : pick(0, range); };
+    for (U32 i = 0; i < 1500; ++i) {
+      const U32 w = pick(0, 1);
+      CountMap& p = plain[w];
+      InlineCountMap& q = inlined[w];
+      const U32 k = key();
+      switch (pick(0, 12)) {
+        case 0: {
+          const U32 more = pick(0, 40);
+          p.reserve(p.members() + more);
+          q.reserve(q.members() + more);
+          break;
+        }
+        case 1:
+        case 2:
+        case 3:
+          if (!p.find(k)) {
+            p.insertNew(k, i);
+            q.insert(new KilnCount(k, i));
+          }
+          break;
+        case 4:
+        case 5: ASSERT_EQ(bool(p.remove(k)), bool(q.remove(k))); break;
+        case 6:
+          if (!p.empty()) {
+            const U32 steps = pick(0, p.members() - 1);
+            auto pi = p.begin();
+            auto qi = q.begin();
+            for (U32 s = 0; s < steps; ++s) ++pi, ++qi;
+            ASSERT_EQ(pi->key(), qi->key());
+            auto pn = p.remove(pi);
+            auto qn = q.remove(qi);
+            ASSERT_EQ(pn.ptr() ? pn->key() : ~0u, qn.ptr() ? qn->key() : ~0u);
+          }
+          break;
+        case 7:
+          if (pick(0, 10) == 0) {
+            p.clear();
+            q.clear();
+          }
+          break;
+        case 8:
+          plain[0].swap(plain[1]);
+          inlined[0].swap(inlined[1]);
+          break;
+        case 9:
+          plain[1 - w] = p;
+          inlined[1 - w] = q;
+          break;
+        case 10:
+          if (pick(0, 3) == 0) {
+            plain[1 - w] = std::move(p);
+            inlined[1 - w] = std::move(q);
+          }
+          break;
+        case 11: {
+          CountMap p2(p);
+          InlineCountMap q2(q);
+          ASSERT_EQ(layout(p2), layout(q2));
+          CountMap p3(std::move(p2));
+          InlineCountMap q3(std::move(q2));
+          ASSERT_EQ(layout(p3), layout(q3));
+          break;
+        }
+        default: {
+          const KilnCount* pm = p.find(k);
+          const KilnCount* qm = q.find(k);
+          ASSERT_EQ(pm != nullptr, qm != nullptr);
+          if (pm) {
+            ASSERT_EQ(pm->value(), qm->value());
+          }
+        }
+      }
+      for (U32 m = 0; m < 2; ++m) {
+        ASSERT_EQ(plain[m].log2Buckets(), inlined[m].log2Buckets())
+            << "seed " << seed << " op " << i;
+        ASSERT_EQ(plain[m].members(), inlined[m].members());
+        ASSERT_EQ(layout(plain[m]), layout(inlined[m])) << "seed " << seed << " op " << i;
+        if (inlined[m].buckets() > 16) {
+          ASSERT_FALSE(inlined[m].bucketsInline());
+        } else if (!inlined[m].empty()) {
+          ASSERT_TRUE(inlined[m].bucketsInline());
+        }
+      }
+    }
+  }
+  EXPECT_EQ(record.live(), live);
+}
+
+// A value whose copies fail once a countdown runs out.
+struct Fragile {
+  static inline int copiesLeft = -1;  // negative: never fails
+  U32 n = 0;
+  explicit Fragile(U32 value) : n(value) {}
+  Fragile(const Fragile& other) : n(other.n) {
+    if (copiesLeft == 0) throw std::runtime_error("copy failed");
+    if (copiesLeft > 0) --copiesLeft;
+  }
+  Fragile& operator=(const Fragile&) = default;
+};
+
+class KilnFragile : public Kiln::HashMapMember<KilnFragile, U32, Fragile> {
+  using HashMapMember::HashMapMember;
+};
+
+template <class Map>
+void expectAFailedCopyToLeaveNothingBehind(U32 count) {
+  const Kiln::AllocationRecord& record = Kiln::allocationRecord<KilnFragile>();
+  Map map;
+  for (U32 k = 0; k < count; ++k) map.insertNew(k, Fragile(k));
+  const U64 live = record.live();
+  Fragile::copiesLeft = int(count / 2);
+  EXPECT_THROW(Map copy(map), std::runtime_error);
+  Fragile::copiesLeft = -1;
+  EXPECT_EQ(record.live(), live) << count;
+  EXPECT_EQ(map.members(), count);
+}
+
+TEST(HashMap, ACopyThatFailsMidwayReleasesWhatItCopied) {
+  expectAFailedCopyToLeaveNothingBehind<Kiln::HashMap<KilnFragile, U32, Fragile>>(10);
+  expectAFailedCopyToLeaveNothingBehind<Kiln::HashMap<KilnFragile, U32, Fragile>>(100);
+  expectAFailedCopyToLeaveNothingBehind<Kiln::HashMap<KilnFragile, U32, Fragile, 16>>(10);
+  expectAFailedCopyToLeaveNothingBehind<Kiln::HashMap<KilnFragile, U32, Fragile, 16>>(100);
 }
 
 TEST(HashMapDeathTest, RefusesANullMember) {

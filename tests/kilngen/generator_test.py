@@ -116,6 +116,10 @@ class Errors(unittest.TestCase):
          "t.kiln:3: a 'direct' collection is keyed by U8, U16, S8, S16"),
         ("namespace T\nentity E : Kiln::Entity\n  coll c : U32 -> U8 direct\n",
          "t.kiln:3: a 'direct' collection is keyed by U8, U16, S8, S16"),
+        ("namespace T\nentity E : Kiln::Entity\n  ordered c : U8 -> U8 inline\n",
+         "t.kiln:3: only a 'coll' that is not 'direct' keeps its buckets 'inline'"),
+        ("namespace T\nentity E : Kiln::Entity\n  coll c : U8 -> U8 direct inline\n",
+         "t.kiln:3: only a 'coll' that is not 'direct' keeps its buckets 'inline'"),
         ("namespace T\nentity E : Kiln::Entity\n  op bad\n",
          "t.kiln:3: an operation reads"),
     ]

@@ -5,6 +5,8 @@
 // 2^b buckets splits into buckets 2i and 2i+1 when the array doubles.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <concepts>
 #include <cstddef>
 #include <memory>
@@ -49,7 +51,7 @@ constexpr U32 bitReverse(U32 v) {
   return __builtin_bswap32(v);
 }
 
-template <class M, class K, class V>
+template <class M, class K, class V, U32 InlineBuckets = 0>
 class HashMap;
 
 // Base of the members of a HashMap<M, K, V>: the key, the value and the link
@@ -62,7 +64,8 @@ class HashMapMember : public CollectionMember<M, K, V> {
   using CollectionMember<M, K, V>::CollectionMember;
 
  private:
-  friend class HashMap<M, K, V>;
+  template <class, class, class, U32>
+  friend class HashMap;
 
   M* next_ = nullptr;
 };
@@ -83,10 +86,19 @@ class HashMapMember : public CollectionMember<M, K, V> {
 // Copying a map deep-copies it: every member is rebuilt as new M(key, value)
 // in the same bucket and chain position, so the copy iterates in the same
 // order as the original.
-template <class M, class K, class V>
+//
+// InlineBuckets (0 or a power of two): a map of that many buckets or fewer
+// keeps its bucket array inside the map object instead of on the heap, for
+// maps that stay small and come and go often (a group's next hops): no
+// allocation, and the buckets lie beside the map's owner instead of one
+// pointer further away. Buckets, hashing and order are the same as without.
+template <class M, class K, class V, U32 InlineBuckets>
 class HashMap {
  public:
   static constexpr U8 maxLog2Buckets = 30;
+  static_assert((InlineBuckets & (InlineBuckets - 1)) == 0 &&
+                    InlineBuckets <= (U32(1) << maxLog2Buckets),
+                "InlineBuckets is 0 or a power of two");
 
   class Iterator {
    public:
@@ -122,11 +134,18 @@ class HashMap {
   // An empty map of 2^log2Buckets buckets.
   explicit HashMap(U8 log2Buckets = 4)
       : log2Buckets_(log2Buckets < maxLog2Buckets ? log2Buckets : maxLog2Buckets) {}
-  HashMap(const HashMap& other) : log2Buckets_(other.log2Buckets_) { copyFrom(other); }
-  HashMap(HashMap&& other) noexcept
-      : buckets_(std::move(other.buckets_)),
-        members_(std::exchange(other.members_, 0)),
-        log2Buckets_(other.log2Buckets_) {}
+  HashMap(const HashMap& other) : log2Buckets_(other.log2Buckets_) {
+    try {
+      copyFrom(other);
+    } catch (...) {
+      // No destructor runs for a constructor that throws: the members
+      // copied so far and a heap array go back here.
+      clear();
+      releaseBuckets();
+      throw;
+    }
+  }
+  HashMap(HashMap&& other) noexcept : log2Buckets_(other.log2Buckets_) { adopt(other); }
   HashMap& operator=(const HashMap& other) {
     if (this != &other) {
       HashMap copy(other);
@@ -141,12 +160,22 @@ class HashMap {
     }
     return *this;
   }
-  ~HashMap() { clear(); }
+  ~HashMap() {
+    clear();
+    releaseBuckets();
+  }
 
   void swap(HashMap& other) noexcept {
-    std::swap(buckets_, other.buckets_);
-    std::swap(members_, other.members_);
-    std::swap(log2Buckets_, other.log2Buckets_);
+    if (!bucketsInline() && !other.bucketsInline()) {
+      std::swap(buckets_, other.buckets_);
+      std::swap(members_, other.members_);
+      std::swap(log2Buckets_, other.log2Buckets_);
+      return;
+    }
+    // An inline array cannot change hands: its pointers are copied over.
+    HashMap held(std::move(other));
+    other.adopt(*this);
+    adopt(held);
   }
 
   static bool keyEquals(const K& a, const K& b) { return a == b; }
@@ -164,6 +193,14 @@ class HashMap {
   U32 buckets() const { return U32(1) << log2Buckets_; }
   U32 members() const { return members_; }
   bool empty() const { return members_ == 0; }
+  // True when the bucket array is the one inside the map object.
+  bool bucketsInline() const {
+    if constexpr (InlineBuckets > 0) {
+      return buckets_ == inline_.buckets;
+    } else {
+      return false;
+    }
+  }
 
   // The member with this key, or nullptr.
   M* find(const K& key) const {
@@ -181,8 +218,13 @@ class HashMap {
   // and drops its calls.
   [[gnu::always_inline]] void prefetchMembers() const {
     if (!buckets_) return;
-    for (U32 b = 0, n = buckets(); b < n; ++b) {
-      if (buckets_[b]) prefetchMember(buckets_[b]);
+    // Once as many chains as members have started, the rest are empty.
+    U32 unseen = members_;
+    for (U32 b = 0, n = buckets(); b < n && unseen > 0; ++b) {
+      if (buckets_[b]) {
+        prefetchMember(buckets_[b]);
+        --unseen;
+      }
     }
   }
 
@@ -249,7 +291,9 @@ class HashMap {
   // Removes every member, dropping the map's references; keeps the buckets.
   void clear() {
     if (!buckets_) return;
-    for (U32 first = 0, n = buckets(); first < n; first += releaseBatch) {
+    // The buckets after the last member's are empty: the walk ends there.
+    U32 left = members_;
+    for (U32 first = 0, n = buckets(); first < n && left > 0; first += releaseBatch) {
       const U32 end = first + releaseBatch < n ? first + releaseBatch : n;
       // Members lie scattered in memory: asking for a batch of them at once
       // lets their cache misses overlap instead of coming one after another.
@@ -262,6 +306,7 @@ class HashMap {
           M* next = m->next_;
           m->next_ = nullptr;
           dropReference(m);
+          --left;
           m = next;
         }
       }
@@ -293,8 +338,42 @@ class HashMap {
     __builtin_prefetch(reinterpret_cast<const char*>(m) + sizeof(M) - 1, 1);
   }
 
-  static std::unique_ptr<M* []> newBuckets(U8 log2Buckets) {
-    return std::unique_ptr<M*[]>(new M*[std::size_t(1) << log2Buckets]());
+  static constexpr bool fitsInline(U8 log2Buckets) {
+    return (std::size_t(1) << log2Buckets) <= InlineBuckets;
+  }
+
+  // A cleared array of 2^log2Buckets buckets: the inline one when it is
+  // large enough (its previous contents are lost), otherwise a heap array.
+  M** newBuckets(U8 log2Buckets) {
+    if constexpr (InlineBuckets > 0) {
+      if (fitsInline(log2Buckets)) {
+        std::fill_n(inline_.buckets, std::size_t(1) << log2Buckets, nullptr);
+        return inline_.buckets;
+      }
+    }
+    return new M*[std::size_t(1) << log2Buckets]();
+  }
+
+  // Gives back a heap array; the map then has none.
+  void releaseBuckets() noexcept {
+    if (!bucketsInline()) delete[] buckets_;
+    buckets_ = nullptr;
+  }
+
+  // Takes over the array and members of from, which has no array left
+  // (log2Buckets() unchanged). This map must have no array.
+  void adopt(HashMap& from) noexcept {
+    log2Buckets_ = from.log2Buckets_;
+    members_ = std::exchange(from.members_, 0);
+    if (from.bucketsInline()) {
+      if constexpr (InlineBuckets > 0) {
+        std::copy_n(from.inline_.buckets, buckets(), inline_.buckets);
+        buckets_ = inline_.buckets;
+      }
+    } else {
+      buckets_ = from.buckets_;
+    }
+    from.buckets_ = nullptr;
   }
 
   // Allocates or grows the bucket array for one more member, before it is
@@ -313,7 +392,7 @@ class HashMap {
   // Takes a reference to m and links it into the room made for it.
   void linkNew(M* m) {
     m->newRef();
-    link(m, buckets_.get(), log2Buckets_);
+    link(m, buckets_, log2Buckets_);
     ++members_;
   }
 
@@ -338,10 +417,20 @@ class HashMap {
   // walking each old chain from its back keeps the chain order in the new
   // buckets.
   void growTo(U8 log2) {
-    std::unique_ptr<M*[]> bigger = newBuckets(log2);
+    // An inline array growing into itself is read from a copy.
+    std::array<M*, InlineBuckets> inlineBefore;
+    M** before = buckets_;
+    if constexpr (InlineBuckets > 0) {
+      if (fitsInline(log2)) {
+        std::copy_n(buckets_, buckets(), inlineBefore.data());
+        before = inlineBefore.data();
+      }
+    }
+    const bool heapBefore = !bucketsInline();
+    M** bigger = newBuckets(log2);
     for (U32 b = 0, n = buckets(); b < n; ++b) {
       M* reversed = nullptr;
-      for (M* m = buckets_[b]; m;) {
+      for (M* m = before[b]; m;) {
         M* next = m->next_;
         m->next_ = reversed;
         reversed = m;
@@ -349,11 +438,12 @@ class HashMap {
       }
       while (reversed) {
         M* next = reversed->next_;
-        link(reversed, bigger.get(), log2);
+        link(reversed, bigger, log2);
         reversed = next;
       }
     }
-    buckets_ = std::move(bigger);
+    if (heapBefore) delete[] buckets_;
+    buckets_ = bigger;
     log2Buckets_ = log2;
   }
 
@@ -380,9 +470,17 @@ class HashMap {
     return end();
   }
 
-  std::unique_ptr<M*[]> buckets_;
+  struct NoInlineBuckets {};
+  struct InlineBucketArray {
+    M* buckets[InlineBuckets > 0 ? InlineBuckets : 1];
+  };
+
+  // Null until the first insertion, then inline_.buckets or a heap array.
+  M** buckets_ = nullptr;
   U32 members_ = 0;
   U8 log2Buckets_;
+  [[no_unique_address]] std::conditional_t<InlineBuckets == 0, NoInlineBuckets, InlineBucketArray>
+      inline_;
 };
 
 }  // namespace Kiln

@@ -219,6 +219,12 @@ class Collection(Emitter):
         return "DirectHashMap" if self.a.direct else "HashMap"
 
     @property
+    def container_args(self):
+        """The container's template arguments after the member, key and value."""
+        # 16: the buckets a map starts with, which small collections keep.
+        return ", 16" if self.a.inline else ""
+
+    @property
     def member_base(self):
         if self.a.kind == "ordered":
             return "DirectOrderedMember" if self.a.direct else "RbTreeMember"
@@ -258,7 +264,7 @@ class Collection(Emitter):
                 f"  using {self.member_base}::{self.member_base};",
                 *guard,
                 "};",
-                f"typedef Kiln::{self.container}<{M}, {K}, {V}> {X}Map;",
+                f"typedef Kiln::{self.container}<{M}, {K}, {V}{self.container_args}> {X}Map;",
                 f"typedef {X}Map::Iterator {X}Iterator;"]
 
     def storage(self):

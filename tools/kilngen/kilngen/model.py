@@ -21,6 +21,7 @@ class Attribute:
     custom: bool = False      # hand-written setter
     observed: bool = False    # collection of values: every member change calls xObserved
     direct: bool = False      # keyed collection of a small integer key: also an array by key
+    inline: bool = False      # hash-map collection: up to 16 buckets kept inside the owner
     plain: bool = False       # ctor parameter kept without a type-record entry
     settable: bool = False    # an operator may set it at run time (recorded, not enforced)
     entity: bool = False      # collection/singleton value is an entity the owner creates

@@ -254,7 +254,8 @@ class _Parser:
         a.name, decl = m.group(1), m.group(2).strip()
         words = decl.split()
         # Trailing options.
-        while words and words[-1] in ("custom", "plain", "settable", "observed", "direct"):
+        while words and words[-1] in ("custom", "plain", "settable", "observed", "direct",
+                                      "inline"):
             setattr(a, words.pop(), True)
         if len(words) >= 3 and words[-2] == "by":
             a.by = words[-1]
@@ -274,6 +275,8 @@ class _Parser:
             self.fail(number, "only a collection is 'observed'")
         if a.direct and kind not in ("coll", "ordered"):
             self.fail(number, "only a collection ('coll' or 'ordered') is 'direct'")
+        if a.inline and (kind != "coll" or a.direct):
+            self.fail(number, "only a 'coll' that is not 'direct' keeps its buckets 'inline'")
         if a.default is not None and kind not in ("attr", "counter", "field"):
             self.fail(number, f"a {kind} attribute has no default")
         if a.null_text and not a.by:

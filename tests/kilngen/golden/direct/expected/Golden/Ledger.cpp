@@ -3,7 +3,7 @@
 // entity Ledger : Kiln::PtrInterface
 //   coll slots : U16 -> bool observed direct
 //   coll owners : U8 -> U32 direct
-//   coll names : U16 -> Kiln::Name
+//   coll names : U16 -> Kiln::Name inline
 //   ordered spare : U16 -> bool observed direct
 //   ordered marks : S8 -> U32 direct
 #include "Golden/Ledger.h"

@@ -3,7 +3,7 @@
 // entity Ledger : Kiln::PtrInterface
 //   coll slots : U16 -> bool observed direct
 //   coll owners : U8 -> U32 direct
-//   coll names : U16 -> Kiln::Name
+//   coll names : U16 -> Kiln::Name inline
 //   ordered spare : U16 -> bool observed direct
 //   ordered marks : S8 -> U32 direct
 #pragma once
@@ -59,7 +59,7 @@ class Ledger : public Kiln::PtrInterface, public Kiln::Allocated<Ledger> {
    public:
     using HashMapMember::HashMapMember;
   };
-  typedef Kiln::HashMap<KilnNames, U16, Kiln::Name> NamesMap;
+  typedef Kiln::HashMap<KilnNames, U16, Kiln::Name, 16> NamesMap;
   typedef NamesMap::Iterator NamesIterator;
 
   // A member of spare: key U16, value bool.
