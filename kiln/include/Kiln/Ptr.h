@@ -76,17 +76,11 @@ class PtrInterface {
   }
 
   // Drops one reference; the last one signals zeroReferencesIs(true) and
-  // destroys the object.
-  void deleteRef() const {
-    if (referenceDropped()) {
-      PtrInterface* self = const_cast<PtrInterface*>(this);
-      self->zeroReferencesIs(true);
-      delete self;
-    }
-  }
+  // destroys the object (dropReference(this)).
+  void deleteRef() const;
 
   // Drops one reference and tells whether it was the last; the caller then
-  // destroys the object as deleteRef() does (see dropReference()).
+  // ends the object (dropReference()).
   bool referenceDropped() const {
     if (enableThreadSafePointers.load(std::memory_order_relaxed)) {
       return std::atomic_ref<U32>(references_).fetch_sub(1, std::memory_order_acq_rel) == 1;
@@ -98,23 +92,20 @@ class PtrInterface {
   mutable U32 references_ = 0;
 };
 
-// Drops one reference to object, as object->deleteRef() does. For a final
-// type (every generated collection member is one) the type is known here, so
-// the calls that end an object (zeroReferencesIs, the destructor, the slot
-// pool's release) are direct and may be inlined instead of two virtual calls:
-// members are released by the thousand as a table changes.
+// Drops one reference to object; the last one signals zeroReferencesIs(true)
+// and destroys it. Both calls go through T: for a final type (every
+// generated collection member is one) they are direct and may be inlined,
+// with the slot pool's release, instead of two virtual calls. Members are
+// released by the thousand as a table changes.
 template <class T>
 void dropReference(const T* object) {
-  if constexpr (std::is_final_v<T>) {
-    if (object->referenceDropped()) {
-      T* self = const_cast<T*>(object);
-      self->zeroReferencesIs(true);
-      delete self;
-    }
-  } else {
-    object->deleteRef();
-  }
+  if (!object->referenceDropped()) return;
+  T* self = const_cast<T*>(object);
+  self->zeroReferencesIs(true);
+  delete self;
 }
+
+inline void PtrInterface::deleteRef() const { dropReference(this); }
 
 // Strong pointer. May be null; copying adds a reference, destruction or
 // reassignment drops one.
